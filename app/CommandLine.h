@@ -1,0 +1,23 @@
+// The executable's options. Unknown arguments are kept (the launch arguments
+// "-fromlaunchagent" and kin are read elsewhere) and never rejected.
+//
+// Threads: main thread, at start-up. Plain value type.
+#pragma once
+
+#include <QString>
+#include <QStringList>
+
+namespace brix {
+
+struct CommandLine {
+    bool help = false;
+    bool version = false;
+    bool headless = false;
+    QString cameraBackend; // "simulator", "gphoto2", "edsdk", "auto"; empty = environment or default
+    QStringList errors;    // options given with a bad value
+
+    static CommandLine parse(const QStringList &arguments);
+    static QString helpText(const QString &programName);
+};
+
+} // namespace brix

@@ -1,0 +1,74 @@
+// BrixCanonCapture: entry point. Wires the station's objects together and runs
+// the main loop, with or without the window.
+#include "BundleInfo.h"
+#include "CommandLine.h"
+#include "Dispatch.h"
+#include "Logger.h"
+#include "MainWindow.h"
+#include "Paths.h"
+#include "SignalWatcher.h"
+
+#include <QApplication>
+#include <QCoreApplication>
+
+#include <cstdio>
+#include <memory>
+
+using namespace brix;
+
+int main(int argc, char **argv) {
+    // Before any thread exists, so that every thread inherits the blocked mask
+    // and the signals reach only the signalfd.
+    SignalWatcher::blockTerminationSignals();
+    dispatch::setMainThread();
+
+    QStringList arguments;
+    for (int i = 0; i < argc; ++i)
+        arguments << QString::fromLocal8Bit(argv[i]);
+    const CommandLine options = CommandLine::parse(arguments);
+    const QString program = arguments.isEmpty() ? QString(bundle::kName) : arguments.first().section('/', -1);
+
+    if (options.help) {
+        std::fputs(qPrintable(CommandLine::helpText(program)), stdout);
+        return 0;
+    }
+    if (options.version) {
+        std::printf("%s %s\n", bundle::kName, bundle::kShortVersion);
+        return 0;
+    }
+    if (!options.errors.isEmpty()) {
+        for (const QString &e : options.errors)
+            std::fprintf(stderr, "%s: %s\n", qPrintable(program), qPrintable(e));
+        return 2;
+    }
+
+    std::unique_ptr<QCoreApplication> app;
+    if (options.headless)
+        app = std::make_unique<QCoreApplication>(argc, argv);
+    else
+        app = std::make_unique<QApplication>(argc, argv);
+    QCoreApplication::setApplicationName(bundle::kName);
+    QCoreApplication::setApplicationVersion(bundle::kShortVersion);
+
+    SignalWatcher signalWatcher;
+    QObject::connect(&signalWatcher, &SignalWatcher::terminationRequested, app.get(), [](int signalNumber) {
+        Logger::setError(QStringLiteral("received signal %1, quitting").arg(signalNumber));
+        QCoreApplication::quit();
+    });
+
+    Logger::setError(QStringLiteral("%1 %2 starting (%3)")
+                         .arg(bundle::kName, bundle::kShortVersion,
+                              options.headless ? QStringLiteral("headless") : QStringLiteral("window")));
+
+    std::unique_ptr<MainWindow> window;
+    if (!options.headless) {
+        window = std::make_unique<MainWindow>();
+        window->show();
+    }
+
+    const int status = app->exec();
+    Logger::setError(QStringLiteral("%1 ended with status %2").arg(bundle::kName).arg(status));
+    Logger::flush();
+    window.reset();
+    return status;
+}

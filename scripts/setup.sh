@@ -1,0 +1,31 @@
+#!/usr/bin/env bash
+# Installs every Debian package the station needs to build, run and test.
+# Safe to run again: apt-get skips what is already installed.
+set -euo pipefail
+
+packages=(
+  build-essential cmake ninja-build pkg-config git clang-format
+  qt6-base-dev qt6-base-dev-tools libqt6dbus6 libqt6test6 libgl-dev
+  libicu-dev libplist-dev libexiv2-dev libgphoto2-dev libcanberra-dev libudev-dev
+  dbus dbus-x11 xvfb xauth procps
+  libgtest-dev libgmock-dev googletest libbenchmark-dev libspdlog-dev
+  clang libclang-rt-14-dev
+)
+
+missing=()
+for p in "${packages[@]}"; do
+  if ! dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed'; then
+    missing+=("$p")
+  fi
+done
+
+if [ ${#missing[@]} -eq 0 ]; then
+  echo "setup: all packages present"
+  exit 0
+fi
+
+SUDO=""
+if [ "$(id -u)" -ne 0 ]; then SUDO=sudo; fi
+export DEBIAN_FRONTEND=noninteractive
+$SUDO apt-get update -qq
+$SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"

@@ -1,0 +1,146 @@
+#include "NotificationCenter.h"
+#include "Scheduling.h"
+#include "TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+using namespace brix;
+
+TEST(SerialQueue, RunsTasksOneAtATimeInSubmissionOrder) {
+    auto queue = Scheduling::dispatchQueueSerialWithDebugLabel("test.serial");
+    constexpr int kThreads = 4, kPerThread = 2000;
+    std::atomic<int> inFlight{0};
+    std::atomic<bool> overlapped{false};
+    std::vector<std::vector<int>> seen(kThreads);
+    std::vector<std::thread> submitters;
+    for (int t = 0; t < kThreads; ++t)
+        submitters.emplace_back([&, t] {
+            for (int i = 0; i < kPerThread; ++i)
+                queue->async([&, t, i] {
+                    if (inFlight.fetch_add(1) != 0)
+                        overlapped = true;
+                    seen[t].push_back(i); // safe only because tasks never overlap
+                    inFlight.fetch_sub(1);
+                });
+        });
+    for (auto &s : submitters)
+        s.join();
+    test::drain(queue);
+    EXPECT_FALSE(overlapped);
+    for (int t = 0; t < kThreads; ++t) {
+        ASSERT_EQ(int(seen[t].size()), kPerThread);
+        for (int i = 0; i < kPerThread; ++i)
+            ASSERT_EQ(seen[t][i], i) << "submitter " << t;
+    }
+}
+
+TEST(OneAtATime, LaneNeverOverlapsAndKeepsOrder) {
+    constexpr int kThreads = 6, kPerThread = 150;
+    std::atomic<int> inFlight{0};
+    std::atomic<bool> overlapped{false};
+    std::mutex m;
+    std::vector<std::vector<int>> seen(kThreads);
+    std::vector<std::thread> submitters;
+    for (int t = 0; t < kThreads; ++t)
+        submitters.emplace_back([&, t] {
+            for (int i = 0; i < kPerThread; ++i) {
+                auto block = [&, t, i] {
+                    if (inFlight.fetch_add(1) != 0)
+                        overlapped = true;
+                    {
+                        std::lock_guard lk(m);
+                        seen[t].push_back(i);
+                    }
+                    std::this_thread::yield();
+                    inFlight.fetch_sub(1);
+                };
+                if (i % 10 == 0)
+                    Scheduling::performOneAtATimeSync(block);
+                else
+                    Scheduling::performOneAtATimeAsync(block);
+            }
+        });
+    for (auto &s : submitters)
+        s.join();
+    Scheduling::performOneAtATimeSync([] {});
+    EXPECT_FALSE(overlapped);
+    for (int t = 0; t < kThreads; ++t) {
+        ASSERT_EQ(int(seen[t].size()), kPerThread);
+        for (int i = 0; i < kPerThread; ++i)
+            ASSERT_EQ(seen[t][i], i);
+    }
+}
+
+TEST(RunOnce, CallsFromManyThreadsOnTheRealClockRunOncePerEdge) {
+    auto target = Scheduling::dispatchQueueSerialWithDebugLabel("test.runonce.threads");
+    std::atomic<int> leading{0}, trailing{0};
+    std::vector<std::thread> callers;
+    for (int t = 0; t < 4; ++t)
+        callers.emplace_back([&] {
+            for (int i = 0; i < 50; ++i) {
+                Scheduling::runOnceForKeyCollectingFor("threads.lead", target, 0.5, [&] { ++leading; });
+                Scheduling::runOnceForKeyAfterWaiting("threads.trail", target, 0.5, [&] { ++trailing; });
+            }
+        });
+    for (auto &c : callers)
+        c.join();
+    ASSERT_TRUE(test::processEventsUntil([&] { return trailing.load() == 1; }));
+    test::drain(Scheduling::coalescingQueue());
+    test::drain(target);
+    EXPECT_EQ(leading, 1);
+    EXPECT_EQ(trailing, 1);
+}
+
+TEST(NotificationCenter, ObserversAddedAndRemovedWhilePostingFromManyThreads) {
+    NotificationCenter center;
+    std::atomic<int> stableCalls{0};
+    auto stable = center.addObserver("tick", {}, [&](const Notification &) { ++stableCalls; });
+    std::atomic<bool> stop{false};
+    constexpr int kPosters = 4, kPosts = 2000;
+    std::vector<std::thread> threads;
+    for (int p = 0; p < kPosters; ++p)
+        threads.emplace_back([&] {
+            for (int i = 0; i < kPosts; ++i)
+                center.post("tick", {}, {{"i", i}});
+        });
+    for (int c = 0; c < 2; ++c)
+        threads.emplace_back([&] {
+            std::atomic<int> churnCalls{0};
+            while (!stop) {
+                auto token = center.addObserver("tick", {}, [&](const Notification &) { ++churnCalls; });
+                center.removeObserver(token);
+            }
+        });
+    for (int p = 0; p < kPosters; ++p)
+        threads[p].join();
+    stop = true;
+    for (size_t i = kPosters; i < threads.size(); ++i)
+        threads[i].join();
+    EXPECT_EQ(stableCalls, kPosters * kPosts);
+    center.removeObserver(stable);
+    EXPECT_EQ(center.observerCount(), 0u);
+}
+
+TEST(NotificationCenter, HandOffsToTheMainThread) {
+    NotificationCenter center;
+    std::atomic<int> onMain{0}, offMain{0};
+    center.addObserver("handoff", {}, [&](const Notification &) {
+        (dispatch::isMainThread() ? onMain : offMain)++;
+    });
+    std::atomic<bool> waitedReturned{false};
+    std::atomic<int> seenWhenWaitReturned{-1};
+    dispatch::detachThread("test.poster", [&] {
+        center.postOnMainAndWait(Notification{"handoff", {}, {}, {}});
+        seenWhenWaitReturned = onMain.load();
+        center.postOnMainNoWait(Notification{"handoff", {}, {}, {}});
+        waitedReturned = true;
+    });
+    ASSERT_TRUE(test::processEventsUntil([&] { return waitedReturned && onMain == 2; }));
+    EXPECT_EQ(seenWhenWaitReturned, 1);
+    EXPECT_EQ(offMain, 0);
+}

@@ -1,0 +1,257 @@
+#include "Scheduling.h"
+#include "TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <QCoreApplication>
+
+#include <atomic>
+#include <cmath>
+#include <mutex>
+#include <vector>
+
+using namespace brix;
+using dispatch::ManualClock;
+
+namespace {
+
+// Drives run-once calls on a manual clock and records at what time each block ran.
+class RunOnceTest : public ::testing::Test {
+protected:
+    void SetUp() override { dispatch::setClock(&clock_); }
+    void TearDown() override { dispatch::setClock(nullptr); }
+
+    // Moves time to `seconds` (absolute), letting every due timer and block run.
+    void at(double seconds) {
+        double delta = seconds - now();
+        if (delta > 0)
+            clock_.advanceSeconds(delta, [this] { settle(); });
+        settle();
+    }
+    void settle() {
+        test::drain(Scheduling::coalescingQueue());
+        test::drain(target_);
+    }
+    // Milliseconds are exact enough and compare without rounding trouble.
+    double now() const { return double(std::llround(double(clock_.now().count()) / 1e6)) / 1000.0; }
+
+    void call(const QVariant &key, unsigned when, double wait, int tag = 0) {
+        Scheduling::runOnceForKeyWhen(key, target_, wait, when, [this, tag] {
+            std::lock_guard lk(m_);
+            runs_.push_back({now(), tag});
+        });
+        settle();
+    }
+    std::vector<std::pair<double, int>> runs() {
+        std::lock_guard lk(m_);
+        return runs_;
+    }
+
+    ManualClock clock_;
+    QueuePtr target_ = Scheduling::dispatchQueueSerialWithDebugLabel("test.target");
+    std::mutex m_;
+    std::vector<std::pair<double, int>> runs_;
+};
+
+} // namespace
+
+TEST_F(RunOnceTest, LeadingEdgeSwallowsABurstAndRunsAgainAfterIt) {
+    for (double t : {0.0, 0.5, 1.2}) {
+        at(t);
+        call("lead", Scheduling::kRunAtStart, 1.0);
+    }
+    at(2.25);
+    ASSERT_EQ(runs().size(), 1u);
+    EXPECT_DOUBLE_EQ(runs()[0].first, 0.0);
+    at(2.3);
+    call("lead", Scheduling::kRunAtStart, 1.0);
+    ASSERT_EQ(runs().size(), 2u);
+    EXPECT_DOUBLE_EQ(runs()[1].first, 2.3);
+    at(10);
+    EXPECT_EQ(Scheduling::pendingRunOnceKeys(), 0);
+}
+
+TEST_F(RunOnceTest, TrailingEdgeRunsTheLastBlockOneWaitAfterTheLastCall) {
+    int tag = 0;
+    for (double t : {0.0, 0.5, 1.2}) {
+        at(t);
+        call("trail", Scheduling::kRunAtEnd, 1.0, ++tag);
+    }
+    at(2.19);
+    EXPECT_TRUE(runs().empty());
+    at(2.2);
+    ASSERT_EQ(runs().size(), 1u);
+    EXPECT_DOUBLE_EQ(runs()[0].first, 2.2);
+    EXPECT_EQ(runs()[0].second, 3); // the last call's block
+    at(10);
+    EXPECT_EQ(runs().size(), 1u);
+    EXPECT_EQ(Scheduling::pendingRunOnceKeys(), 0);
+}
+
+TEST_F(RunOnceTest, BothEdgesWithOneCallRunTwice) {
+    call("both", Scheduling::kRunAtStart | Scheduling::kRunAtEnd, 1.0);
+    at(5);
+    ASSERT_EQ(runs().size(), 2u);
+    EXPECT_DOUBLE_EQ(runs()[0].first, 0.0);
+    EXPECT_DOUBLE_EQ(runs()[1].first, 1.0);
+}
+
+TEST_F(RunOnceTest, KeysCompareByValueAndDifferentKeysAreIndependent) {
+    // Two separately built but equal keys belong to one burst.
+    call(QString("a") + "b", Scheduling::kRunAtStart, 1.0, 1);
+    call(QString("ab"), Scheduling::kRunAtStart, 1.0, 2);
+    call(QString("other"), Scheduling::kRunAtStart, 1.0, 3);
+    call(42, Scheduling::kRunAtStart, 1.0, 4);
+    at(5);
+    std::vector<int> tags;
+    for (auto &r : runs())
+        tags.push_back(r.second);
+    EXPECT_EQ(tags, (std::vector<int>{1, 3, 4}));
+}
+
+TEST_F(RunOnceTest, IntervalSeriesStopsWhenItsObjectDies) {
+    struct Counter {
+        std::atomic<int> ticks{0};
+    };
+    auto counter = std::make_shared<Counter>();
+    std::atomic<int> setupCalls{0};
+    Scheduling::performAtInterval<Counter>(
+        counter,
+        [](Counter &c, double) {
+            ++c.ticks;
+            return 1.0;
+        },
+        target_,
+        [&](Counter &, double previous) {
+            EXPECT_EQ(previous, -1.0);
+            ++setupCalls;
+            return 0.5;
+        });
+    settle();
+    at(0.49);
+    EXPECT_EQ(counter->ticks, 0);
+    at(0.5);
+    EXPECT_EQ(counter->ticks, 1);
+    at(2.5);
+    EXPECT_EQ(counter->ticks, 3);
+    std::weak_ptr<Counter> weak = counter;
+    counter.reset();
+    at(10);
+    EXPECT_TRUE(weak.expired()); // the series did not keep it alive
+    EXPECT_EQ(setupCalls, 1);
+}
+
+TEST_F(RunOnceTest, IntervalSeriesEndsOnANonPositiveAnswer) {
+    auto owner = std::make_shared<int>(0);
+    Scheduling::performAtInterval<int>(
+        owner,
+        [](int &ticks, double) {
+            ++ticks;
+            return ticks < 3 ? 1.0 : 0.0;
+        },
+        target_);
+    settle(); // first delay comes from the interval block itself: tick 1
+    at(20);
+    EXPECT_EQ(*owner, 3);
+}
+
+TEST(Scheduling, AfterDelayZeroIsNeverInline) {
+    auto queue = Scheduling::dispatchQueueSerialWithDebugLabel("test.after");
+    std::atomic<bool> ran{false};
+    std::atomic<bool> ranInline{true};
+    queue->sync([&] {
+        Scheduling::afterDelay(0, queue, [&] { ran = true; });
+        ranInline = ran.load();
+    });
+    EXPECT_FALSE(ranInline);
+    EXPECT_TRUE(test::processEventsUntil([&] { return ran.load(); }));
+
+    bool mainRan = false;
+    Scheduling::afterDelayOnMainQueuePerformBlock(0, [&] { mainRan = true; });
+    EXPECT_FALSE(mainRan);
+    EXPECT_TRUE(test::processEventsUntil([&] { return mainRan; }));
+}
+
+TEST(Scheduling, SyncOnItsOwnQueueRunsInlineInsteadOfDeadlocking) {
+    auto queue = Scheduling::dispatchQueueSerialWithDebugLabel("test.sync");
+    std::vector<int> order;
+    queue->sync([&] {
+        order.push_back(1);
+        Scheduling::performSyncOnQueue(queue, [&] { order.push_back(2); });
+        Scheduling::performInlineOnQueue(queue, [&] { order.push_back(3); });
+        order.push_back(4);
+    });
+    EXPECT_EQ(order, (std::vector<int>{1, 2, 3, 4}));
+
+    // From elsewhere, performInlineOnQueue does not wait.
+    std::atomic<bool> release{false};
+    std::atomic<bool> ran{false};
+    queue->async([&] {
+        while (!release)
+            std::this_thread::yield();
+    });
+    Scheduling::performInlineOnQueue(queue, [&] { ran = true; });
+    EXPECT_FALSE(ran);
+    release = true;
+    test::drain(queue);
+    EXPECT_TRUE(ran);
+}
+
+TEST(Scheduling, MainQueueIdentityAndLabels) {
+    EXPECT_TRUE(Scheduling::isMainQueue());
+    EXPECT_STREQ(dispatch::currentQueueLabel(), "com.apple.main-thread");
+
+    auto queue = Scheduling::dispatchQueueSerialWithDebugLabel("test.labels");
+    bool onMain = true;
+    std::string label;
+    queue->sync([&] {
+        onMain = Scheduling::isMainQueue();
+        label = dispatch::currentQueueLabel();
+    });
+    EXPECT_FALSE(onMain);
+    EXPECT_EQ(label, "test.labels");
+
+    std::atomic<bool> done{false};
+    std::string detachedLabel;
+    dispatch::detachThread("test.detached", [&] {
+        detachedLabel = dispatch::currentQueueLabel();
+        done = true;
+    });
+    ASSERT_TRUE(test::processEventsUntil([&] { return done.load(); }));
+    EXPECT_EQ(detachedLabel, "com.apple.root.default-qos");
+
+    // A sync hop onto the main queue from another thread runs there, and
+    // performSyncOnMainQueue from the main thread runs inline.
+    std::atomic<bool> hopDone{false};
+    bool hopWasMain = false;
+    dispatch::detachThread("test.hop", [&] {
+        Scheduling::performSyncOnMainQueue([&] { hopWasMain = Scheduling::isMainQueue(); });
+        hopDone = true;
+    });
+    ASSERT_TRUE(test::processEventsUntil([&] { return hopDone.load(); }));
+    EXPECT_TRUE(hopWasMain);
+}
+
+TEST(Scheduling, ConcurrentQueueBarrierRunsAlone) {
+    auto queue = Scheduling::dispatchQueueConcurrentWithDebugLabel("test.concurrent");
+    std::atomic<int> inFlight{0};
+    std::atomic<int> maxSeenByBarrier{-1};
+    std::atomic<int> before{0}, after{0};
+    for (int i = 0; i < 20; ++i)
+        queue->async([&] {
+            ++inFlight;
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            ++before;
+            --inFlight;
+        });
+    queue->barrierAsync([&] {
+        maxSeenByBarrier = inFlight.load();
+        EXPECT_EQ(before.load(), 20);
+        EXPECT_EQ(after.load(), 0);
+    });
+    for (int i = 0; i < 20; ++i)
+        queue->async([&] { ++after; });
+    queue->barrierSync([] {});
+    EXPECT_EQ(maxSeenByBarrier, 0);
+    EXPECT_EQ(after, 20);
+}
