@@ -948,6 +948,9 @@ void SimulatorSdk::shootLocked(Camera *camera) {
     camera->fileCounter = camera->fileCounter % 9999 + 1;
     if (closing_)
         return;
+    // Where the shot goes is decided when it is taken, not when it is written.
+    if (!(camera->props.at(kEdsPropID_SaveTo).value & kEdsSaveTo_Host))
+        return; // on the card only: the host is not told
     retainLocked(camera, true);
     post([this, camera, shotNumber, file = camera->fileCounter, ext = shotExtension_, bytes = shotBytes_,
           model = camera->model, offset = camera->clockOffsetMs] {
@@ -965,9 +968,9 @@ void SimulatorSdk::deliverShot(Camera *camera, unsigned shotNumber, unsigned fil
     QByteArray data = extension == "CR2" ? makeRawFile(jpeg, bytes, modelName) : padJpeg(jpeg, bytes);
 
     Lock lock(mutex_);
-    const bool toHost = camera->props.at(kEdsPropID_SaveTo).value & kEdsSaveTo_Host;
-    if (closing_ || !camera->attached || !toHost || data.isEmpty()) {
-        // A shot saved to the card only stays there; the host is not told.
+    if (closing_ || !camera->attached || data.isEmpty()) {
+        if (data.isEmpty())
+            Logger::setError(QStringLiteral("simulator: could not render shot %1").arg(shotNumber));
         releaseLocked(camera, true);
         return;
     }
