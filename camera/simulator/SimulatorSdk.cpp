@@ -3,9 +3,11 @@
 #include "Logger.h"
 #include "SimulatorImages.h"
 
+#include <QCoreApplication>
 #include <QDateTime>
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstring>
 #include <type_traits>
@@ -265,9 +267,19 @@ SimulatorSdk::~SimulatorSdk() {
         Lock lock(mutex_);
         closing_ = true;
     }
-    // Let deliveries under way finish; the ones still queued see closing_.
-    if (dispatch::currentQueue() != events_.get())
-        events_->sync([] {});
+    // Let deliveries under way finish; the ones still queued see closing_. A
+    // handler may be waiting for the main thread, so the main thread keeps its
+    // event loop turning while it waits instead of blocking.
+    if (dispatch::currentQueue() != events_.get()) {
+        if (dispatch::isMainThread() && QCoreApplication::instance()) {
+            auto drained = std::make_shared<std::atomic<bool>>(false);
+            events_->async([drained] { drained->store(true); });
+            while (!drained->load())
+                QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
+        } else {
+            events_->sync([] {});
+        }
+    }
     Lock lock(mutex_);
     const long leaked = totalRefs_ - internalRefs_;
     if (leaked != 0)
