@@ -306,13 +306,24 @@ public:
     MainQueue() : Queue(kMainQueueLabel) {}
     bool isSerial() const override { return true; }
 
+    // Tasks wait in our own list; the event loop only gets a wake-up. The hand-off
+    // then goes through a mutex that every tool (ThreadSanitizer included) can
+    // see, and a burst of tasks costs one event instead of one each.
     void async(Task task) override {
         QCoreApplication *app = QCoreApplication::instance();
         if (!app) {
             std::fprintf(stderr, "dispatch: main queue used before the application object exists; task dropped\n");
             return;
         }
-        QMetaObject::invokeMethod(app, [this, task = std::move(task)] { runTask(task); }, Qt::QueuedConnection);
+        bool wake;
+        {
+            std::lock_guard lk(m_);
+            tasks_.push_back(std::move(task));
+            wake = !wakeScheduled_;
+            wakeScheduled_ = true;
+        }
+        if (wake)
+            QMetaObject::invokeMethod(app, [this] { drain(); }, Qt::QueuedConnection);
     }
 
     void sync(Task task) override {
@@ -320,13 +331,29 @@ public:
             runTask(task);
             return;
         }
-        QCoreApplication *app = QCoreApplication::instance();
-        if (!app) {
-            std::fprintf(stderr, "dispatch: main queue used before the application object exists; task dropped\n");
-            return;
-        }
-        QMetaObject::invokeMethod(app, [this, &task] { runTask(task); }, Qt::BlockingQueuedConnection);
+        Completion done;
+        async([&] {
+            task();
+            done.signal();
+        });
+        done.wait();
     }
+
+private:
+    void drain() {
+        std::deque<Task> batch;
+        {
+            std::lock_guard lk(m_);
+            batch.swap(tasks_);
+            wakeScheduled_ = false;
+        }
+        for (auto &t : batch)
+            runTask(t);
+    }
+
+    std::mutex m_;
+    std::deque<Task> tasks_;
+    bool wakeScheduled_ = false;
 };
 
 } // namespace
