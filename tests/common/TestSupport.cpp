@@ -64,3 +64,5 @@ bool PrivateBus::start() {
     qputenv("DBUS_SESSION_BUS_ADDRESS", address_.toUtf8());
     return true;
 }
+
+} // namespace brix::test
