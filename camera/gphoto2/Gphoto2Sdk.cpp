@@ -611,6 +611,13 @@ struct Gphoto2Sdk::Impl {
             auto label = labelForValue(id, in.number);
             if (!label)
                 return EDS_ERR_INVALID_PARAMETER;
+            if (!current.choices.empty() &&
+                std::find(current.choices.begin(), current.choices.end(), *label) == current.choices.end()) {
+                Logger::setDebug(QStringLiteral("gphoto2: %1 does not offer \"%2\" for %3")
+                                     .arg(QString::fromStdString(c.id.model), QString::fromStdString(*label),
+                                          QString::fromStdString(current.name)));
+                return EDS_ERR_INVALID_PARAMETER;
+            }
             rc = writeWidget(c, c.widgetFor[id], textValue(*label));
             break;
         }
@@ -1584,6 +1591,8 @@ EdsError Gphoto2Sdk::EdsDownloadEvfImage(EdsCameraRef ref, EdsEvfImageRef evfRef
         return EDS_ERR_OK;
     });
 }
+
+dispatch::QueuePtr Gphoto2Sdk::hotplugQueue() const { return d->hotplug; }
 
 EdsUInt64 Gphoto2Sdk::streamPosition(EdsStreamRef ref) {
     auto *stream = d->as<StreamObj>(ref);

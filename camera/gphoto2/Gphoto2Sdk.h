@@ -18,6 +18,7 @@
 // keeps its reference across list updates.
 #pragma once
 
+#include "Dispatch.h"
 #include "EdsSdk.h"
 #include "Gphoto2Port.h"
 
@@ -124,6 +125,10 @@ public:
     // Bytes a memory stream has been written so far (tests, diagnostics);
     // 0xFFFFFFFFFFFFFFFF for anything that is not a stream.
     eds::EdsUInt64 streamPosition(eds::EdsStreamRef stream);
+
+    // The queue that runs hotplug detection and the camera-added handler
+    // (tests wait for it; diagnostics).
+    dispatch::QueuePtr hotplugQueue() const;
 
     struct Impl;
 

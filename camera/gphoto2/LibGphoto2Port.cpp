@@ -229,7 +229,7 @@ public:
 
     int listWidgets(Handle handle, std::vector<Widget> *widgets) override {
         widgets->clear();
-        OpenCamera *open = find(handle);
+        OpenCamera *open = use(handle);
         if (!open)
             return GP_ERROR_BAD_PARAMETERS;
         CameraWidget *root = nullptr;
@@ -242,7 +242,7 @@ public:
     }
 
     int getWidget(Handle handle, const std::string &name, Widget *widget) override {
-        OpenCamera *open = find(handle);
+        OpenCamera *open = use(handle);
         if (!open)
             return GP_ERROR_BAD_PARAMETERS;
         CameraWidget *w = nullptr;
@@ -255,7 +255,7 @@ public:
     }
 
     int setWidget(Handle handle, const std::string &name, const Widget &value) override {
-        OpenCamera *open = find(handle);
+        OpenCamera *open = use(handle);
         if (!open)
             return GP_ERROR_BAD_PARAMETERS;
         CameraWidget *w = nullptr;
@@ -288,7 +288,7 @@ public:
     }
 
     int waitForEvent(Handle handle, int timeoutMs, Event *event) override {
-        OpenCamera *open = find(handle);
+        OpenCamera *open = use(handle);
         if (!open)
             return GP_ERROR_BAD_PARAMETERS;
         CameraEventType type = GP_EVENT_TIMEOUT;
@@ -329,14 +329,14 @@ public:
     }
 
     int triggerCapture(Handle handle) override {
-        OpenCamera *open = find(handle);
+        OpenCamera *open = use(handle);
         if (!open)
             return GP_ERROR_BAD_PARAMETERS;
         return gp_camera_trigger_capture(open->camera, open->context);
     }
 
     int fileInfo(Handle handle, const std::string &folder, const std::string &name, FileInfo *info) override {
-        OpenCamera *open = find(handle);
+        OpenCamera *open = use(handle);
         if (!open)
             return GP_ERROR_BAD_PARAMETERS;
         CameraFileInfo fi;
@@ -356,7 +356,7 @@ public:
 
     int readFile(Handle handle, const std::string &folder, const std::string &name, uint64_t offset, char *buffer,
                  uint64_t *size) override {
-        OpenCamera *open = find(handle);
+        OpenCamera *open = use(handle);
         if (!open)
             return GP_ERROR_BAD_PARAMETERS;
         uint64_t got = *size;
@@ -367,7 +367,7 @@ public:
     }
 
     int getFile(Handle handle, const std::string &folder, const std::string &name, std::string *data) override {
-        OpenCamera *open = find(handle);
+        OpenCamera *open = use(handle);
         if (!open)
             return GP_ERROR_BAD_PARAMETERS;
         CameraFile *file = nullptr;
@@ -387,7 +387,7 @@ public:
     }
 
     int deleteFile(Handle handle, const std::string &folder, const std::string &name) override {
-        OpenCamera *open = find(handle);
+        OpenCamera *open = use(handle);
         if (!open)
             return GP_ERROR_BAD_PARAMETERS;
         const int rc = gp_camera_file_delete(open->camera, folder.c_str(), name.c_str(), open->context);
@@ -395,7 +395,7 @@ public:
     }
 
     int capturePreview(Handle handle, std::string *jpeg) override {
-        OpenCamera *open = find(handle);
+        OpenCamera *open = use(handle);
         if (!open)
             return GP_ERROR_BAD_PARAMETERS;
         CameraFile *file = nullptr;
@@ -460,6 +460,16 @@ private:
             gp_context_unref(open.context);
         open.camera = nullptr;
         open.context = nullptr;
+    }
+
+    // The camera of a handle, its last driver message cleared for the call.
+    OpenCamera *use(Handle handle) {
+        OpenCamera *open = find(handle);
+        if (open) {
+            std::lock_guard elock(open->errors->m);
+            open->errors->last.clear();
+        }
+        return open;
     }
 
     OpenCamera *find(Handle handle) {
