@@ -1592,6 +1592,20 @@ EdsError Gphoto2Sdk::EdsDownloadEvfImage(EdsCameraRef ref, EdsEvfImageRef evfRef
     });
 }
 
+long Gphoto2Sdk::callerReferences() {
+    std::lock_guard lock(d->m);
+    long total = 0;
+    for (Object *o : d->live) {
+        total += long(o->refs.load());
+        // A list's and an image's holds on what they contain are the backend's.
+        if (auto *list = dynamic_cast<ListObj *>(o))
+            total -= long(list->cameras.size());
+        if (dynamic_cast<EvfObj *>(o))
+            total -= 1;
+    }
+    return total - long(d->byPort.size());
+}
+
 dispatch::QueuePtr Gphoto2Sdk::hotplugQueue() const { return d->hotplug; }
 
 EdsUInt64 Gphoto2Sdk::streamPosition(EdsStreamRef ref) {

@@ -126,6 +126,10 @@ public:
     // 0xFFFFFFFFFFFFFFFF for anything that is not a stream.
     eds::EdsUInt64 streamPosition(eds::EdsStreamRef stream);
 
+    // References the host holds now: every count on a handed-out object, less
+    // the backend's own hold on each attached camera (tests, diagnostics).
+    long callerReferences();
+
     // The queue that runs hotplug detection and the camera-added handler
     // (tests wait for it; diagnostics).
     dispatch::QueuePtr hotplugQueue() const;

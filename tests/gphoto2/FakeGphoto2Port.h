@@ -13,9 +13,15 @@
 
 #include "Gphoto2Port.h"
 
+#include <QBuffer>
+#include <QByteArray>
+#include <QImage>
+#include <QPainter>
+
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <cstdio>
 #include <cstring>
 #include <deque>
 #include <fstream>
@@ -26,6 +32,22 @@
 #include <stdexcept>
 
 namespace brix::gphoto2::replay {
+
+// A real JPEG picture, different for every seed.
+inline std::string jpegPicture(int width, int height, int seed) {
+    QImage image(width, height, QImage::Format_RGB32);
+    image.fill(QColor::fromHsv((seed * 37) % 360, 200, 220));
+    QPainter painter(&image);
+    painter.setPen(QPen(Qt::black, 9));
+    painter.drawLine(seed % width, 0, width - seed % width, height);
+    painter.drawEllipse(QPoint((seed * 13) % width, (seed * 7) % height), 40, 40);
+    painter.end();
+    QByteArray bytes;
+    QBuffer buffer(&bytes);
+    buffer.open(QIODevice::WriteOnly);
+    image.save(&buffer, "JPG", 92);
+    return bytes.toStdString();
+}
 
 inline std::vector<Widget> parseListAllConfig(const std::string &path) {
     std::ifstream in(path);
@@ -148,6 +170,10 @@ public:
         return files_.count(folder + "/" + name) != 0;
     }
     bool overlapped() const { return overlapped_; }
+    std::string lastShot() {
+        std::lock_guard lock(m_);
+        return lastShot_;
+    }
 
     // --- the adapter ---------------------------------------------------------------
     int driverCount() override { return 1; }
@@ -258,12 +284,10 @@ public:
                 return f;
             if (unplugged_)
                 return gp::Io;
-            const std::string name = "capt" + std::to_string(10000 + shots_++).substr(1) + ".jpg";
-            std::string jpeg = "\xFF\xD8\xFF\xE0";
-            for (int i = 0; i < 3000; ++i)
-                jpeg.push_back(char(i * 7));
-            jpeg += "\xFF\xD9";
-            files_["/store_00020001/DCIM/100CANON/" + name] = jpeg;
+            char name[16];
+            std::snprintf(name, sizeof name, "IMG_%04d.JPG", shots_);
+            lastShot_ = jpegPicture(1200, 800, shots_++);
+            files_[std::string("/store_00020001/DCIM/100CANON/") + name] = lastShot_;
             events_.push_back(Event{Event::Type::FileAdded, "", "/store_00020001/DCIM/100CANON", name});
             events_.push_back(Event{Event::Type::CaptureComplete, "", "", ""});
         }
@@ -328,7 +352,8 @@ public:
             return f;
         if (unplugged_)
             return gp::Io;
-        *jpeg = preview_;
+        // Live view runs at about 960x640 on EOS bodies.
+        *jpeg = preview_.empty() ? jpegPicture(960, 640, 1000 + frames_++) : preview_;
         return gp::OK;
     }
 
@@ -413,7 +438,9 @@ private:
     std::map<std::string, std::string> files_;
     std::vector<std::pair<std::string, std::string>> writes_;
     std::vector<uint64_t> readOffsets_;
-    std::string preview_ = std::string("\xFF\xD8\xFF\xDB", 4) + std::string(500, 'x') + "\xFF\xD9";
+    std::string preview_;
+    std::string lastShot_;
+    int frames_ = 0;
     std::string lastDetail_;
     bool unplugged_ = false;
     bool partialReads_ = true;
