@@ -31,6 +31,8 @@ EdsError onState(EdsStateEvent event, EdsUInt32, EdsVoid *) {
 } // namespace
 
 TEST(Gphoto2Concurrency, CallsFromManyThreadsNeverOverlapOnTheCamera) {
+    gChanges = 0;
+    gShutdowns = 0;
     auto port = std::make_shared<replay::FakeGphoto2Port>(replay::parseListAllConfig(replay::fixture("eos-5d-mark-iii.txt")));
     port->setDetected({{"Canon EOS 5D Mark III", "usb:002,003"}});
     Gphoto2Options o;
