@@ -45,6 +45,8 @@ constexpr EdsUInt32 kEosSubtype = 1;
 
 // After this many failed event fetches in a row the camera counts as gone.
 constexpr int kEventErrorLimit = 10;
+// Events handled in one pass of the event loop before other calls get a turn.
+constexpr int kEventsPerPass = 16;
 
 constexpr const char *kWidgetCaptureTarget = "capturetarget";
 constexpr const char *kWidgetViewfinder = "viewfinder";
@@ -125,6 +127,7 @@ struct CameraCore : std::enable_shared_from_this<CameraCore> {
     // device
     Gphoto2Port::Handle handle = 0;
     bool loopScheduled = false;
+    uint64_t loopTimer = 0;
     int errorStreak = 0;
     std::set<std::string> widgetNames;
     std::map<EdsPropertyID, std::string> widgetFor;
@@ -365,29 +368,40 @@ struct Gphoto2Sdk::Impl {
 
     // --- the event loop (device queue) ----------------------------------------
 
-    void scheduleLoop(const std::shared_ptr<CameraCore> &c) {
+    // One pass fetches what the body has to say without waiting in
+    // libgphoto2, then the next pass is a timer away: between passes the
+    // device queue is free, so calls from other threads (a download's next
+    // part, a live-view frame) never wait behind a blocking event wait. Each
+    // fetch also tells an EOS body to stay awake while it is tethered.
+    void scheduleLoop(const std::shared_ptr<CameraCore> &c, bool now = false) {
         if (c->loopScheduled)
             return;
         c->loopScheduled = true;
-        c->device->async([this, c] {
+        auto pass = [this, c] {
             c->loopScheduled = false;
             if (!c->open || c->gone)
                 return;
-            pump(c, options.eventWaitMs);
+            for (int i = 0; i < kEventsPerPass && pump(c); ++i) {
+            }
             scheduleLoop(c);
-        });
+        };
+        if (now)
+            c->device->async(std::move(pass));
+        else
+            c->loopTimer = dispatch::after(std::chrono::milliseconds(options.eventWaitMs), c->device, std::move(pass));
     }
 
-    void pump(const std::shared_ptr<CameraCore> &c, int timeoutMs) {
+    // Handles one event; false when the body had none (or failed).
+    bool pump(const std::shared_ptr<CameraCore> &c) {
         Event ev;
-        const int rc = port->waitForEvent(c->handle, timeoutMs, &ev);
+        const int rc = port->waitForEvent(c->handle, 0, &ev);
         if (rc < gp::OK) {
             if (rc == gp::CameraBusy)
-                return;
+                return false;
             const EdsError e = fail(*c, QStringLiteral("waiting for an event"), rc);
             if (e != EDS_ERR_COMM_DISCONNECTED && ++c->errorStreak >= kEventErrorLimit)
                 markGone(*c);
-            return;
+            return false;
         }
         c->errorStreak = 0;
         switch (ev.type) {
@@ -396,21 +410,23 @@ struct Gphoto2Sdk::Impl {
                                  .arg(QString::fromStdString(ev.folder), QString::fromStdString(ev.name),
                                       QString::fromStdString(c->id.model)));
             deliverObject(c, ev.folder, ev.name);
-            break;
+            return true;
         case Event::Type::Unknown:
             if (auto code = ptpCodeInEventText(ev.text))
                 propertyChanged(c, *code);
             else if (!ev.text.empty())
                 Logger::setVerbose(QStringLiteral("gphoto2: event \"%1\"").arg(QString::fromStdString(ev.text)));
-            break;
+            return true;
         case Event::Type::CaptureComplete:
             Logger::setVerbose(QStringLiteral("gphoto2: capture complete"));
-            break;
+            return true;
         case Event::Type::FolderAdded:
         case Event::Type::FileChanged:
+            return true;
         case Event::Type::Timeout:
             break;
         }
+        return false;
     }
 
     void propertyChanged(const std::shared_ptr<CameraCore> &c, uint32_t ptpCode) {
@@ -784,7 +800,7 @@ struct Gphoto2Sdk::Impl {
         Logger::setDebug(QStringLiteral("gphoto2: opened %1 on %2 (%3 settings)")
                              .arg(QString::fromStdString(c->id.model), QString::fromStdString(c->id.port))
                              .arg(widgets.size()));
-        scheduleLoop(c);
+        scheduleLoop(c, true);
         if (registration(*c, &CameraCore::property).handler)
             c->device->async([this, c] { announceDescriptions(c); });
         return EDS_ERR_OK;
@@ -804,6 +820,8 @@ struct Gphoto2Sdk::Impl {
                     fail(c, QStringLiteral("restoring capturetarget"), rc);
             }
         }
+        if (dispatch::cancelTimer(c.loopTimer))
+            c.loopScheduled = false;
         port->closeCamera(c.handle);
         c.handle = 0;
         c.open = false;
@@ -848,7 +866,7 @@ struct Gphoto2Sdk::Impl {
         }
         case kEdsCameraCommand_ExtendShutDownTimer:
             // Fetching events sends the body its keep-awake request.
-            pump(cp, 0);
+            pump(cp);
             return EDS_ERR_OK;
         case kEdsCameraCommand_BulbStart:
             return widgetCommand(kWidgetBulb, intValue(1), QStringLiteral("starting bulb"));

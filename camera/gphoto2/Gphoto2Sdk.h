@@ -3,8 +3,8 @@
 //
 // Threads: every operation may be called from any thread. Each camera has one
 // serial "device" queue that makes every libgphoto2 call for that camera and
-// runs its event loop (gp_camera_wait_for_event); calls from other threads are
-// marshalled onto it. State, property and object events are handed, in order,
+// runs its event loop (gp_camera_wait_for_event, one pass per timer tick);
+// calls from other threads are marshalled onto it. State, property and object events are handed, in order,
 // to the camera's serial "events" queue, where the handlers run; a handler may
 // call back into the boundary (the call then waits for the device queue,
 // never the other way round, so a handler that waits for the main thread while
@@ -49,8 +49,7 @@ struct Gphoto2Options {
     Hotplug hotplug = Hotplug::Auto;
     // Autodetect period when polling for new cameras.
     double pollSeconds = 2.0;
-    // How long one pass of a camera's event loop waits for the camera; other
-    // calls for that camera wait at most this long for their turn.
+    // Time between two passes of a camera's event loop (on the dispatch clock).
     int eventWaitMs = 30;
     // Claimed device: how often and how far apart to retry after releasing a mount.
     int claimRetries = 3;
