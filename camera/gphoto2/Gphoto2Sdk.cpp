@@ -950,6 +950,20 @@ struct Gphoto2Sdk::Impl {
 
     static bool isCanon(const DetectedCamera &c) { return containsNoCase(c.model, "canon"); }
 
+    // A body left the bus: a listed camera on that port reports shutdown, even
+    // without a session (an open session's event loop would notice as well).
+    void cameraRemoved(const std::string &portName) {
+        std::shared_ptr<CameraCore> core;
+        {
+            std::lock_guard lock(m);
+            auto it = byPort.find(portName);
+            if (it != byPort.end())
+                core = it->second->core;
+        }
+        if (core)
+            markGone(*core);
+    }
+
     void pollOnce() {
         std::vector<DetectedCamera> found;
         if (port->autodetect(&found) != gp::OK)
@@ -962,6 +976,9 @@ struct Gphoto2Sdk::Impl {
         for (const auto &p : ports)
             if (!knownPorts.count(p))
                 fresh = true;
+        for (const auto &p : knownPorts)
+            if (!ports.count(p))
+                cameraRemoved(p);
         knownPorts = ports;
         if (fresh && seeded)
             cameraAdded();
@@ -1010,6 +1027,10 @@ struct Gphoto2Sdk::Impl {
                 const char *gphoto = udev_device_get_property_value(dev, "ID_GPHOTO2");
                 if (action && gphoto && std::strcmp(gphoto, "1") == 0 && std::strcmp(action, "add") == 0)
                     cameraAdded();
+                const char *bus = udev_device_get_property_value(dev, "BUSNUM");
+                const char *devnum = udev_device_get_property_value(dev, "DEVNUM");
+                if (action && std::strcmp(action, "remove") == 0 && bus && devnum)
+                    cameraRemoved("usb:" + std::string(bus) + "," + std::string(devnum));
                 udev_device_unref(dev);
             }
         }

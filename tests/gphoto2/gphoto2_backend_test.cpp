@@ -527,6 +527,16 @@ TEST_F(Gphoto2Backend, PollingAnnouncesNewlyPluggedCameras) {
     clock.advanceSeconds(2.0, settle);
     clock.advanceSeconds(2.0, settle);
     EXPECT_EQ(added, 1); // still the same body
+
+    // A listed body pulled out reports shutdown without a session.
+    camera = first();
+    ASSERT_NE(camera, nullptr);
+    ASSERT_EQ(sdk->EdsSetCameraStateEventHandler(camera, kEdsStateEvent_All, Recorder::onState, &recorder), 0u);
+    port->setDetected({});
+    clock.advanceSeconds(2.0, settle);
+    ASSERT_TRUE(waitFor([&] { return recorder.count('s', kEdsStateEvent_Shutdown) == 1; }));
+    sdk->EdsRelease(camera);
+    camera = nullptr;
     sdk.reset();
     dispatch::setClock(nullptr);
 }
