@@ -20,7 +20,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <cstdio>
 #include <cstring>
 #include <deque>
@@ -121,7 +120,6 @@ public:
             std::lock_guard lock(m_);
             events_.push_back(std::move(e));
         }
-        cv_.notify_all();
     }
     void addFile(const std::string &folder, const std::string &name, std::string bytes) {
         std::lock_guard lock(m_);
@@ -133,7 +131,6 @@ public:
             unplugged_ = true;
             detected_.clear();
         }
-        cv_.notify_all();
     }
     void setPartialReads(bool supported) {
         std::lock_guard lock(m_);
@@ -255,16 +252,15 @@ public:
             if (auto code = ptpCodeOf(name))
                 events_.push_back(Event{Event::Type::Unknown, "PTP Property " + *code + " changed", "", ""});
         }
-        cv_.notify_all();
         return gp::OK;
     }
 
-    int waitForEvent(Handle, int timeoutMs, Event *event) override {
+    // The backend polls without waiting; a body with nothing to say answers at once.
+    int waitForEvent(Handle, int, Event *event) override {
         Call call(*this);
-        std::unique_lock lock(m_);
+        std::lock_guard lock(m_);
         if (int f = fault(Op::Wait))
             return f;
-        cv_.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return unplugged_ || !events_.empty(); });
         if (unplugged_)
             return gp::Io;
         if (events_.empty()) {
@@ -291,7 +287,6 @@ public:
             events_.push_back(Event{Event::Type::FileAdded, "", "/store_00020001/DCIM/100CANON", name});
             events_.push_back(Event{Event::Type::CaptureComplete, "", "", ""});
         }
-        cv_.notify_all();
         return gp::OK;
     }
 
@@ -430,7 +425,6 @@ private:
     }
 
     std::mutex m_;
-    std::condition_variable cv_;
     std::vector<Widget> tree_;
     std::vector<DetectedCamera> detected_;
     std::map<Op, std::deque<Fault>> faults_;
