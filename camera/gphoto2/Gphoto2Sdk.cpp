@@ -6,6 +6,9 @@
 #include "Gphoto2Tables.h"
 #include "Logger.h"
 #include "NotificationCenter.h"
+#ifdef BRIX_HAVE_PREFERENCE_STORE
+#include "Preferences.h"
+#endif
 
 #include <QProcess>
 
@@ -693,8 +696,16 @@ struct Gphoto2Sdk::Impl {
     bool mayReleaseDesktopMount() {
         if (options.mayReleaseDesktopMount)
             return options.mayReleaseDesktopMount();
-        std::lock_guard lock(gPolicyMutex);
-        return gPolicy ? gPolicy() : false;
+        {
+            std::lock_guard lock(gPolicyMutex);
+            if (gPolicy)
+                return gPolicy();
+        }
+#ifdef BRIX_HAVE_PREFERENCE_STORE
+        return Preferences::standard().boolForKey(QString::fromLatin1(kPrefReleaseCameraFromDesktop));
+#else
+        return false;
+#endif
     }
 
     int gio(const QStringList &arguments, QString *output) {

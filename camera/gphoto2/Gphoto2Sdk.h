@@ -39,9 +39,9 @@ inline constexpr const char *kPrefReleaseCameraFromDesktop = "prefReleaseCameraF
 // "port" = the camera's port.
 inline constexpr const char *kCameraInUseNotification = "BrixGphoto2CameraInUse";
 
-// Where the decision to release a desktop mount comes from. The application
-// installs a reader of kPrefReleaseCameraFromDesktop at start-up; until then the
-// answer is no and the operator is told what to do.
+// Where the decision to release a desktop mount comes from: this policy when one
+// is installed, else the preference kPrefReleaseCameraFromDesktop in the user's
+// store (absent = no: the operator is told what to do instead).
 void setDesktopMountReleasePolicy(std::function<bool()> policy);
 
 struct Gphoto2Options {
