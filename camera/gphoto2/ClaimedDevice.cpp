@@ -20,6 +20,33 @@ std::optional<QString> usbDeviceNode(const std::string &port) {
         .arg(m.captured(2).toInt(), 3, 10, QLatin1Char('0'));
 }
 
+std::optional<uint16_t> usbVendorId(const std::string &port, const QString &sysRoot) {
+    static const QRegularExpression re(QStringLiteral("^usb:(\\d{1,3}),(\\d{1,3})$"));
+    const auto m = re.match(QString::fromStdString(port));
+    if (!m.hasMatch())
+        return std::nullopt;
+    const int bus = m.captured(1).toInt(), dev = m.captured(2).toInt();
+    auto readNumber = [](const QString &path, int base) -> std::optional<int> {
+        QFile f(path);
+        if (!f.open(QIODevice::ReadOnly))
+            return std::nullopt;
+        bool ok = false;
+        const int v = QString::fromLatin1(f.readAll()).trimmed().toInt(&ok, base);
+        return ok ? std::optional<int>(v) : std::nullopt;
+    };
+    const QDir root(sysRoot);
+    for (const QString &entry : root.entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+        const QString dir = root.filePath(entry);
+        if (readNumber(dir + QStringLiteral("/busnum"), 10) == bus &&
+            readNumber(dir + QStringLiteral("/devnum"), 10) == dev) {
+            if (auto vendor = readNumber(dir + QStringLiteral("/idVendor"), 16))
+                return uint16_t(*vendor);
+            return std::nullopt;
+        }
+    }
+    return std::nullopt;
+}
+
 std::vector<Holder> processesHolding(const QString &node, const QString &procRoot) {
     std::vector<Holder> out;
     const QString self = QString::number(::getpid());

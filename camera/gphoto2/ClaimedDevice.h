@@ -1,4 +1,4 @@
-// What to do when libgphoto2 cannot claim the camera's USB interface because
+// USB facts about a camera's port, and what to do when libgphoto2 cannot claim the camera's USB interface because
 // another program holds it (GNOME's gvfs gphoto2 monitor, KDE's kamera, a
 // second gphoto2): find the USB device node of the port, the processes that
 // have it open, and the desktop's gphoto2:// mounts that may be released.
@@ -10,6 +10,7 @@
 #include <QString>
 #include <QStringList>
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -23,6 +24,12 @@ struct Holder {
 
 // "usb:001,005" -> "/dev/bus/usb/001/005"; nothing for other ports.
 std::optional<QString> usbDeviceNode(const std::string &port);
+
+// The USB vendor ID of the device on the port, read from sysfs
+// (<sysRoot>/<device>/busnum, devnum, idVendor); nothing when it is not found.
+std::optional<uint16_t> usbVendorId(const std::string &port,
+                                    const QString &sysRoot = QStringLiteral("/sys/bus/usb/devices"));
+inline constexpr uint16_t kCanonUsbVendor = 0x04a9;
 
 // Processes (other than this one) with the node open, found by reading the
 // links in <procRoot>/<pid>/fd. Processes we may not inspect are skipped.

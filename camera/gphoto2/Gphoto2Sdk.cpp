@@ -51,6 +51,7 @@ constexpr int kEventErrorLimit = 10;
 // Events handled in one pass of the event loop before other calls get a turn.
 constexpr int kEventsPerPass = 16;
 
+constexpr const char *kGenericPtpModel = "USB PTP Class Camera";
 constexpr const char *kWidgetCaptureTarget = "capturetarget";
 constexpr const char *kWidgetViewfinder = "viewfinder";
 constexpr const char *kWidgetRemoteRelease = "eosremoterelease";
@@ -959,7 +960,14 @@ struct Gphoto2Sdk::Impl {
             handler(context);
     }
 
-    static bool isCanon(const DetectedCamera &c) { return containsNoCase(c.model, "canon"); }
+    // A Canon body by its driver's model name, or a body newer than the
+    // installed libgphoto2 knows (shown as a generic PTP camera) with Canon's
+    // USB vendor ID.
+    bool isCanon(const DetectedCamera &c) const {
+        if (containsNoCase(c.model, "canon"))
+            return true;
+        return c.model == kGenericPtpModel && usbVendorId(c.port, options.sysUsbRoot) == kCanonUsbVendor;
+    }
 
     // A body left the bus: a listed camera on that port reports shutdown, even
     // without a session (an open session's event loop would notice as well).
@@ -1165,7 +1173,7 @@ EdsError Gphoto2Sdk::EdsGetCameraList(EdsCameraListRef *out) {
         std::lock_guard lock(d->m);
         std::set<std::string> present;
         for (const auto &cam : found) {
-            if (!Impl::isCanon(cam) || present.count(cam.port))
+            if (!d->isCanon(cam) || present.count(cam.port))
                 continue;
             present.insert(cam.port);
             CameraObj *&obj = d->byPort[cam.port];

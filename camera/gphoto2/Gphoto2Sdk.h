@@ -60,6 +60,8 @@ struct Gphoto2Options {
     // status (-1 when it could not run) and the standard output. Null = QProcess.
     std::function<int(const QStringList &arguments, QString *output)> runGio;
     QString procRoot = QStringLiteral("/proc");
+    // Where USB devices are described (vendor IDs of generic PTP cameras).
+    QString sysUsbRoot = QStringLiteral("/sys/bus/usb/devices");
     // Download chunk: one progress report and one cancel check per chunk.
     uint64_t downloadChunk = 1024 * 1024;
 };

@@ -171,38 +171,39 @@ public:
     }
 
     int openCamera(const DetectedCamera &which, Handle *handle) override {
-        std::lock_guard lock(m_);
-        int rc = loadLists();
-        if (rc < GP_OK)
-            return rc;
         OpenCamera open;
+        {
+            // The driver and port lists are shared; initialising the camera is
+            // not, and can take seconds, so it runs outside the lock.
+            std::lock_guard lock(m_);
+            int rc = loadLists();
+            if (rc < GP_OK)
+                return rc;
+            const int model = gp_abilities_list_lookup_model(abilities_, which.model.c_str());
+            if (model < GP_OK) {
+                lastOpenError_ = "no driver for the model \"" + which.model + "\"";
+                return model;
+            }
+            const int port = gp_port_info_list_lookup_path(ports_, which.port.c_str());
+            if (port < GP_OK) {
+                lastOpenError_ = "no such port \"" + which.port + "\"";
+                return port;
+            }
+            rc = gp_camera_new(&open.camera);
+            if (rc < GP_OK)
+                return rc;
+            CameraAbilities abilities;
+            gp_abilities_list_get_abilities(abilities_, model, &abilities);
+            gp_camera_set_abilities(open.camera, abilities);
+            GPPortInfo info;
+            gp_port_info_list_get_info(ports_, port, &info);
+            gp_camera_set_port_info(open.camera, info);
+        }
         open.errors = std::make_unique<ContextErrors>();
         open.context = gp_context_new();
         gp_context_set_error_func(open.context, onContextError, open.errors.get());
-        rc = gp_camera_new(&open.camera);
-        if (rc < GP_OK) {
-            gp_context_unref(open.context);
-            return rc;
-        }
-        const int model = gp_abilities_list_lookup_model(abilities_, which.model.c_str());
-        if (model < GP_OK) {
-            lastOpenError_ = "no driver for the model \"" + which.model + "\"";
-            release(open);
-            return model;
-        }
-        CameraAbilities abilities;
-        gp_abilities_list_get_abilities(abilities_, model, &abilities);
-        gp_camera_set_abilities(open.camera, abilities);
-        const int port = gp_port_info_list_lookup_path(ports_, which.port.c_str());
-        if (port < GP_OK) {
-            lastOpenError_ = "no such port \"" + which.port + "\"";
-            release(open);
-            return port;
-        }
-        GPPortInfo info;
-        gp_port_info_list_get_info(ports_, port, &info);
-        gp_camera_set_port_info(open.camera, info);
-        rc = gp_camera_init(open.camera, open.context);
+        const int rc = gp_camera_init(open.camera, open.context);
+        std::lock_guard lock(m_);
         if (rc < GP_OK) {
             {
                 std::lock_guard elock(open.errors->m);

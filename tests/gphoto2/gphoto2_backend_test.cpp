@@ -109,6 +109,7 @@ protected:
         o.claimRetryDelay = 0ms;
         o.downloadChunk = 1000;
         o.procRoot = test::testHome() + "/proc";
+        o.sysUsbRoot = test::testHome() + "/sys";
         o.runGio = [this](const QStringList &args, QString *out) {
             std::lock_guard lock(gioMutex);
             gioCalls << args.join(' ');
@@ -198,6 +199,38 @@ TEST_F(Gphoto2Backend, ListsCanonBodiesWithStableReferences) {
     EXPECT_EQ(sdk->EdsRelease(a), 0u);
     EXPECT_EQ(sdk->EdsRelease(a), 0xFFFFFFFFu);
     EXPECT_EQ(sdk->EdsGetDeviceInfo(a, &info), EDS_ERR_INVALID_HANDLE);
+}
+
+namespace {
+void usbDevice(const QString &name, int bus, int dev, const char *vendor) {
+    const QString dir = test::testHome() + "/sys/" + name;
+    QDir().mkpath(dir);
+    auto write = [&](const char *file, const QString &text) {
+        QFile f(dir + "/" + file);
+        ASSERT_TRUE(f.open(QIODevice::WriteOnly));
+        f.write(text.toUtf8() + "\n");
+    };
+    write("busnum", QString::number(bus));
+    write("devnum", QString::number(dev));
+    write("idVendor", vendor);
+}
+} // namespace
+
+TEST_F(Gphoto2Backend, BodiesNewerThanLibgphoto2AreListedByCanonsVendorId) {
+    usbDevice("1-3", 1, 9, "04a9");
+    usbDevice("1-4", 1, 10, "04b0");
+    port->setDetected({{"USB PTP Class Camera", "usb:001,009"}, {"USB PTP Class Camera", "usb:001,010"}});
+    camera = first();
+    ASSERT_NE(camera, nullptr);
+    EdsDeviceInfo info{};
+    ASSERT_EQ(sdk->EdsGetDeviceInfo(camera, &info), EDS_ERR_OK);
+    EXPECT_STREQ(info.szPortName, "usb:001,009");
+    EdsCameraListRef list = nullptr;
+    ASSERT_EQ(sdk->EdsGetCameraList(&list), EDS_ERR_OK);
+    EdsUInt32 n = 0;
+    sdk->EdsGetChildCount(list, &n);
+    EXPECT_EQ(n, 1u); // the other generic camera is a Nikon
+    sdk->EdsRelease(list);
 }
 
 TEST_F(Gphoto2Backend, ReadsTheRecordedSettingsAsCameraValues) {

@@ -266,6 +266,25 @@ TEST(Gphoto2ClaimedDevice, FindsTheHoldersOfTheUsbNode) {
     EXPECT_TRUE(processesHolding("/dev/bus/usb/009/009", proc).empty());
 }
 
+TEST(Gphoto2ClaimedDevice, ReadsTheVendorOfAPortFromSysfs) {
+    const QString sys = test::testHome() + "/sys";
+    auto device = [&](const QString &name, const char *bus, const char *dev, const char *vendor) {
+        QDir().mkpath(sys + "/" + name);
+        for (auto [file, text] : {std::pair{"busnum", bus}, {"devnum", dev}, {"idVendor", vendor}}) {
+            QFile f(sys + "/" + name + "/" + file);
+            ASSERT_TRUE(f.open(QIODevice::WriteOnly));
+            f.write(QByteArray(text) + "\n");
+        }
+    };
+    device("1-1", "1", "5", "04a9");
+    device("1-2", "1", "7", "04b0");
+    device("usb1", "1", "1", "1d6b");
+    EXPECT_EQ(usbVendorId("usb:001,005", sys), kCanonUsbVendor);
+    EXPECT_EQ(usbVendorId("usb:001,007", sys), 0x04b0);
+    EXPECT_FALSE(usbVendorId("usb:002,005", sys));
+    EXPECT_FALSE(usbVendorId("disk:/media", sys));
+}
+
 TEST(Gphoto2ClaimedDevice, PicksTheCamerasMountFromGioListing) {
     const QString listing = "Drive(0): Samsung SSD\n"
                             "Mount(0): Canon Digital Camera -> gphoto2://Canon_Inc._Canon_Digital_Camera/\n"
