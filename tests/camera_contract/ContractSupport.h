@@ -16,6 +16,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <ostream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -38,6 +39,11 @@ struct Backend {
     // Runs after each case, once the sdk is gone.
     std::function<void()> done;
 };
+
+// Test names show the backend's name rather than the record's bytes.
+inline void PrintTo(const Backend &backend, std::ostream *os) {
+    *os << backend.name;
+}
 
 // Everything the backend called back, with the thread it called on.
 struct EventLog {

@@ -65,7 +65,8 @@ TEST(SimulatorConcurrency, CommandsListsPropertiesDownloadsAndPlugsAtOnce) {
     contract::EventLog log;
     log.sdk = sdk.get();
     sdk->EdsSetObjectEventHandler(camera.get(), kEdsObjectEvent_All, &Downloader::onObject, &downloader);
-    sdk->EdsSetPropertyEventHandler(camera.get(), kEdsPropertyEvent_All, &contract::EventLog::onProperty, &log);
+    sdk->EdsSetPropertyEventHandler(camera.get(), kEdsPropertyEvent_All, &contract::EventLog::onProperty,
+                                    &log);
     EdsUInt32 host = kEdsSaveTo_Host;
     ASSERT_EQ(sdk->EdsSetPropertyData(camera.get(), kEdsPropID_SaveTo, 0, 4, &host), EDS_ERR_OK);
 
@@ -114,7 +115,8 @@ TEST(SimulatorConcurrency, CommandsListsPropertiesDownloadsAndPlugsAtOnce) {
     for (auto &t : threads)
         t.join();
 
-    ASSERT_TRUE(test::processEventsUntil([&] { return downloader.downloaded == kShots; }, std::chrono::seconds(60)));
+    ASSERT_TRUE(
+        test::processEventsUntil([&] { return downloader.downloaded == kShots; }, std::chrono::seconds(60)));
     EXPECT_EQ(downloader.failures, 0);
     EXPECT_EQ(control->shotCount(), unsigned(kShots));
     EXPECT_TRUE(test::processEventsUntil([&] { return added == 20; }));

@@ -11,7 +11,9 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstring>
+#include <thread>
 
 using namespace brix;
 using namespace brix::eds;
@@ -43,11 +45,16 @@ protected:
         ASSERT_EQ(sdk_->EdsGetCameraList(list.receive(*sdk_)), EDS_ERR_OK);
         ASSERT_EQ(sdk_->EdsGetChildAtIndex(list.get(), index, camera_.receive(*sdk_)), EDS_ERR_OK);
         ASSERT_EQ(sdk_->EdsOpenSession(camera_.get()), EDS_ERR_OK);
-        sdk_->EdsSetCameraStateEventHandler(camera_.get(), kEdsStateEvent_All, &contract::EventLog::onState, &log_);
-        sdk_->EdsSetPropertyEventHandler(camera_.get(), kEdsPropertyEvent_All, &contract::EventLog::onProperty, &log_);
-        sdk_->EdsSetObjectEventHandler(camera_.get(), kEdsObjectEvent_All, &contract::EventLog::onObject, &log_);
+        sdk_->EdsSetCameraStateEventHandler(camera_.get(), kEdsStateEvent_All, &contract::EventLog::onState,
+                                            &log_);
+        sdk_->EdsSetPropertyEventHandler(camera_.get(), kEdsPropertyEvent_All,
+                                         &contract::EventLog::onProperty, &log_);
+        sdk_->EdsSetObjectEventHandler(camera_.get(), kEdsObjectEvent_All, &contract::EventLog::onObject,
+                                       &log_);
     }
-    EdsError set(EdsPropertyID id, EdsUInt32 v) { return sdk_->EdsSetPropertyData(camera_.get(), id, 0, 4, &v); }
+    EdsError set(EdsPropertyID id, EdsUInt32 v) {
+        return sdk_->EdsSetPropertyData(camera_.get(), id, 0, 4, &v);
+    }
     EdsUInt32 get(EdsPropertyID id) {
         EdsUInt32 v = 0;
         EXPECT_EQ(sdk_->EdsGetPropertyData(camera_.get(), id, 0, 4, &v), EDS_ERR_OK);
@@ -70,7 +77,8 @@ protected:
         EXPECT_EQ(sdk_->EdsGetDirectoryItemInfo(item, info), EDS_ERR_OK);
         QByteArray bytes(qsizetype(info->size), '\0');
         EdsStreamHandle stream;
-        EXPECT_EQ(sdk_->EdsCreateMemoryStreamFromPointer(bytes.data(), info->size, stream.receive(*sdk_)), EDS_ERR_OK);
+        EXPECT_EQ(sdk_->EdsCreateMemoryStreamFromPointer(bytes.data(), info->size, stream.receive(*sdk_)),
+                  EDS_ERR_OK);
         EXPECT_EQ(sdk_->EdsDownload(item, info->size, stream.get()), EDS_ERR_OK);
         EXPECT_EQ(sdk_->EdsDownloadComplete(item), EDS_ERR_OK);
         return bytes;
@@ -150,7 +158,8 @@ TEST_F(Simulator, ALegacyBodyAnswersOnlyWhileItsControlsAreLocked) {
 
     EdsUInt32 v = 0;
     EXPECT_EQ(sdk_->EdsGetPropertyData(camera_.get(), kEdsPropID_Av, 0, 4, &v), EDS_ERR_DEVICE_BUSY);
-    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_ExtendShutDownTimer, 0), EDS_ERR_DEVICE_BUSY);
+    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_ExtendShutDownTimer, 0),
+              EDS_ERR_DEVICE_BUSY);
     ASSERT_EQ(sdk_->EdsSendStatusCommand(camera_.get(), kEdsCameraStatusCommand_UILock, 0), EDS_ERR_OK);
     EXPECT_EQ(sdk_->EdsGetPropertyData(camera_.get(), kEdsPropID_Av, 0, 4, &v), EDS_ERR_OK);
     EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_ExtendShutDownTimer, 0), EDS_ERR_OK);
@@ -205,7 +214,8 @@ TEST_F(Simulator, LiveViewFramesFollowTheClockAndAnswerNotReadyBetween) {
     QByteArray buffer(0x200000, '\0');
     EdsStreamHandle stream;
     EdsEvfImageHandle image;
-    ASSERT_EQ(sdk_->EdsCreateMemoryStreamFromPointer(buffer.data(), buffer.size(), stream.receive(*sdk_)), EDS_ERR_OK);
+    ASSERT_EQ(sdk_->EdsCreateMemoryStreamFromPointer(buffer.data(), buffer.size(), stream.receive(*sdk_)),
+              EDS_ERR_OK);
     ASSERT_EQ(sdk_->EdsCreateEvfImageRef(stream.get(), image.receive(*sdk_)), EDS_ERR_OK);
     EXPECT_EQ(sdk_->EdsDownloadEvfImage(camera_.get(), image.get()), EDS_ERR_OBJECT_NOTREADY); // not started
 
@@ -221,7 +231,8 @@ TEST_F(Simulator, LiveViewFramesFollowTheClockAndAnswerNotReadyBetween) {
 
     // Live-view commands need live view.
     EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_DriveLensEvf, 0x8002), EDS_ERR_OK);
-    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_DriveLensEvf, 7), EDS_ERR_INVALID_PARAMETER);
+    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_DriveLensEvf, 7),
+              EDS_ERR_INVALID_PARAMETER);
     EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_DoEvfAf, 1), EDS_ERR_OK);
     ASSERT_EQ(set(kEdsPropID_Evf_OutputDevice, kEdsEvfOutputDevice_TFT), EDS_ERR_OK);
     EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_DoEvfAf, 1), 0xA005u);
@@ -231,8 +242,10 @@ TEST_F(Simulator, LiveViewFramesFollowTheClockAndAnswerNotReadyBetween) {
 TEST_F(Simulator, ShutterButtonBulbAndInjectedRefusals) {
     open();
     ASSERT_EQ(set(kEdsPropID_SaveTo, kEdsSaveTo_Host), EDS_ERR_OK);
-    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_BulbStart, 0), 0xA005u); // manual, not bulb
-    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_PressShutterButton, 2), EDS_ERR_INVALID_PARAMETER);
+    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_BulbStart, 0),
+              0xA005u); // manual, not bulb
+    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_PressShutterButton, 2),
+              EDS_ERR_INVALID_PARAMETER);
 
     // Fully pressed: one shot; a take-picture meanwhile is refused as busy.
     ASSERT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_PressShutterButton,
@@ -259,7 +272,8 @@ TEST_F(Simulator, ShutterButtonBulbAndInjectedRefusals) {
     // A refusal aimed at one command leaves the others alone.
     ASSERT_TRUE(control_->injectError("TakePicture", EDS_ERR_TAKE_PICTURE_AF_NG, 1));
     EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_ExtendShutDownTimer, 0), EDS_ERR_OK);
-    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_TakePicture, 0), EDS_ERR_TAKE_PICTURE_AF_NG);
+    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_TakePicture, 0),
+              EDS_ERR_TAKE_PICTURE_AF_NG);
     EXPECT_EQ(control_->shotCount(), 2u);
     // The prefix may be left out; a count of 0 withdraws an injection.
     ASSERT_TRUE(control_->injectError("OpenSession", EDS_ERR_DEVICE_BUSY, 5));
@@ -322,4 +336,40 @@ TEST_F(Simulator, PluggingCallsTheAddedHandlerOnTheEventQueueAndReferencesBalanc
     EXPECT_EQ(sdk_->EdsTerminateSDK(), EDS_ERR_OK);
     EdsCameraListHandle none;
     EXPECT_NE(sdk_->EdsGetCameraList(none.receive(*sdk_)), EDS_ERR_OK);
+}
+
+TEST(SimulatorShutdown, DestroyingOnTheMainThreadWhileAHandlerWaitsForItDoesNotHang) {
+    auto sdk = createSimulatorSdk();
+    ASSERT_EQ(sdk->EdsInitializeSDK(), EDS_ERR_OK);
+    EdsCameraHandle camera;
+    {
+        EdsCameraListHandle list;
+        ASSERT_EQ(sdk->EdsGetCameraList(list.receive(*sdk)), EDS_ERR_OK);
+        ASSERT_EQ(sdk->EdsGetChildAtIndex(list.get(), 0, camera.receive(*sdk)), EDS_ERR_OK);
+    }
+    ASSERT_EQ(sdk->EdsOpenSession(camera.get()), EDS_ERR_OK);
+    struct Waiter {
+        std::atomic<bool> entered{false};
+        std::atomic<bool> mainRan{false};
+    } waiter;
+    // As the camera object does: hand the change to the main thread and wait.
+    sdk->EdsSetPropertyEventHandler(
+        camera.get(), kEdsPropertyEvent_All,
+        [](EdsPropertyEvent, EdsPropertyID, EdsUInt32, EdsVoid *context) -> EdsError {
+            auto *w = static_cast<Waiter *>(context);
+            w->entered = true;
+            dispatch::mainQueue()->sync([w] { w->mainRan = true; });
+            return EDS_ERR_OK;
+        },
+        &waiter);
+    EdsUInt32 iso = 0x50;
+    ASSERT_EQ(sdk->EdsSetPropertyData(camera.get(), kEdsPropID_ISOSpeed, 0, 4, &iso), EDS_ERR_OK);
+    // Wait (without running the main queue) until the handler blocks on it.
+    for (int i = 0; i < 2000 && !waiter.entered; ++i)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    ASSERT_TRUE(waiter.entered);
+    sdk->EdsCloseSession(camera.get());
+    camera.reset();
+    sdk.reset(); // would dead-lock if it blocked the main thread
+    EXPECT_TRUE(waiter.mainRan);
 }

@@ -21,10 +21,11 @@ struct Reply {
 
 Reply gdbus(const QString &method, const QStringList &args = {}) {
     QProcess p;
-    p.start(QStringLiteral("gdbus"), QStringList{"call", "--session", "--dest", eds::kSimulatorBusName,
-                                                 "--object-path", eds::kSimulatorObjectPath, "--method",
-                                                 QString::fromLatin1(eds::kSimulatorInterface) + "." + method} +
-                                         args);
+    p.start(QStringLiteral("gdbus"),
+            QStringList{"call", "--session", "--dest", eds::kSimulatorBusName, "--object-path",
+                        eds::kSimulatorObjectPath, "--method",
+                        QString::fromLatin1(eds::kSimulatorInterface) + "." + method} +
+                args);
     if (!p.waitForFinished(20000))
         return {};
     return {p.exitCode(), QString::fromUtf8(p.readAllStandardOutput()).trimmed(),
@@ -33,7 +34,8 @@ Reply gdbus(const QString &method, const QStringList &args = {}) {
 
 class Station {
 public:
-    explicit Station(const QStringList &args, const QProcessEnvironment &env = QProcessEnvironment::systemEnvironment()) {
+    explicit Station(const QStringList &args,
+                     const QProcessEnvironment &env = QProcessEnvironment::systemEnvironment()) {
         p_.setProcessEnvironment(env);
         p_.setProcessChannelMode(QProcess::SeparateChannels);
         p_.start(BRIX_EXECUTABLE, QStringList{"--headless"} + args);
@@ -71,7 +73,8 @@ private:
 TEST(StationOnTheSimulator, GdbusPlugsUnplugsAndFiresTheShutter) {
     Station station({"--camera-backend=simulator"});
     ASSERT_TRUE(station.waitForLog("simulator control on the session bus")) << station.log().constData();
-    ASSERT_TRUE(test::processEventsUntil([] { return gdbus("ShotCount").exitCode == 0; }, std::chrono::seconds(20)));
+    ASSERT_TRUE(
+        test::processEventsUntil([] { return gdbus("ShotCount").exitCode == 0; }, std::chrono::seconds(20)));
 
     EXPECT_EQ(gdbus("ShotCount").out, "(uint32 0,)");
     EXPECT_EQ(gdbus("PressShutter").exitCode, 0);
