@@ -10,6 +10,7 @@
 #include "Preferences.h"
 #endif
 
+#include <QCoreApplication>
 #include <QProcess>
 
 #include <algorithm>
@@ -172,6 +173,20 @@ struct Value {
         }
     }
 };
+
+// Waits until every task queued so far has run. On the main thread the event
+// loop keeps turning meanwhile: a handler on that queue may be waiting for the
+// main thread (a notification posted and waited for), and must get its turn.
+void drain(const dispatch::QueuePtr &queue) {
+    if (dispatch::isMainThread() && QCoreApplication::instance()) {
+        auto done = std::make_shared<std::atomic<bool>>(false);
+        queue->async([done] { done->store(true); });
+        while (!done->load())
+            QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
+    } else {
+        queue->sync([] {});
+    }
+}
 
 } // namespace
 
@@ -1084,7 +1099,7 @@ struct Gphoto2Sdk::Impl {
         if (!hotplugRunning.exchange(false))
             return;
         dispatch::cancelTimer(pollTimer);
-        hotplug->sync([] {});
+        drain(hotplug);
 #ifdef BRIX_HAVE_LIBUDEV
         stopUdev();
 #endif
@@ -1111,9 +1126,9 @@ Gphoto2Sdk::~Gphoto2Sdk() {
     EdsTerminateSDK();
     // Let every queued task that refers to this backend finish.
     for (const auto &c : d->allCores()) {
-        c->device->sync([] {});
-        c->events->sync([] {});
-        c->device->sync([] {});
+        drain(c->device);
+        drain(c->events);
+        drain(c->device);
     }
     std::vector<Object *> left;
     {

@@ -573,3 +573,26 @@ TEST_F(Gphoto2Backend, PollingAnnouncesNewlyPluggedCameras) {
     sdk.reset();
     dispatch::setClock(nullptr);
 }
+
+namespace {
+std::atomic<int> gWaitedForMain{0};
+EdsError waitForMainThread(EdsPropertyEvent, EdsPropertyID, EdsUInt32, EdsVoid *) {
+    // As the camera object does with its property notifications.
+    dispatch::mainQueue()->sync([] {});
+    ++gWaitedForMain;
+    return 0;
+}
+} // namespace
+
+TEST_F(Gphoto2Backend, EndingOnTheMainThreadLetsHandlersThatWaitForItFinish) {
+    camera = first();
+    ASSERT_EQ(sdk->EdsOpenSession(camera), EDS_ERR_OK);
+    gWaitedForMain = 0;
+    // The opened body's descriptions arrive at once, each handler waiting for us.
+    ASSERT_EQ(sdk->EdsSetPropertyEventHandler(camera, kEdsPropertyEvent_All, waitForMainThread, nullptr), 0u);
+    ASSERT_EQ(writeU32(kEdsPropID_Tv, 0x78), EDS_ERR_OK);
+    sdk->EdsRelease(camera);
+    camera = nullptr;
+    sdk.reset(); // must not dead-lock
+    EXPECT_GE(gWaitedForMain, 11);
+}
