@@ -82,8 +82,9 @@ EdsError keepItem(EdsObjectEvent, EdsBaseRef item, EdsVoid *) {
 }
 
 void BM_LabelToValue(benchmark::State &state) {
-    const std::vector<std::string> choices = {"1/4", "1/5", "1/6", "1/8", "1/10", "1/13", "1/15", "1/20",
-                                              "1/25", "1/30", "1/40", "1/50", "1/60", "1/80", "1/100", "1/125"};
+    const std::vector<std::string> choices = {"1/4",  "1/5",  "1/6",   "1/8",  "1/10", "1/13",
+                                              "1/15", "1/20", "1/25",  "1/30", "1/40", "1/50",
+                                              "1/60", "1/80", "1/100", "1/125"};
     size_t i = 0;
     for (auto _ : state) {
         auto v = valueForLabel(kEdsPropID_Tv, choices[i++ % choices.size()], choices);

@@ -99,7 +99,9 @@ QStringList gphotoMountsFor(const QString &gioMountList, const std::string &port
 QString describeHolders(const std::vector<Holder> &holders) {
     QStringList parts;
     for (const auto &h : holders)
-        parts << QStringLiteral("process %1 (%2)").arg(h.pid).arg(h.name.isEmpty() ? QStringLiteral("?") : h.name);
+        parts << QStringLiteral("process %1 (%2)")
+                     .arg(h.pid)
+                     .arg(h.name.isEmpty() ? QStringLiteral("?") : h.name);
     return parts.join(QStringLiteral(", "));
 }
 

@@ -1,7 +1,7 @@
-// USB facts about a camera's port, and what to do when libgphoto2 cannot claim the camera's USB interface because
-// another program holds it (GNOME's gvfs gphoto2 monitor, KDE's kamera, a
-// second gphoto2): find the USB device node of the port, the processes that
-// have it open, and the desktop's gphoto2:// mounts that may be released.
+// USB facts about a camera's port, and what to do when libgphoto2 cannot claim the camera's USB interface
+// because another program holds it (GNOME's gvfs gphoto2 monitor, KDE's kamera, a second gphoto2): find the
+// USB device node of the port, the processes that have it open, and the desktop's gphoto2:// mounts that may
+// be released.
 //
 // Threads: pure functions over the file system and texts; callable from any
 // thread. Nothing here runs a program: the caller does (see Gphoto2Sdk).

@@ -115,12 +115,14 @@ public:
 
     virtual int waitForEvent(Handle handle, int timeoutMs, Event *event) = 0;
     virtual int triggerCapture(Handle handle) = 0;
-    virtual int fileInfo(Handle handle, const std::string &folder, const std::string &name, FileInfo *info) = 0;
+    virtual int fileInfo(Handle handle, const std::string &folder, const std::string &name,
+                         FileInfo *info) = 0;
     // Reads up to *size bytes at offset; *size receives the count read.
     virtual int readFile(Handle handle, const std::string &folder, const std::string &name, uint64_t offset,
                          char *buffer, uint64_t *size) = 0;
     // The whole file at once, for drivers that cannot read parts of a file.
-    virtual int getFile(Handle handle, const std::string &folder, const std::string &name, std::string *data) = 0;
+    virtual int getFile(Handle handle, const std::string &folder, const std::string &name,
+                        std::string *data) = 0;
     virtual int deleteFile(Handle handle, const std::string &folder, const std::string &name) = 0;
     // One live-view frame (JPEG bytes).
     virtual int capturePreview(Handle handle, std::string *jpeg) = 0;

@@ -61,15 +61,18 @@ constexpr const char *kWidgetAfDrive = "autofocusdrive";
 constexpr const char *kWidgetLensDrive = "manualfocusdrive";
 constexpr const char *kWidgetUiLock = "uilock";
 
-constexpr const char *kInUseMessage =
-    "The camera %1 on %2 is in use by another program (%3). Close that program, or unmount the camera in the file "
-    "manager, then unplug the camera and plug it in again. To let BrixCanonCapture release the desktop's hold on "
-    "the camera by itself, turn on the preference \"%4\".";
+constexpr const char *kInUseMessage = "The camera %1 on %2 is in use by another program (%3). Close that "
+                                      "program, or unmount the camera in the file "
+                                      "manager, then unplug the camera and plug it in again. To let "
+                                      "BrixCanonCapture release the desktop's hold on "
+                                      "the camera by itself, turn on the preference \"%4\".";
 
 std::mutex gPolicyMutex;
 std::function<bool()> gPolicy;
 
-QString hex(uint32_t v) { return QStringLiteral("0x%1").arg(v, 0, 16); }
+QString hex(uint32_t v) {
+    return QStringLiteral("0x%1").arg(v, 0, 16);
+}
 
 bool containsNoCase(const std::string &haystack, const char *needle) {
     return QString::fromStdString(haystack).contains(QLatin1String(needle), Qt::CaseInsensitive);
@@ -282,7 +285,9 @@ struct Gphoto2Sdk::Impl {
         return dynamic_cast<T *>(object);
     }
 
-    static EdsBaseRef ref(Object *object) { return reinterpret_cast<EdsBaseRef>(object); }
+    static EdsBaseRef ref(Object *object) {
+        return reinterpret_cast<EdsBaseRef>(object);
+    }
 
     uint32_t retain(Object *object) {
         std::lock_guard lock(m);
@@ -361,16 +366,18 @@ struct Gphoto2Sdk::Impl {
         });
     }
 
-    void deliverObject(const std::shared_ptr<CameraCore> &c, const std::string &folder, const std::string &name) {
+    void deliverObject(const std::shared_ptr<CameraCore> &c, const std::string &folder,
+                       const std::string &name) {
         auto *item = add(new ItemObj);
         item->core = c;
         item->folder = folder;
         item->name = name;
         c->events->async([this, c, item] {
             const Registration r = registration(*c, &CameraCore::object);
-            if (r.handler && (r.event == kEdsObjectEvent_All || r.event == kEdsObjectEvent_DirItemRequestTransfer))
-                reinterpret_cast<EdsObjectEventHandler>(r.handler)(kEdsObjectEvent_DirItemRequestTransfer, ref(item),
-                                                                   r.context);
+            if (r.handler &&
+                (r.event == kEdsObjectEvent_All || r.event == kEdsObjectEvent_DirItemRequestTransfer))
+                reinterpret_cast<EdsObjectEventHandler>(r.handler)(kEdsObjectEvent_DirItemRequestTransfer,
+                                                                   ref(item), r.context);
             // The handler borrowed the item; it retains it to keep it.
             release(item);
         });
@@ -407,7 +414,8 @@ struct Gphoto2Sdk::Impl {
         if (now)
             c->device->async(std::move(pass));
         else
-            c->loopTimer = dispatch::after(std::chrono::milliseconds(options.eventWaitMs), c->device, std::move(pass));
+            c->loopTimer =
+                dispatch::after(std::chrono::milliseconds(options.eventWaitMs), c->device, std::move(pass));
     }
 
     // Handles one event; false when the body had none (or failed).
@@ -434,7 +442,8 @@ struct Gphoto2Sdk::Impl {
             if (auto code = ptpCodeInEventText(ev.text))
                 propertyChanged(c, *code);
             else if (!ev.text.empty())
-                Logger::setVerbose(QStringLiteral("gphoto2: event \"%1\"").arg(QString::fromStdString(ev.text)));
+                Logger::setVerbose(
+                    QStringLiteral("gphoto2: event \"%1\"").arg(QString::fromStdString(ev.text)));
             return true;
         case Event::Type::CaptureComplete:
             Logger::setVerbose(QStringLiteral("gphoto2: capture complete"));
@@ -481,7 +490,9 @@ struct Gphoto2Sdk::Impl {
 
     // --- widgets (device queue) -----------------------------------------------
 
-    bool has(const CameraCore &c, const std::string &widget) const { return c.widgetNames.count(widget) != 0; }
+    bool has(const CameraCore &c, const std::string &widget) const {
+        return c.widgetNames.count(widget) != 0;
+    }
 
     int readWidget(CameraCore &c, const PropertySpec &spec, Widget *w) {
         auto known = c.widgetFor.find(spec.id);
@@ -577,8 +588,12 @@ struct Gphoto2Sdk::Impl {
             const time_t t = time_t(w.integer);
             std::tm tm{};
             localtime_r(&t, &tm);
-            out->time = EdsTime{uint32_t(tm.tm_year + 1900), uint32_t(tm.tm_mon + 1), uint32_t(tm.tm_mday),
-                                uint32_t(tm.tm_hour),        uint32_t(tm.tm_min),     uint32_t(tm.tm_sec),
+            out->time = EdsTime{uint32_t(tm.tm_year + 1900),
+                                uint32_t(tm.tm_mon + 1),
+                                uint32_t(tm.tm_mday),
+                                uint32_t(tm.tm_hour),
+                                uint32_t(tm.tm_min),
+                                uint32_t(tm.tm_sec),
                                 0};
             return EDS_ERR_OK;
         }
@@ -745,11 +760,13 @@ struct Gphoto2Sdk::Impl {
             return rc;
         const QString portName = QString::fromStdString(c.id.port);
         const auto node = usbDeviceNode(c.id.port);
-        const std::vector<Holder> holders = node ? processesHolding(*node, options.procRoot) : std::vector<Holder>{};
-        const QString who = holders.empty() ? QStringLiteral("a program this user cannot see") : describeHolders(holders);
-        Logger::setError(QStringLiteral("gphoto2: could not claim the USB device of %1 on %2 (%3): held by %4")
-                             .arg(QString::fromStdString(c.id.model), portName, node.value_or(QStringLiteral("?")),
-                                  who));
+        const std::vector<Holder> holders =
+            node ? processesHolding(*node, options.procRoot) : std::vector<Holder>{};
+        const QString who =
+            holders.empty() ? QStringLiteral("a program this user cannot see") : describeHolders(holders);
+        Logger::setError(
+            QStringLiteral("gphoto2: could not claim the USB device of %1 on %2 (%3): held by %4")
+                .arg(QString::fromStdString(c.id.model), portName, node.value_or(QStringLiteral("?")), who));
         const bool desktop = std::any_of(holders.begin(), holders.end(), isDesktopMounter);
         if (desktop && mayReleaseDesktopMount()) {
             QString listing;
@@ -759,7 +776,8 @@ struct Gphoto2Sdk::Impl {
                 Logger::setError(QStringLiteral("gphoto2: releasing the desktop's mount %1").arg(mount));
                 const int status = gio({QStringLiteral("mount"), QStringLiteral("-u"), mount}, nullptr);
                 if (status != 0)
-                    Logger::setError(QStringLiteral("gphoto2: \"gio mount -u %1\" ended with %2").arg(mount).arg(status));
+                    Logger::setError(
+                        QStringLiteral("gphoto2: \"gio mount -u %1\" ended with %2").arg(mount).arg(status));
             }
             for (int attempt = 0; attempt < options.claimRetries && rc == gp::IoUsbClaim; ++attempt) {
                 if (options.claimRetryDelay.count() > 0)
@@ -842,7 +860,8 @@ struct Gphoto2Sdk::Impl {
             // Other gphoto2 programs read the capture target from the shared
             // settings file: put back what they saw.
             if (c.savedCaptureTarget && has(c, kWidgetCaptureTarget)) {
-                const int rc = port->setWidget(c.handle, kWidgetCaptureTarget, textValue(*c.savedCaptureTarget));
+                const int rc =
+                    port->setWidget(c.handle, kWidgetCaptureTarget, textValue(*c.savedCaptureTarget));
                 if (rc != gp::OK)
                     fail(c, QStringLiteral("restoring capturetarget"), rc);
             }
@@ -865,7 +884,8 @@ struct Gphoto2Sdk::Impl {
             return e;
         auto widgetCommand = [&](const char *widget, const Widget &value, const QString &what) -> EdsError {
             if (!has(c, widget)) {
-                Logger::setDebug(QStringLiteral("gphoto2: %1 has no %2 control").arg(c.id.model.c_str(), widget));
+                Logger::setDebug(
+                    QStringLiteral("gphoto2: %1 has no %2 control").arg(c.id.model.c_str(), widget));
                 return EDS_ERR_NOT_SUPPORTED;
             }
             const int rc = port->setWidget(c.handle, widget, value);
@@ -879,8 +899,8 @@ struct Gphoto2Sdk::Impl {
             const std::string text = port->describe(rc, c.handle);
             const EdsError e = edsErrorFor(rc);
             if (e == EDS_ERR_INTERNAL_ERROR && containsNoCase(text, "focus")) {
-                Logger::setError(QStringLiteral("gphoto2: taking a picture failed: %1")
-                                     .arg(QString::fromStdString(text)));
+                Logger::setError(
+                    QStringLiteral("gphoto2: taking a picture failed: %1").arg(QString::fromStdString(text)));
                 return EDS_ERR_TAKE_PICTURE_AF_NG;
             }
             Logger::setError(QStringLiteral("gphoto2: taking a picture on %1 failed: %2 [%3], error %4")
@@ -902,7 +922,8 @@ struct Gphoto2Sdk::Impl {
         case kEdsCameraCommand_PressShutterButton:
             return shutter(c, param, widgetCommand);
         case kEdsCameraCommand_DoEvfAf:
-            return widgetCommand(kWidgetAfDrive, intValue(param ? 1 : 0), QStringLiteral("live-view autofocus"));
+            return widgetCommand(kWidgetAfDrive, intValue(param ? 1 : 0),
+                                 QStringLiteral("live-view autofocus"));
         case kEdsCameraCommand_DriveLensEvf: {
             const uint32_t p = uint32_t(param);
             const uint32_t step = p & 0x7fff;
@@ -944,9 +965,11 @@ struct Gphoto2Sdk::Impl {
         case kEdsCameraCommand_ShutterButton_OFF: {
             EdsError e = EDS_ERR_OK;
             if (c.pressed == 3)
-                e = widgetCommand(kWidgetRemoteRelease, textValue("Release Full"), QStringLiteral("releasing"));
+                e = widgetCommand(kWidgetRemoteRelease, textValue("Release Full"),
+                                  QStringLiteral("releasing"));
             if (e == EDS_ERR_OK)
-                e = widgetCommand(kWidgetRemoteRelease, textValue("Release Half"), QStringLiteral("releasing"));
+                e = widgetCommand(kWidgetRemoteRelease, textValue("Release Half"),
+                                  QStringLiteral("releasing"));
             if (e == EDS_ERR_OK)
                 c.pressed = 0;
             return e;
@@ -1117,7 +1140,8 @@ struct Gphoto2Sdk::Impl {
 
 // --- the interface -------------------------------------------------------------
 
-Gphoto2Sdk::Gphoto2Sdk(std::shared_ptr<Gphoto2Port> port, Gphoto2Options options) : d(std::make_unique<Impl>()) {
+Gphoto2Sdk::Gphoto2Sdk(std::shared_ptr<Gphoto2Port> port, Gphoto2Options options)
+    : d(std::make_unique<Impl>()) {
     d->port = std::move(port);
     d->options = std::move(options);
 }
@@ -1141,7 +1165,9 @@ Gphoto2Sdk::~Gphoto2Sdk() {
         delete o;
 }
 
-const char *Gphoto2Sdk::libraryPath() const { return ""; }
+const char *Gphoto2Sdk::libraryPath() const {
+    return "";
+}
 
 EdsError Gphoto2Sdk::EdsInitializeSDK() {
     {
@@ -1259,9 +1285,13 @@ EdsError Gphoto2Sdk::EdsGetDeviceInfo(EdsCameraRef ref, EdsDeviceInfo *info) {
     return EDS_ERR_OK;
 }
 
-EdsUInt32 Gphoto2Sdk::EdsRetain(EdsBaseRef ref) { return d->retain(reinterpret_cast<Object *>(ref)); }
+EdsUInt32 Gphoto2Sdk::EdsRetain(EdsBaseRef ref) {
+    return d->retain(reinterpret_cast<Object *>(ref));
+}
 
-EdsUInt32 Gphoto2Sdk::EdsRelease(EdsBaseRef ref) { return d->release(reinterpret_cast<Object *>(ref)); }
+EdsUInt32 Gphoto2Sdk::EdsRelease(EdsBaseRef ref) {
+    return d->release(reinterpret_cast<Object *>(ref));
+}
 
 EdsError Gphoto2Sdk::EdsOpenSession(EdsCameraRef ref) {
     auto *cam = d->as<CameraObj>(ref);
@@ -1293,7 +1323,8 @@ EdsError Gphoto2Sdk::EdsSetCameraStateEventHandler(EdsCameraRef ref, EdsStateEve
     auto *cam = d->as<CameraObj>(ref);
     if (!cam)
         return EDS_ERR_INVALID_HANDLE;
-    return setRegistration(d.get(), *cam->core, &CameraCore::state, event, reinterpret_cast<void *>(handler), context);
+    return setRegistration(d.get(), *cam->core, &CameraCore::state, event, reinterpret_cast<void *>(handler),
+                           context);
 }
 
 EdsError Gphoto2Sdk::EdsSetPropertyEventHandler(EdsCameraRef ref, EdsPropertyEvent event,
@@ -1313,8 +1344,8 @@ EdsError Gphoto2Sdk::EdsSetPropertyEventHandler(EdsCameraRef ref, EdsPropertyEve
     return EDS_ERR_OK;
 }
 
-EdsError Gphoto2Sdk::EdsSetObjectEventHandler(EdsCameraRef ref, EdsObjectEvent event, EdsObjectEventHandler handler,
-                                              EdsVoid *context) {
+EdsError Gphoto2Sdk::EdsSetObjectEventHandler(EdsCameraRef ref, EdsObjectEvent event,
+                                              EdsObjectEventHandler handler, EdsVoid *context) {
     auto *cam = d->as<CameraObj>(ref);
     if (!cam)
         return EDS_ERR_INVALID_HANDLE;
@@ -1339,7 +1370,8 @@ EdsError Gphoto2Sdk::EdsGetPropertySize(EdsBaseRef ref, EdsPropertyID id, EdsInt
     return EDS_ERR_OK;
 }
 
-EdsError Gphoto2Sdk::EdsGetPropertyData(EdsBaseRef ref, EdsPropertyID id, EdsInt32, EdsUInt32 size, EdsVoid *data) {
+EdsError Gphoto2Sdk::EdsGetPropertyData(EdsBaseRef ref, EdsPropertyID id, EdsInt32, EdsUInt32 size,
+                                        EdsVoid *data) {
     auto *cam = d->as<CameraObj>(ref);
     if (!cam)
         return EDS_ERR_INVALID_HANDLE;
@@ -1490,9 +1522,10 @@ EdsError Gphoto2Sdk::EdsSetCapacity(EdsCameraRef ref, EdsCapacity capacity) {
         return e;
     // libgphoto2 tells an EOS body the host's free space itself whenever the
     // capture target becomes the host; nothing to forward.
-    Logger::setVerbose(QStringLiteral("gphoto2: host capacity %1 clusters of %2 bytes (reported by libgphoto2)")
-                           .arg(capacity.numberOfFreeClusters)
-                           .arg(capacity.bytesPerSector));
+    Logger::setVerbose(
+        QStringLiteral("gphoto2: host capacity %1 clusters of %2 bytes (reported by libgphoto2)")
+            .arg(capacity.numberOfFreeClusters)
+            .arg(capacity.bytesPerSector));
     return EDS_ERR_OK;
 }
 
@@ -1568,8 +1601,8 @@ EdsError Gphoto2Sdk::EdsDownload(EdsDirectoryItemRef itemRef, EdsUInt64 readSize
         EdsError e = core->onDevice([&]() -> EdsError {
             if (EdsError u = Impl::usable(*core))
                 return u;
-            rc = d->port->readFile(core->handle, item->folder, item->name, done, stream->buffer + stream->position,
-                                   &got);
+            rc = d->port->readFile(core->handle, item->folder, item->name, done,
+                                   stream->buffer + stream->position, &got);
             if (rc == gp::NotSupported && done == 0) {
                 // The driver reads whole files only: one transfer, one report.
                 std::string whole;
@@ -1579,8 +1612,9 @@ EdsError Gphoto2Sdk::EdsDownload(EdsDirectoryItemRef itemRef, EdsUInt64 readSize
                     std::memcpy(stream->buffer + stream->position, whole.data(), got);
                 }
             }
-            return rc == gp::OK ? EDS_ERR_OK
-                                : d->fail(*core, QStringLiteral("downloading %1").arg(item->name.c_str()), rc);
+            return rc == gp::OK
+                       ? EDS_ERR_OK
+                       : d->fail(*core, QStringLiteral("downloading %1").arg(item->name.c_str()), rc);
         });
         if (e != EDS_ERR_OK)
             return e;
@@ -1679,7 +1713,9 @@ long Gphoto2Sdk::callerReferences() {
     return total - long(d->byPort.size());
 }
 
-dispatch::QueuePtr Gphoto2Sdk::hotplugQueue() const { return d->hotplug; }
+dispatch::QueuePtr Gphoto2Sdk::hotplugQueue() const {
+    return d->hotplug;
+}
 
 EdsUInt64 Gphoto2Sdk::streamPosition(EdsStreamRef ref) {
     auto *stream = d->as<StreamObj>(ref);

@@ -83,7 +83,8 @@ public:
                                            eds::EdsVoid *inContext) override;
     eds::EdsError EdsGetCameraList(eds::EdsCameraListRef *outCameraListRef) override;
     eds::EdsError EdsGetChildCount(eds::EdsBaseRef inRef, eds::EdsUInt32 *outCount) override;
-    eds::EdsError EdsGetChildAtIndex(eds::EdsBaseRef inRef, eds::EdsInt32 inIndex, eds::EdsBaseRef *outRef) override;
+    eds::EdsError EdsGetChildAtIndex(eds::EdsBaseRef inRef, eds::EdsInt32 inIndex,
+                                     eds::EdsBaseRef *outRef) override;
     eds::EdsError EdsGetDeviceInfo(eds::EdsCameraRef inCameraRef, eds::EdsDeviceInfo *outDeviceInfo) override;
     eds::EdsUInt32 EdsRetain(eds::EdsBaseRef inRef) override;
     eds::EdsUInt32 EdsRelease(eds::EdsBaseRef inRef) override;
@@ -98,17 +99,21 @@ public:
     eds::EdsError EdsSetObjectEventHandler(eds::EdsCameraRef inCameraRef, eds::EdsObjectEvent inEvent,
                                            eds::EdsObjectEventHandler inObjectEventHandler,
                                            eds::EdsVoid *inContext) override;
-    eds::EdsError EdsGetPropertySize(eds::EdsBaseRef inRef, eds::EdsPropertyID inPropertyID, eds::EdsInt32 inParam,
-                                     eds::EdsDataType *outDataType, eds::EdsUInt32 *outSize) override;
-    eds::EdsError EdsGetPropertyData(eds::EdsBaseRef inRef, eds::EdsPropertyID inPropertyID, eds::EdsInt32 inParam,
-                                     eds::EdsUInt32 inPropertySize, eds::EdsVoid *outPropertyData) override;
-    eds::EdsError EdsSetPropertyData(eds::EdsBaseRef inRef, eds::EdsPropertyID inPropertyID, eds::EdsInt32 inParam,
-                                     eds::EdsUInt32 inPropertySize, const eds::EdsVoid *inPropertyData) override;
+    eds::EdsError EdsGetPropertySize(eds::EdsBaseRef inRef, eds::EdsPropertyID inPropertyID,
+                                     eds::EdsInt32 inParam, eds::EdsDataType *outDataType,
+                                     eds::EdsUInt32 *outSize) override;
+    eds::EdsError EdsGetPropertyData(eds::EdsBaseRef inRef, eds::EdsPropertyID inPropertyID,
+                                     eds::EdsInt32 inParam, eds::EdsUInt32 inPropertySize,
+                                     eds::EdsVoid *outPropertyData) override;
+    eds::EdsError EdsSetPropertyData(eds::EdsBaseRef inRef, eds::EdsPropertyID inPropertyID,
+                                     eds::EdsInt32 inParam, eds::EdsUInt32 inPropertySize,
+                                     const eds::EdsVoid *inPropertyData) override;
     eds::EdsError EdsGetPropertyDesc(eds::EdsBaseRef inRef, eds::EdsPropertyID inPropertyID,
                                      eds::EdsPropertyDesc *outPropertyDesc) override;
     eds::EdsError EdsSendCommand(eds::EdsCameraRef inCameraRef, eds::EdsCameraCommand inCommand,
                                  eds::EdsInt32 inParam) override;
-    eds::EdsError EdsSendStatusCommand(eds::EdsCameraRef inCameraRef, eds::EdsCameraStatusCommand inStatusCommand,
+    eds::EdsError EdsSendStatusCommand(eds::EdsCameraRef inCameraRef,
+                                       eds::EdsCameraStatusCommand inStatusCommand,
                                        eds::EdsInt32 inParam) override;
     eds::EdsError EdsSetCapacity(eds::EdsCameraRef inCameraRef, eds::EdsCapacity inCapacity) override;
     eds::EdsError EdsGetDirectoryItemInfo(eds::EdsDirectoryItemRef inDirItemRef,
@@ -116,12 +121,15 @@ public:
     eds::EdsError EdsCreateMemoryStreamFromPointer(eds::EdsVoid *inUserBuffer, eds::EdsUInt64 inBufferSize,
                                                    eds::EdsStreamRef *outStream) override;
     eds::EdsError EdsSetProgressCallback(eds::EdsBaseRef inRef, eds::EdsProgressCallback inProgressFunc,
-                                         eds::EdsProgressOption inProgressOption, eds::EdsVoid *inContext) override;
+                                         eds::EdsProgressOption inProgressOption,
+                                         eds::EdsVoid *inContext) override;
     eds::EdsError EdsDownload(eds::EdsDirectoryItemRef inDirItemRef, eds::EdsUInt64 inReadSize,
                               eds::EdsStreamRef outStream) override;
     eds::EdsError EdsDownloadComplete(eds::EdsDirectoryItemRef inDirItemRef) override;
-    eds::EdsError EdsCreateEvfImageRef(eds::EdsStreamRef inStreamRef, eds::EdsEvfImageRef *outEvfImageRef) override;
-    eds::EdsError EdsDownloadEvfImage(eds::EdsCameraRef inCameraRef, eds::EdsEvfImageRef inEvfImageRef) override;
+    eds::EdsError EdsCreateEvfImageRef(eds::EdsStreamRef inStreamRef,
+                                       eds::EdsEvfImageRef *outEvfImageRef) override;
+    eds::EdsError EdsDownloadEvfImage(eds::EdsCameraRef inCameraRef,
+                                      eds::EdsEvfImageRef inEvfImageRef) override;
 
     // Bytes a memory stream has been written so far (tests, diagnostics);
     // 0xFFFFFFFFFFFFFFFF for anything that is not a stream.

@@ -342,7 +342,8 @@ public:
             return GP_ERROR_BAD_PARAMETERS;
         CameraFileInfo fi;
         std::memset(&fi, 0, sizeof fi);
-        const int rc = gp_camera_file_get_info(open->camera, folder.c_str(), name.c_str(), &fi, open->context);
+        const int rc =
+            gp_camera_file_get_info(open->camera, folder.c_str(), name.c_str(), &fi, open->context);
         if (rc < GP_OK)
             return rc;
         *info = FileInfo{};
@@ -355,19 +356,20 @@ public:
         return GP_OK;
     }
 
-    int readFile(Handle handle, const std::string &folder, const std::string &name, uint64_t offset, char *buffer,
-                 uint64_t *size) override {
+    int readFile(Handle handle, const std::string &folder, const std::string &name, uint64_t offset,
+                 char *buffer, uint64_t *size) override {
         OpenCamera *open = use(handle);
         if (!open)
             return GP_ERROR_BAD_PARAMETERS;
         uint64_t got = *size;
-        const int rc = gp_camera_file_read(open->camera, folder.c_str(), name.c_str(), GP_FILE_TYPE_NORMAL, offset,
-                                           buffer, &got, open->context);
+        const int rc = gp_camera_file_read(open->camera, folder.c_str(), name.c_str(), GP_FILE_TYPE_NORMAL,
+                                           offset, buffer, &got, open->context);
         *size = rc < GP_OK ? 0 : got;
         return rc < GP_OK ? rc : GP_OK;
     }
 
-    int getFile(Handle handle, const std::string &folder, const std::string &name, std::string *data) override {
+    int getFile(Handle handle, const std::string &folder, const std::string &name,
+                std::string *data) override {
         OpenCamera *open = use(handle);
         if (!open)
             return GP_ERROR_BAD_PARAMETERS;
@@ -375,7 +377,8 @@ public:
         int rc = gp_file_new(&file);
         if (rc < GP_OK)
             return rc;
-        rc = gp_camera_file_get(open->camera, folder.c_str(), name.c_str(), GP_FILE_TYPE_NORMAL, file, open->context);
+        rc = gp_camera_file_get(open->camera, folder.c_str(), name.c_str(), GP_FILE_TYPE_NORMAL, file,
+                                open->context);
         if (rc >= GP_OK) {
             const char *bytes = nullptr;
             unsigned long size = 0;
@@ -491,6 +494,8 @@ private:
 
 } // namespace
 
-std::shared_ptr<Gphoto2Port> makeLibGphoto2Port() { return std::make_shared<LibGphoto2Port>(); }
+std::shared_ptr<Gphoto2Port> makeLibGphoto2Port() {
+    return std::make_shared<LibGphoto2Port>();
+}
 
 } // namespace brix::gphoto2

@@ -80,8 +80,9 @@ inline std::vector<Widget> parseListAllConfig(const std::string &path) {
             w.readOnly = *v == "1";
         } else if (auto v = value("Type")) {
             static const std::map<std::string, Widget::Type> types = {
-                {"TEXT", Widget::Type::Text},     {"RANGE", Widget::Type::Range}, {"TOGGLE", Widget::Type::Toggle},
-                {"RADIO", Widget::Type::Radio},   {"MENU", Widget::Type::Menu},   {"DATE", Widget::Type::Date},
+                {"TEXT", Widget::Type::Text},     {"RANGE", Widget::Type::Range},
+                {"TOGGLE", Widget::Type::Toggle}, {"RADIO", Widget::Type::Radio},
+                {"MENU", Widget::Type::Menu},     {"DATE", Widget::Type::Date},
                 {"BUTTON", Widget::Type::Button},
             };
             w.type = types.at(*v);
@@ -318,7 +319,8 @@ public:
         if (it == files_.end())
             return gp::FileNotFound;
         readOffsets_.push_back(offset);
-        const uint64_t n = offset >= it->second.size() ? 0 : std::min<uint64_t>(*size, it->second.size() - offset);
+        const uint64_t n =
+            offset >= it->second.size() ? 0 : std::min<uint64_t>(*size, it->second.size() - offset);
         std::memcpy(buffer, it->second.data() + offset, n);
         *size = n;
         return gp::OK;
@@ -408,15 +410,27 @@ private:
     static bool isCommand(const std::string &name) {
         // Controls that act rather than hold a value: reading them back gives
         // their idle state.
-        return name == "eosremoterelease" || name == "manualfocusdrive" || name == "eoszoom" || name == "bulb" ||
-               name == "autofocusdrive" || name == "cancelautofocus" || name == "syncdatetime";
+        return name == "eosremoterelease" || name == "manualfocusdrive" || name == "eoszoom" ||
+               name == "bulb" || name == "autofocusdrive" || name == "cancelautofocus" ||
+               name == "syncdatetime";
     }
     static std::optional<std::string> ptpCodeOf(const std::string &name) {
         static const std::map<std::string, std::string> codes = {
-            {"aperture", "d101"},     {"shutterspeed", "d102"}, {"iso", "d103"},         {"exposurecompensation", "d104"},
-            {"autoexposuremode", "d105"}, {"drivemode", "d106"}, {"meteringmode", "d107"}, {"focusmode", "d108"},
-            {"whitebalance", "d109"}, {"picturestyle", "d110"}, {"imageformat", "d120"}, {"ownername", "d115"},
-            {"artist", "d1d0"},       {"copyright", "d1d1"},    {"datetime", "d113"},
+            {"aperture", "d101"},
+            {"shutterspeed", "d102"},
+            {"iso", "d103"},
+            {"exposurecompensation", "d104"},
+            {"autoexposuremode", "d105"},
+            {"drivemode", "d106"},
+            {"meteringmode", "d107"},
+            {"focusmode", "d108"},
+            {"whitebalance", "d109"},
+            {"picturestyle", "d110"},
+            {"imageformat", "d120"},
+            {"ownername", "d115"},
+            {"artist", "d1d0"},
+            {"copyright", "d1d1"},
+            {"datetime", "d113"},
         };
         auto it = codes.find(name);
         if (it == codes.end())
@@ -445,6 +459,8 @@ private:
     std::atomic<bool> overlapped_{false};
 };
 
-inline std::string fixture(const std::string &name) { return std::string(BRIX_GPHOTO2_TEST_DATA) + "/" + name; }
+inline std::string fixture(const std::string &name) {
+    return std::string(BRIX_GPHOTO2_TEST_DATA) + "/" + name;
+}
 
 } // namespace brix::gphoto2::replay

@@ -94,7 +94,8 @@ struct Recorder {
 class Gphoto2Backend : public ::testing::Test {
 protected:
     void SetUp() override {
-        port = std::make_shared<replay::FakeGphoto2Port>(replay::parseListAllConfig(replay::fixture("eos-5d-mark-iii.txt")));
+        port = std::make_shared<replay::FakeGphoto2Port>(
+            replay::parseListAllConfig(replay::fixture("eos-5d-mark-iii.txt")));
         port->setDetected({{"Canon EOS 5D Mark III", "usb:001,005"}, {"Nikon DSC D750", "usb:001,007"}});
         make();
     }
@@ -136,10 +137,14 @@ protected:
     void openWithHandlers() {
         camera = first();
         ASSERT_NE(camera, nullptr);
-        ASSERT_EQ(sdk->EdsSetCameraStateEventHandler(camera, kEdsStateEvent_All, Recorder::onState, &recorder), 0u);
+        ASSERT_EQ(
+            sdk->EdsSetCameraStateEventHandler(camera, kEdsStateEvent_All, Recorder::onState, &recorder), 0u);
         ASSERT_EQ(sdk->EdsOpenSession(camera), EDS_ERR_OK);
-        ASSERT_EQ(sdk->EdsSetPropertyEventHandler(camera, kEdsPropertyEvent_All, Recorder::onProperty, &recorder), 0u);
-        ASSERT_EQ(sdk->EdsSetObjectEventHandler(camera, kEdsObjectEvent_All, Recorder::onObject, &recorder), 0u);
+        ASSERT_EQ(
+            sdk->EdsSetPropertyEventHandler(camera, kEdsPropertyEvent_All, Recorder::onProperty, &recorder),
+            0u);
+        ASSERT_EQ(sdk->EdsSetObjectEventHandler(camera, kEdsObjectEvent_All, Recorder::onObject, &recorder),
+                  0u);
     }
     uint32_t readU32(EdsPropertyID id, EdsError *error = nullptr) {
         EdsDataType type = 0;
@@ -285,7 +290,7 @@ TEST_F(Gphoto2Backend, ReadsTheRecordedSettingsAsCameraValues) {
     ASSERT_EQ(sdk->EdsGetPropertyDesc(camera, kEdsPropID_Av, &desc), EDS_ERR_OK);
     ASSERT_EQ(desc.numElements, 16);
     EXPECT_EQ(desc.propDesc[0], 0x28);
-    EXPECT_EQ(desc.propDesc[1], 0x2b); // "4.5" on a third-stop body
+    EXPECT_EQ(desc.propDesc[1], 0x2b);  // "4.5" on a third-stop body
     EXPECT_EQ(desc.propDesc[10], 0x43); // "13"
     ASSERT_EQ(sdk->EdsGetPropertyDesc(camera, kEdsPropID_ImageQuality, &desc), EDS_ERR_OK);
     EXPECT_EQ(desc.propDesc[4], 0x0e13ff0f); // S1 on a body with S2/S3
@@ -306,7 +311,8 @@ TEST_F(Gphoto2Backend, WritesSettingsAndAnnouncesChanges) {
     EXPECT_EQ(port->widget("imageformat").text, "RAW + Large Fine JPEG");
     EXPECT_EQ(port->widget("exposurecompensation").text, "-1");
     EXPECT_EQ(readU32(kEdsPropID_Av), 0x38u);
-    ASSERT_TRUE(waitFor([&] { return recorder.count('p', kEdsPropertyEvent_PropertyChanged, kEdsPropID_Av) == 1; }));
+    ASSERT_TRUE(
+        waitFor([&] { return recorder.count('p', kEdsPropertyEvent_PropertyChanged, kEdsPropID_Av) == 1; }));
     ASSERT_TRUE(waitFor([&] {
         return recorder.count('p', kEdsPropertyEvent_PropertyChanged, kEdsPropID_ImageQuality) == 1;
     }));
@@ -336,7 +342,8 @@ TEST_F(Gphoto2Backend, ABusyBodyAnswersDeviceBusy) {
     EXPECT_EQ(port->widget("shutterspeed").text, "1/125");
     port->failNext(replay::FakeGphoto2Port::Op::Trigger, gp::CameraBusy);
     EXPECT_EQ(sdk->EdsSendCommand(camera, kEdsCameraCommand_TakePicture, 0), EDS_ERR_DEVICE_BUSY);
-    port->failNext(replay::FakeGphoto2Port::Op::Trigger, gp::Error, "Canon EOS Capture failed to release: Perhaps no focus?");
+    port->failNext(replay::FakeGphoto2Port::Op::Trigger, gp::Error,
+                   "Canon EOS Capture failed to release: Perhaps no focus?");
     EXPECT_EQ(sdk->EdsSendCommand(camera, kEdsCameraCommand_TakePicture, 0), EDS_ERR_TAKE_PICTURE_AF_NG);
     // The next try goes through.
     EXPECT_EQ(writeU32(kEdsPropID_Tv, 0x78), EDS_ERR_OK);
@@ -405,9 +412,11 @@ TEST_F(Gphoto2Backend, ShutterLensAndBulbCommandsDriveTheBodysControls) {
     EXPECT_EQ(sdk->EdsSendCommand(camera, kEdsCameraCommand_PressShutterButton,
                                   kEdsCameraCommand_ShutterButton_Completely_NonAF),
               EDS_ERR_OK);
-    EXPECT_EQ(sdk->EdsSendCommand(camera, kEdsCameraCommand_PressShutterButton, kEdsCameraCommand_ShutterButton_OFF),
+    EXPECT_EQ(sdk->EdsSendCommand(camera, kEdsCameraCommand_PressShutterButton,
+                                  kEdsCameraCommand_ShutterButton_OFF),
               EDS_ERR_OK);
-    EXPECT_EQ(sdk->EdsSendCommand(camera, kEdsCameraCommand_PressShutterButton, 2), EDS_ERR_INVALID_PARAMETER);
+    EXPECT_EQ(sdk->EdsSendCommand(camera, kEdsCameraCommand_PressShutterButton, 2),
+              EDS_ERR_INVALID_PARAMETER);
     EXPECT_EQ(sdk->EdsSendCommand(camera, kEdsCameraCommand_BulbStart, 0), EDS_ERR_OK);
     EXPECT_EQ(sdk->EdsSendCommand(camera, kEdsCameraCommand_BulbEnd, 0), EDS_ERR_OK);
     EXPECT_EQ(sdk->EdsSendCommand(camera, kEdsCameraCommand_DoEvfAf, 1), EDS_ERR_OK);
@@ -424,11 +433,16 @@ TEST_F(Gphoto2Backend, ShutterLensAndBulbCommandsDriveTheBodysControls) {
 
     using W = std::pair<std::string, std::string>;
     const std::vector<W> expected = {
-        {"eosremoterelease", "Press 1"},      {"eosremoterelease", "Press Full"},
-        {"eosremoterelease", "Release Full"}, {"eosremoterelease", "Release Half"},
-        {"bulb", "1"},                        {"bulb", "0"},
-        {"autofocusdrive", "1"},              {"manualfocusdrive", "Far 2"},
-        {"manualfocusdrive", "Near 3"},       {"eoszoom", "5"},
+        {"eosremoterelease", "Press 1"},
+        {"eosremoterelease", "Press Full"},
+        {"eosremoterelease", "Release Full"},
+        {"eosremoterelease", "Release Half"},
+        {"bulb", "1"},
+        {"bulb", "0"},
+        {"autofocusdrive", "1"},
+        {"manualfocusdrive", "Far 2"},
+        {"manualfocusdrive", "Near 3"},
+        {"eoszoom", "5"},
     };
     EXPECT_EQ(port->writes(), expected);
 }
@@ -444,8 +458,9 @@ TEST_F(Gphoto2Backend, LiveViewFollowsTheHostOutputBit) {
 
     const uint32_t mode = kEdsEvfMode_Enabled;
     ASSERT_EQ(sdk->EdsSetPropertyData(camera, kEdsPropID_Evf_Mode, 0, 4, &mode), EDS_ERR_OK);
-    ASSERT_EQ(writeU32(kEdsPropID_Evf_OutputDevice, readU32(kEdsPropID_Evf_OutputDevice) | kEdsEvfOutputDevice_PC),
-              EDS_ERR_OK);
+    ASSERT_EQ(
+        writeU32(kEdsPropID_Evf_OutputDevice, readU32(kEdsPropID_Evf_OutputDevice) | kEdsEvfOutputDevice_PC),
+        EDS_ERR_OK);
     EXPECT_EQ(port->widget("viewfinder").integer, 1);
     EXPECT_EQ(readU32(kEdsPropID_Evf_OutputDevice), 3u);
     ASSERT_TRUE(waitFor([&] {
@@ -521,7 +536,8 @@ TEST_F(Gphoto2Backend, ClaimedDeviceTellsTheOperatorWhenNotAllowed) {
     holdDevice("4242", "gvfsd-gphoto2");
     QString message;
     const auto token = NotificationCenter::defaultCenter().addObserver(
-        kCameraInUseNotification, {}, [&](const Notification &n) { message = n.userInfo.value("message").toString(); });
+        kCameraInUseNotification, {},
+        [&](const Notification &n) { message = n.userInfo.value("message").toString(); });
     port->failNext(replay::FakeGphoto2Port::Op::Open, gp::IoUsbClaim, "Could not claim the USB device");
     camera = first();
     EXPECT_EQ(sdk->EdsOpenSession(camera), EDS_ERR_COMM_PORT_IS_IN_USE);
@@ -564,7 +580,8 @@ TEST_F(Gphoto2Backend, PollingAnnouncesNewlyPluggedCameras) {
     // A listed body pulled out reports shutdown without a session.
     camera = first();
     ASSERT_NE(camera, nullptr);
-    ASSERT_EQ(sdk->EdsSetCameraStateEventHandler(camera, kEdsStateEvent_All, Recorder::onState, &recorder), 0u);
+    ASSERT_EQ(sdk->EdsSetCameraStateEventHandler(camera, kEdsStateEvent_All, Recorder::onState, &recorder),
+              0u);
     port->setDetected({});
     clock.advanceSeconds(2.0, settle);
     ASSERT_TRUE(waitFor([&] { return recorder.count('s', kEdsStateEvent_Shutdown) == 1; }));

@@ -33,7 +33,8 @@ EdsError onState(EdsStateEvent event, EdsUInt32, EdsVoid *) {
 TEST(Gphoto2Concurrency, CallsFromManyThreadsNeverOverlapOnTheCamera) {
     gChanges = 0;
     gShutdowns = 0;
-    auto port = std::make_shared<replay::FakeGphoto2Port>(replay::parseListAllConfig(replay::fixture("eos-5d-mark-iii.txt")));
+    auto port = std::make_shared<replay::FakeGphoto2Port>(
+        replay::parseListAllConfig(replay::fixture("eos-5d-mark-iii.txt")));
     port->setDetected({{"Canon EOS 5D Mark III", "usb:002,003"}});
     Gphoto2Options o;
     o.hotplug = Gphoto2Options::Hotplug::Off;
@@ -51,7 +52,8 @@ TEST(Gphoto2Concurrency, CallsFromManyThreadsNeverOverlapOnTheCamera) {
 
     std::atomic<int> failures{0};
     std::vector<std::thread> threads;
-    const EdsPropertyID reads[] = {kEdsPropID_Av, kEdsPropID_ISOSpeed, kEdsPropID_ImageQuality, kEdsPropID_LensName};
+    const EdsPropertyID reads[] = {kEdsPropID_Av, kEdsPropID_ISOSpeed, kEdsPropID_ImageQuality,
+                                   kEdsPropID_LensName};
     for (EdsPropertyID id : reads) {
         threads.emplace_back([&, id] {
             for (int i = 0; i < 100; ++i) {

@@ -25,7 +25,9 @@ Backend gphoto2ReplayBackend() {
         (*port)->unplug();
         return true;
     };
-    b.callerReferences = [](EdsSdk &sdk) { return static_cast<gphoto2::Gphoto2Sdk &>(sdk).callerReferences(); };
+    b.callerReferences = [](EdsSdk &sdk) {
+        return static_cast<gphoto2::Gphoto2Sdk &>(sdk).callerReferences();
+    };
     b.done = [port] { port->reset(); };
     return b;
 }

@@ -53,7 +53,9 @@ public:
     void closeCamera(Handle h) override { real_->closeCamera(h); }
     int listWidgets(Handle h, std::vector<Widget> *w) override { return real_->listWidgets(h, w); }
     int getWidget(Handle h, const std::string &n, Widget *w) override { return real_->getWidget(h, n, w); }
-    int setWidget(Handle h, const std::string &n, const Widget &v) override { return real_->setWidget(h, n, v); }
+    int setWidget(Handle h, const std::string &n, const Widget &v) override {
+        return real_->setWidget(h, n, v);
+    }
     int waitForEvent(Handle h, int timeoutMs, Event *e) override {
         if (!announced_.exchange(true)) {
             *e = Event{Event::Type::FileAdded, "", folder_, file_};
@@ -70,13 +72,16 @@ public:
     int fileInfo(Handle h, const std::string &f, const std::string &n, FileInfo *i) override {
         return real_->fileInfo(h, f, n, i);
     }
-    int readFile(Handle h, const std::string &f, const std::string &n, uint64_t o, char *b, uint64_t *s) override {
+    int readFile(Handle h, const std::string &f, const std::string &n, uint64_t o, char *b,
+                 uint64_t *s) override {
         return real_->readFile(h, f, n, o, b, s);
     }
     int getFile(Handle h, const std::string &f, const std::string &n, std::string *d) override {
         return real_->getFile(h, f, n, d);
     }
-    int deleteFile(Handle h, const std::string &f, const std::string &n) override { return real_->deleteFile(h, f, n); }
+    int deleteFile(Handle h, const std::string &f, const std::string &n) override {
+        return real_->deleteFile(h, f, n);
+    }
     int capturePreview(Handle h, std::string *j) override { return real_->capturePreview(h, j); }
     std::string describe(int r, Handle h) override { return real_->describe(r, h); }
 
@@ -160,8 +165,8 @@ TEST(Gphoto2Library, BackendDownloadsAShotThroughLibgphoto2) {
     Gphoto2Options o;
     o.hotplug = Gphoto2Options::Hotplug::Off;
     o.eventWaitMs = 5;
-    Gphoto2Sdk sdk(std::make_shared<FolderCamera>(makeLibGphoto2Port(), root.toStdString(), "/DCIM", "IMG_0002.JPG"),
-                   o);
+    Gphoto2Sdk sdk(
+        std::make_shared<FolderCamera>(makeLibGphoto2Port(), root.toStdString(), "/DCIM", "IMG_0002.JPG"), o);
     ASSERT_EQ(sdk.EdsInitializeSDK(), EDS_ERR_OK);
     EdsCameraListRef list = nullptr;
     ASSERT_EQ(sdk.EdsGetCameraList(&list), EDS_ERR_OK);

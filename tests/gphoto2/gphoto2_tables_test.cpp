@@ -34,7 +34,8 @@ std::vector<std::string> labelsOfScale(EdsPropertyID id, bool halves) {
 // Every value of the property's width: the label shown for it leads back to it,
 // except where libgphoto2 shows one label for two values; those are exactly
 // the listed ones, and the body's step scale (the other choices) tells them apart.
-void checkRoundTrip(EdsPropertyID id, const std::set<uint32_t> &sharedLabels, const std::set<uint32_t> &unresolvable) {
+void checkRoundTrip(EdsPropertyID id, const std::set<uint32_t> &sharedLabels,
+                    const std::set<uint32_t> &unresolvable) {
     const PropertySpec *spec = propertySpec(id);
     ASSERT_NE(spec, nullptr);
     const uint32_t limit = 1u << spec->valueBits;
@@ -152,18 +153,26 @@ TEST(Gphoto2Tables, ImageQualityPackingIsLossless) {
         uint32_t code;
         const char *label;
     } cases[] = {
-        {0x0013ff0f, "Large Fine JPEG"},        {0x0012ff0f, "Large Normal JPEG"},
-        {0x0113ff0f, "Medium Fine JPEG"},       {0x0213ff0f, "Small Fine JPEG"},
-        {0x0e13ff0f, "Small Fine JPEG"},        {0x0f13ff0f, "Smaller JPEG"},
-        {0x1013ff0f, "Tiny JPEG"},              {0x0064ff0f, "RAW"},
-        {0x0164ff0f, "mRAW"},                   {0x0264ff0f, "sRAW"},
-        {0x00640013, "RAW + Large Fine JPEG"},  {0x0063ff0f, "cRAW"},
-        {0x00640e13, "RAW + Small Fine JPEG"},  {0x00640012, "RAW + Large Normal JPEG"},
+        {0x0013ff0f, "Large Fine JPEG"},
+        {0x0012ff0f, "Large Normal JPEG"},
+        {0x0113ff0f, "Medium Fine JPEG"},
+        {0x0213ff0f, "Small Fine JPEG"},
+        {0x0e13ff0f, "Small Fine JPEG"},
+        {0x0f13ff0f, "Smaller JPEG"},
+        {0x1013ff0f, "Tiny JPEG"},
+        {0x0064ff0f, "RAW"},
+        {0x0164ff0f, "mRAW"},
+        {0x0264ff0f, "sRAW"},
+        {0x00640013, "RAW + Large Fine JPEG"},
+        {0x0063ff0f, "cRAW"},
+        {0x00640e13, "RAW + Small Fine JPEG"},
+        {0x00640012, "RAW + Large Normal JPEG"},
     };
     for (const auto &c : cases)
         EXPECT_EQ(labelForValue(kEdsPropID_ImageQuality, c.code), c.label) << std::hex << c.code;
     // "Small" is S1 on bodies that also offer S2/S3, the older size otherwise.
-    const std::vector<std::string> withS2 = {"Large Fine JPEG", "Small Fine JPEG", "Smaller JPEG", "Tiny JPEG"};
+    const std::vector<std::string> withS2 = {"Large Fine JPEG", "Small Fine JPEG", "Smaller JPEG",
+                                             "Tiny JPEG"};
     const std::vector<std::string> withoutS2 = {"Large Fine JPEG", "Medium Fine JPEG", "Small Fine JPEG"};
     EXPECT_EQ(valueForLabel(kEdsPropID_ImageQuality, "Small Fine JPEG", withS2), 0x0e13ff0fu);
     EXPECT_EQ(valueForLabel(kEdsPropID_ImageQuality, "Small Fine JPEG", withoutS2), 0x0213ff0fu);
