@@ -2,7 +2,7 @@
 // detection, opening a camera on a port, the configuration widget tree, events,
 // capture, chunked file reads and live-view previews. Everything above this
 // interface speaks in plain values (names, labels, numbers, bytes), so a test
-// double can replay a recorded EOS widget tree and event sequence.
+// double can replay an EOS body's widget tree and event sequence.
 //
 // Threads: autodetect/openCamera/closeCamera may be called from any thread (the
 // real adapter serialises them). Every call that takes a handle must come from

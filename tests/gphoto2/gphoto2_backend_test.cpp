@@ -1,4 +1,5 @@
-// The gphoto2 backend replaying a recorded EOS 5D Mark III through the
+// The gphoto2 backend on an EOS 5D Mark III widget tree (`gphoto2
+// --list-all-config` format, assembled from libgphoto2's tables) served by the
 // adapter's test double: detection, sessions, settings both ways, events, a
 // capture with its download, live view, commands, a busy body, a vanished
 // body, a claimed USB device and hotplug polling.
@@ -238,7 +239,7 @@ TEST_F(Gphoto2Backend, BodiesNewerThanLibgphoto2AreListedByCanonsVendorId) {
     sdk->EdsRelease(list);
 }
 
-TEST_F(Gphoto2Backend, ReadsTheRecordedSettingsAsCameraValues) {
+TEST_F(Gphoto2Backend, ReadsTheBodysSettingsAsCameraValues) {
     openWithHandlers();
     EXPECT_EQ(readU32(kEdsPropID_Av), 0x30u);       // "5.6"
     EXPECT_EQ(readU32(kEdsPropID_Tv), 0x70u);       // "1/125"
@@ -271,9 +272,9 @@ TEST_F(Gphoto2Backend, ReadsTheRecordedSettingsAsCameraValues) {
     EXPECT_EQ(size, sizeof(EdsTime));
     EdsTime t{};
     ASSERT_EQ(sdk->EdsGetPropertyData(camera, kEdsPropID_DateTime, 0, size, &t), EDS_ERR_OK);
-    const time_t recorded = 1700000000;
+    const time_t onBody = 1700000000;
     std::tm tm{};
-    localtime_r(&recorded, &tm);
+    localtime_r(&onBody, &tm);
     EXPECT_EQ(t.year, uint32_t(tm.tm_year + 1900));
     EXPECT_EQ(t.hour, uint32_t(tm.tm_hour));
     EXPECT_EQ(t.second, uint32_t(tm.tm_sec));

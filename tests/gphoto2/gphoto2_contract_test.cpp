@@ -1,5 +1,5 @@
 // The backend contract shared with the simulator, run against the gphoto2
-// backend on a recorded EOS 5D Mark III served by the adapter's test double.
+// backend on an EOS 5D Mark III widget tree served by the adapter's test double.
 #include "ContractSuite.h"
 #include "FakeGphoto2Port.h"
 #include "Gphoto2Sdk.h"

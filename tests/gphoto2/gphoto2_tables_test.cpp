@@ -187,8 +187,8 @@ TEST(Gphoto2Tables, ImageQualityPackingIsLossless) {
     EXPECT_EQ(valueForLabel(kEdsPropID_ImageQuality, "Unknown value 5300"), 0x0513ff0fu);
 }
 
-TEST(Gphoto2Tables, RecordedBodyChoicesAllMap) {
-    // Every choice of every listed property on the recorded body maps to a
+TEST(Gphoto2Tables, ReplayedBodyChoicesAllMap) {
+    // Every choice of every listed property on the replayed body maps to a
     // value whose label is the choice again: nothing the body offers is lost.
     const auto tree = replay::parseListAllConfig(replay::fixture("eos-5d-mark-iii.txt"));
     int checked = 0;

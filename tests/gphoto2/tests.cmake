@@ -1,4 +1,4 @@
-# gphoto2 backend: value tables, the backend replaying a recorded EOS body
+# gphoto2 backend: value tables, the backend replaying an EOS widget tree
 # through the adapter's test double (also under the shared backend contract),
 # and libgphoto2 itself on its directory driver.
 brix_test_folder(gphoto2 LIBS brix_camera_gphoto2 brix_camera_sdk brix_support Qt6::Gui)
