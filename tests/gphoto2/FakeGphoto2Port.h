@@ -1,7 +1,8 @@
 // Test double of the libgphoto2 adapter: serves a widget tree in the format
 // of `LANG=C gphoto2 --list-all-config` (so a body's own listing can be
-// replayed) and behaves like an EOS body behind libgphoto2: radio settings accept only their choices (or "Unknown value
-// %04x") and announce their change as "PTP Property dXXX changed", a trigger
+// replayed) and behaves like an EOS body behind libgphoto2: radio settings
+// accept only their choices (or "Unknown value %04x") and announce their
+// change as "PTP Property dXXX changed", a trigger
 // adds a file and announces it, files are read in parts, previews return JPEG
 // frames. Faults are injected per operation; unplug() makes every later call
 // fail as a vanished USB device does.
