@@ -134,5 +134,7 @@ public:
 
 // The adapter on the installed libgphoto2.
 std::shared_ptr<Gphoto2Port> makeLibGphoto2Port();
+// Path of the loaded libgphoto2 library image; empty when it cannot be told.
+const std::string &libgphoto2Path();
 
 } // namespace brix::gphoto2

@@ -1166,7 +1166,7 @@ Gphoto2Sdk::~Gphoto2Sdk() {
 }
 
 const char *Gphoto2Sdk::libraryPath() const {
-    return "";
+    return libgphoto2Path().c_str();
 }
 
 EdsError Gphoto2Sdk::EdsInitializeSDK() {

@@ -75,6 +75,7 @@ public:
     ~Gphoto2Sdk() override;
 
     const char *backendName() const override { return "gphoto2"; }
+    // The libgphoto2 library the backend runs on.
     const char *libraryPath() const override;
 
     eds::EdsError EdsInitializeSDK() override;

@@ -9,6 +9,8 @@
 
 #include <gphoto2/gphoto2.h>
 
+#include <dlfcn.h>
+
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -496,6 +498,16 @@ private:
 
 std::shared_ptr<Gphoto2Port> makeLibGphoto2Port() {
     return std::make_shared<LibGphoto2Port>();
+}
+
+const std::string &libgphoto2Path() {
+    static const std::string path = [] {
+        Dl_info info{};
+        if (dladdr(reinterpret_cast<void *>(&gp_camera_new), &info) && info.dli_fname)
+            return std::string(info.dli_fname);
+        return std::string();
+    }();
+    return path;
 }
 
 } // namespace brix::gphoto2

@@ -157,6 +157,7 @@ TEST(Gphoto2Library, FolderDriverListsReadsAndDeletesThroughTheAdapter) {
     port->closeCamera(h);
 
     EXPECT_EQ(port->openCamera({"No Such Camera Model", "usb:"}, &h), gp::ModelNotFound);
+    EXPECT_NE(libgphoto2Path().find("libgphoto2"), std::string::npos) << libgphoto2Path();
 }
 
 TEST(Gphoto2Library, BackendDownloadsAShotThroughLibgphoto2) {
