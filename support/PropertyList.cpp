@@ -188,10 +188,10 @@ plist_t toNode(const QVariant &value, int depth, bool wholeSeconds, QString *err
 
 // --- plist_t -> Qt value --------------------------------------------------------
 
-bool strictUtf8(const char *bytes, QString *out) {
+bool strictUtf8(QByteArrayView bytes, QString *out) {
     QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
-    *out = decoder(QByteArrayView(bytes, qsizetype(std::strlen(bytes))));
-    return !decoder.hasError();
+    *out = decoder(bytes);
+    return !decoder.hasError() && !out->contains(QChar(0));
 }
 
 QVariant fromNode(plist_t node, int depth, QString *error);
@@ -215,7 +215,7 @@ QVariant fromDictNode(plist_t node, int depth, QString *error) {
             break;
         }
         QString keyText;
-        const bool keyOk = key && strictUtf8(key, &keyText);
+        const bool keyOk = key && strictUtf8(QByteArrayView(key, qsizetype(std::strlen(key))), &keyText);
         std::free(key);
         if (!keyOk) {
             setError(error, QStringLiteral("dictionary key is not valid UTF-8"));
@@ -278,20 +278,15 @@ QVariant fromNode(plist_t node, int depth, QString *error) {
         plist_get_real_val(node, &d);
         return QVariant(d);
     }
-    case PLIST_STRING:
-    case PLIST_KEY: {
-        char *s = nullptr;
-        plist_get_string_val(node, &s);
-        if (!s)
-            return QVariant(QString(QLatin1String("")));
+    case PLIST_STRING: {
+        uint64_t length = 0;
+        const char *s = plist_get_string_ptr(node, &length);
         QString text;
-        const bool ok = strictUtf8(s, &text);
-        std::free(s);
-        if (!ok) {
+        if (s && !strictUtf8(QByteArrayView(s, qsizetype(length)), &text)) {
             setError(error, QStringLiteral("string is not valid UTF-8"));
             return {};
         }
-        return QVariant(text);
+        return QVariant(text.isNull() ? QString(QLatin1String("")) : text);
     }
     case PLIST_DATA: {
         char *d = nullptr;
@@ -307,7 +302,7 @@ QVariant fromNode(plist_t node, int depth, QString *error) {
         // The fraction comes back without its sign; it follows the seconds.
         const int64_t frac = (int64_t(usec) + 500) / 1000; // the reader truncates to microseconds
         const int64_t ms = (int64_t(sec) + kPlistEpochOffset) * 1000 + (sec < 0 ? -frac : frac);
-        return QVariant(QDateTime::fromMSecsSinceEpoch(ms, QTimeZone::utc()));
+        return QVariant(QDateTime::fromMSecsSinceEpoch(ms, Qt::UTC));
     }
     case PLIST_ARRAY:
         return fromArrayNode(node, depth, error);
@@ -383,6 +378,23 @@ private:
         return false;
     }
 
+    // Big-endian UTF-16 without NUL units and with every surrogate paired.
+    static bool validUtf16(const uchar *p, uint64_t units) {
+        for (uint64_t i = 0; i < units; ++i) {
+            const unsigned u = (unsigned(p[2 * i]) << 8) | p[2 * i + 1];
+            if (u == 0 || (u >= 0xDC00 && u <= 0xDFFF))
+                return false;
+            if (u >= 0xD800 && u <= 0xDBFF) {
+                if (++i >= units)
+                    return false;
+                const unsigned t = (unsigned(p[2 * i]) << 8) | p[2 * i + 1];
+                if (t < 0xDC00 || t > 0xDFFF)
+                    return false;
+            }
+        }
+        return true;
+    }
+
     bool readObject(uint64_t index, Object *out, QString *error) const {
         const uint64_t offset = readBigEndian(d_ + tableOffset_ + index * offsetSize_, offsetSize_);
         if (offset < 8 || offset >= tableOffset_)
@@ -432,6 +444,12 @@ private:
             if (!count(&n) || !fits(n, type == 0x6 ? 2 : 1))
                 return fail(error, QStringLiteral("binary property list string or data runs past its end"));
             out->payload = type == 0x6 ? n * 2 : n;
+            // libplist hands strings on as C strings and drops broken UTF-16
+            // silently: refuse both kinds of damage here.
+            if (type == 0x5 && n > 0 && std::memchr(d_ + pos, 0, size_t(n)))
+                return fail(error, QStringLiteral("string contains a NUL character"));
+            if (type == 0x6 && !validUtf16(d_ + pos, n))
+                return fail(error, QStringLiteral("string is not valid UTF-16"));
             return true;
         case 0x8: // archiver UID
             if (!fits(low + 1, 1))
@@ -520,6 +538,11 @@ bool startsWithAt(const QByteArray &data, qsizetype pos, const char *text) {
 // not: refuse nesting beyond kMaxDepth before parsing. Comments and CDATA
 // sections are skipped so that their text does not count.
 bool checkXmlNesting(const QByteArray &data, QString *error) {
+    // XML cannot contain NUL, and libplist would end its strings there.
+    if (data.contains('\0')) {
+        setError(error, QStringLiteral("XML property list contains a NUL byte"));
+        return false;
+    }
     int depth = 0;
     const qsizetype n = data.size();
     for (qsizetype i = 0; i < n; ++i) {
@@ -685,7 +708,8 @@ QVariant PropertyList::propertyListFromData(const QByteArray &data, Mutability, 
         }
         if (!checkXmlNesting(data, error))
             return {};
-        plist_from_xml(data.constData(), uint32_t(data.size()), &raw);
+        // libplist wants the document to begin with its first tag.
+        plist_from_xml(data.constData() + i, uint32_t(data.size() - i), &raw);
         if (format)
             *format = PlistFormat::Xml;
     }

@@ -28,16 +28,23 @@ public:
     LogCapture(const LogCapture &) = delete;
     LogCapture &operator=(const LogCapture &) = delete;
 
-    // Every line written so far, without the time and queue prefix.
+    // Every message written so far, without the time and queue prefix. A
+    // message that spans several lines comes back whole.
     QStringList messages() {
         Logger::flush();
         std::fflush(stderr);
         QFile in(file_.fileName());
         in.open(QIODevice::ReadOnly);
+        static const QRegularExpression head(QStringLiteral("^\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3}\\[Q [^\\]]*\\] "));
         QStringList out;
         for (const QString &line : QString::fromUtf8(in.readAll()).split('\n', Qt::SkipEmptyParts)) {
-            const qsizetype end = line.indexOf(QLatin1String("] "));
-            out << (line.startsWith(QLatin1String("20")) && end > 0 ? line.mid(end + 2) : line);
+            const QRegularExpressionMatch m = head.match(line);
+            if (m.hasMatch())
+                out << line.mid(m.capturedLength());
+            else if (!out.isEmpty())
+                out.last() += '\n' + line;
+            else
+                out << line;
         }
         return out;
     }
