@@ -26,8 +26,6 @@ public:
     // Shown for an empty argument to displayErrorAlert.
     static constexpr const char *kUnknownErrorDomain = "Internal Error";
     static constexpr const char *kUnknownErrorText = "An unknown error has occured!";
-    // Preference that routes alertUserOfError to desktop notifications.
-    static constexpr const char *kPreferNotificationsKey = "prefPreferNotificationsOverModalAlerts";
 
     using Presenter = std::function<void(const ErrorValue &error)>;
 
@@ -36,7 +34,7 @@ public:
     static void displayErrorAlert(const std::optional<ErrorValue> &error);
 
     // A desktop notification (org.freedesktop.Notifications) when the
-    // preference asks for one, one per identifier, replaced rather than piled
+    // preference "prefPreferNotificationsOverModalAlerts" asks for one, one per identifier, replaced rather than piled
     // up; the modal alert whenever no notification can be shown.
     static void alertUserOfError(const ErrorValue &error, const QString &identifier);
 

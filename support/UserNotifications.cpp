@@ -59,7 +59,7 @@ bool sendNotification(const ErrorValue &error, const QString &identifier) {
 } // namespace
 
 void ErrorAlerts::alertUserOfError(const ErrorValue &error, const QString &identifier) {
-    if (!Preferences::standard().boolForKey(QString::fromLatin1(kPreferNotificationsKey))) {
+    if (!Preferences::standard().boolForKey(QString::fromLatin1(pref::kPreferNotificationsOverModalAlerts))) {
         displayErrorAlert(error);
         return;
     }
