@@ -12,6 +12,9 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <mutex>
 
 using namespace brix;
@@ -167,6 +170,32 @@ TEST_F(LogFile, AFileThatCannotBeOpenedIsReportedAndNothingIsWritten) {
                               " \"make error (log path) in +[Logger setLogFile:]_block_invoke: Is a directory\""))
         << text.constData();
     EXPECT_TRUE(QFileInfo(path_).isDir());
+}
+
+TEST_F(LogFile, AFailedWriteIsReportedOnceAndTheSizeStillChecked) {
+    path_ = "/dev/full";
+    test::StderrCapture capture;
+    start();
+    send("one\n");
+    send("two\n");
+    const QByteArray text = capture.text();
+    const QByteArray report = "[Q Logger-Reading] an io error has occurred: Error Domain=NSPOSIXErrorDomain Code=" +
+                              QByteArray::number(ENOSPC) +
+                              " \"write Error (log) in +[Logger setLogFile:]_block_invoke_3: No space left on device\"";
+    EXPECT_TRUE(text.contains(report)) << text.constData();
+    EXPECT_EQ(text.count(report), 1) << "the report itself must not start a storm";
+}
+
+TEST_F(LogFile, AFailedReadIsShownToTheUser) {
+    ASSERT_TRUE(QDir().mkpath(folder_));
+    // A folder reads as "Is a directory": the stream has failed.
+    const int fd = ::open(folder_.toLocal8Bit().constData(), O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(fd, 0);
+    writer_ = LogFileWriter::start(fd, QUrl::fromLocalFile(path_),
+                                   Scheduling::dispatchQueueSerialWithDebugLabel("Logger-Reading"));
+    ASSERT_TRUE(test::processEventsUntil([&] { return !alerts().empty(); }));
+    EXPECT_EQ(alerts().front(),
+              ErrorValue::posix(EISDIR, "Read Error in +[Logger setLogFile:]_block_invoke: Is a directory"));
 }
 
 TEST(LogFileNames, OldLogTakesTheOldExtension) {
