@@ -11,10 +11,7 @@
 
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
 #include <limits.h>
-#include <sys/resource.h>
-#include <unistd.h>
 
 using namespace brix;
 using test::StderrCapture;
@@ -124,7 +121,7 @@ TEST(LoggerDefaultFile, LivesInTheLogsFolderOfTheStateFolder) {
 
 namespace {
 
-// setLogFile's failures leave descriptor 2 alone, so they can run in this process.
+// A failed attach leaves descriptor 2 alone, so it can run in this process.
 TEST(LoggerAttach, WithoutAFileTheStreamStaysAndTheFailureIsLogged) {
     ASSERT_TRUE(test::writeFile(test::testHome() + "/plainfile", "x"));
     qputenv("XDG_STATE_HOME", (test::testHome() + "/plainfile/state").toUtf8());
@@ -140,24 +137,5 @@ TEST(LoggerAttach, WithoutAFileTheStreamStaysAndTheFailureIsLogged) {
     EXPECT_TRUE(Logger::logFile().isEmpty());
 }
 
-TEST(LoggerAttach, APipeThatCannotBeMadeIsLoggedAndNothingElseChanges) {
-    StderrCapture capture;
-    rlimit saved;
-    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &saved), 0);
-    const int next = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-    ASSERT_GE(next, 0);
-    ::close(next);
-    rlimit tight = saved;
-    tight.rlim_cur = rlim_t(next + 1); // room for one descriptor, a pipe needs two
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &tight), 0);
-    Logger::setLogFile(QUrl::fromLocalFile(test::testHome() + "/never.log"));
-    ::setrlimit(RLIMIT_NOFILE, &saved);
-    const QByteArray text = capture.text();
-    EXPECT_TRUE(text.contains("] +[Logger setLogFile:] file://" + QFile::encodeName(test::testHome()) + "/never.log\n"))
-        << text.constData();
-    EXPECT_TRUE(text.contains("] Error making pipes\n")) << text.constData();
-    EXPECT_TRUE(Logger::logFile().isEmpty());
-    EXPECT_FALSE(QFile::exists(test::testHome() + "/never.log"));
-}
 
 } // namespace
