@@ -96,7 +96,8 @@ struct Spdlog {
     explicit Spdlog(const std::string &path) {
         pool = std::make_shared<spdlog::details::thread_pool>(kSpdlogQueue, 1);
         auto sink = std::make_shared<spdlog::sinks::basic_file_sink_mt>(path, true);
-        logger = std::make_shared<spdlog::async_logger>("bench", sink, pool, spdlog::async_overflow_policy::block);
+        logger =
+            std::make_shared<spdlog::async_logger>("bench", sink, pool, spdlog::async_overflow_policy::block);
         logger->set_pattern("%Y-%m-%d %H:%M:%S.%e[Q %t] %v");
     }
     // Returns once every line is written and the file closed.

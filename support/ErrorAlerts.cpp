@@ -66,7 +66,8 @@ void ErrorAlerts::displayErrorAlert(const std::optional<ErrorValue> &error) {
         // Whoever asked for an alert without an error must be found from the log.
         for (const QString &symbol : callStackSymbols())
             Logger::setError(symbol);
-        shown = ErrorValue{QString::fromLatin1(kUnknownErrorDomain), -1, QString::fromLatin1(kUnknownErrorText)};
+        shown =
+            ErrorValue{QString::fromLatin1(kUnknownErrorDomain), -1, QString::fromLatin1(kUnknownErrorText)};
     } else {
         shown = *error;
     }

@@ -34,8 +34,8 @@ public:
     static void displayErrorAlert(const std::optional<ErrorValue> &error);
 
     // A desktop notification (org.freedesktop.Notifications) when the
-    // preference "prefPreferNotificationsOverModalAlerts" asks for one, one per identifier, replaced rather than piled
-    // up; the modal alert whenever no notification can be shown.
+    // preference "prefPreferNotificationsOverModalAlerts" asks for one, one per identifier, replaced rather
+    // than piled up; the modal alert whenever no notification can be shown.
     static void alertUserOfError(const ErrorValue &error, const QString &identifier);
 
     // Installs the modal presentation (nullptr restores the logging one).

@@ -9,7 +9,8 @@ ErrorValue ErrorValue::posix(int errorNumber, const QString &description) {
 }
 
 QString ErrorValue::description() const {
-    return QStringLiteral("Error Domain=%1 Code=%2 \"%3\"").arg(domain, QString::number(code), localizedDescription);
+    return QStringLiteral("Error Domain=%1 Code=%2 \"%3\"")
+        .arg(domain, QString::number(code), localizedDescription);
 }
 
 QString errnoText(int errorNumber) {

@@ -49,8 +49,8 @@ constexpr int kPipeSize = 1024 * 1024;
 
 // Logs a failure of the file or pipe handling as an error in the POSIX domain.
 void logIoError(const char *format, const char *where, int errorNumber) {
-    const ErrorValue error =
-        ErrorValue::posix(errorNumber, QString::fromLatin1(format).arg(QString::fromLatin1(where), errnoText(errorNumber)));
+    const ErrorValue error = ErrorValue::posix(
+        errorNumber, QString::fromLatin1(format).arg(QString::fromLatin1(where), errnoText(errorNumber)));
     Logger::setError(QString::fromLatin1(kIoErrorFormat).arg(error.description()));
 }
 
@@ -79,8 +79,8 @@ void ensureParentFolder(const QString &logPath) {
     if (isFolder(parent))
         return;
     if (int e = makeFolders(parent)) {
-        const ErrorValue error = ErrorValue::posix(
-            e, QString::fromLatin1(kMakeFolderErrorFormat).arg(parent, errnoText(e)));
+        const ErrorValue error =
+            ErrorValue::posix(e, QString::fromLatin1(kMakeFolderErrorFormat).arg(parent, errnoText(e)));
         Logger::setError(error.description());
     }
 }
@@ -102,7 +102,8 @@ int writeAll(int fd, const char *data, qint64 size) {
 
 } // namespace
 
-std::shared_ptr<LogFileWriter> LogFileWriter::start(int readFd, const QUrl &file, dispatch::QueuePtr readingQueue) {
+std::shared_ptr<LogFileWriter> LogFileWriter::start(int readFd, const QUrl &file,
+                                                    dispatch::QueuePtr readingQueue) {
     std::shared_ptr<LogFileWriter> writer(new LogFileWriter(readFd, file, std::move(readingQueue)));
     // The read end never blocks: a task reads what is there and yields.
     const int flags = ::fcntl(readFd, F_GETFL);
@@ -140,7 +141,9 @@ QUrl LogFileWriter::logFile() const {
     return file_;
 }
 
-QString LogFileWriter::logPath() const { return logFile().toLocalFile(); }
+QString LogFileWriter::logPath() const {
+    return logFile().toLocalFile();
+}
 
 QString LogFileWriter::oldLogPath(const QString &logPath) {
     const qsizetype slash = logPath.lastIndexOf(QLatin1Char('/'));
@@ -179,8 +182,8 @@ void LogFileWriter::readOnce() {
     if (ready < 0 && errno != EINTR) {
         const int e = errno;
         finished_ = true;
-        ErrorAlerts::displayErrorAlert(
-            ErrorValue::posix(e, QString::fromLatin1(kReadErrorFormat).arg(QString::fromLatin1(kBlockInvoke), errnoText(e))));
+        ErrorAlerts::displayErrorAlert(ErrorValue::posix(
+            e, QString::fromLatin1(kReadErrorFormat).arg(QString::fromLatin1(kBlockInvoke), errnoText(e))));
         return;
     }
     if (ready > 0 && (fds[1].revents & POLLIN)) {
@@ -217,8 +220,8 @@ bool LogFileWriter::drainAvailable(qint64 limit) {
         // The log itself has failed: only the user can be told.
         const int e = errno;
         finished_ = true;
-        ErrorAlerts::displayErrorAlert(
-            ErrorValue::posix(e, QString::fromLatin1(kReadErrorFormat).arg(QString::fromLatin1(kBlockInvoke), errnoText(e))));
+        ErrorAlerts::displayErrorAlert(ErrorValue::posix(
+            e, QString::fromLatin1(kReadErrorFormat).arg(QString::fromLatin1(kBlockInvoke), errnoText(e))));
         return false;
     }
     return true;
@@ -274,7 +277,8 @@ void LogFileWriter::rotate() {
         file_ = QUrl::fromLocalFile(path);
     }
     ensureParentFolder(path);
-    fileFd_ = ::open(path.toLocal8Bit().constData(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644);
+    fileFd_ =
+        ::open(path.toLocal8Bit().constData(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0644);
     if (fileFd_ < 0) {
         logIoError(kLogPathErrorFormat, kBlockInvoke4, errno);
         return;

@@ -29,7 +29,8 @@ public:
     // Takes ownership of readFd. Opens `file` for appending (making its folder
     // when missing) and starts reading. Failures are logged; the writer then
     // drops what it reads.
-    static std::shared_ptr<LogFileWriter> start(int readFd, const QUrl &file, dispatch::QueuePtr readingQueue);
+    static std::shared_ptr<LogFileWriter> start(int readFd, const QUrl &file,
+                                                dispatch::QueuePtr readingQueue);
     ~LogFileWriter();
     LogFileWriter(const LogFileWriter &) = delete;
     LogFileWriter &operator=(const LogFileWriter &) = delete;

@@ -168,17 +168,21 @@ void drainPending() {
     batch.clear();
 }
 
-QString urlText(const QUrl &url) { return url.isEmpty() ? QString::fromLatin1(kNullText) : url.toString(); }
+QString urlText(const QUrl &url) {
+    return url.isEmpty() ? QString::fromLatin1(kNullText) : url.toString();
+}
 
 } // namespace
 
 dispatch::QueuePtr Logger::queueForReading() {
-    static auto *queue = new dispatch::QueuePtr(Scheduling::dispatchQueueSerialWithDebugLabel("Logger-Reading"));
+    static auto *queue =
+        new dispatch::QueuePtr(Scheduling::dispatchQueueSerialWithDebugLabel("Logger-Reading"));
     return *queue;
 }
 
 dispatch::QueuePtr Logger::queueForWriting() {
-    static auto *queue = new dispatch::QueuePtr(Scheduling::dispatchQueueSerialWithDebugLabel("Logger-Writing"));
+    static auto *queue =
+        new dispatch::QueuePtr(Scheduling::dispatchQueueSerialWithDebugLabel("Logger-Writing"));
     return *queue;
 }
 
@@ -187,7 +191,9 @@ QString Logger::formatLine(const QString &message, const char *queueLabel) {
            QStringLiteral("[Q ") + QString::fromUtf8(queueLabel) + QStringLiteral("] ") + message;
 }
 
-void Logger::setError(const QString &message) { submit(message); }
+void Logger::setError(const QString &message) {
+    submit(message);
+}
 
 void Logger::setDebug(const QString &message) {
     if (gLogLevel.load(std::memory_order_relaxed) >= 1)
@@ -199,14 +205,20 @@ void Logger::setVerbose(const QString &message) {
         submit(message);
 }
 
-long Logger::logLevel() { return gLogLevel.load(std::memory_order_relaxed); }
-void Logger::setLogLevel(long level) { gLogLevel.store(level, std::memory_order_relaxed); }
+long Logger::logLevel() {
+    return gLogLevel.load(std::memory_order_relaxed);
+}
+void Logger::setLogLevel(long level) {
+    gLogLevel.store(level, std::memory_order_relaxed);
+}
 
 void Logger::setRotationLimitForTesting(std::uint64_t bytes) {
     gRotationLimit.store(bytes ? bytes : kRotationLimit, std::memory_order_relaxed);
 }
 
-std::uint64_t Logger::rotationLimit() { return gRotationLimit.load(std::memory_order_relaxed); }
+std::uint64_t Logger::rotationLimit() {
+    return gRotationLimit.load(std::memory_order_relaxed);
+}
 
 QUrl Logger::defaultLogFileWithinSubdirectory(const QString &subdirectory) {
     const QString library = Paths::libraryFolder();
@@ -219,7 +231,9 @@ QUrl Logger::defaultLogFileWithinSubdirectory(const QString &subdirectory) {
     return QUrl::fromLocalFile(path);
 }
 
-QUrl Logger::defaultLogFile() { return defaultLogFileWithinSubdirectory(QString()); }
+QUrl Logger::defaultLogFile() {
+    return defaultLogFileWithinSubdirectory(QString());
+}
 
 QUrl Logger::logFile() {
     LogFileWriter *writer = gWriter.load(std::memory_order_acquire);
@@ -236,10 +250,12 @@ void Logger::setLogFile(const QUrl &file) {
     QUrl target = file;
     if (target.isEmpty()) {
         target = defaultLogFile();
-        setError(QString::fromLatin1(kSetLogFileFormat).arg(QString::fromLatin1(kSetLogFile), urlText(target)));
+        setError(
+            QString::fromLatin1(kSetLogFileFormat).arg(QString::fromLatin1(kSetLogFile), urlText(target)));
     }
     if (target.isEmpty()) {
-        setError(QString::fromLatin1(kNoUrlFormat).arg(QString::fromLatin1(kSetLogFile), QString::fromLatin1(kNullText)));
+        setError(QString::fromLatin1(kNoUrlFormat)
+                     .arg(QString::fromLatin1(kSetLogFile), QString::fromLatin1(kNullText)));
         ::close(fds[0]);
         ::close(fds[1]);
         return;

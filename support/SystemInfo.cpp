@@ -200,9 +200,10 @@ QString operatingSystemVersion() {
         }
     }
     struct utsname uts;
-    const QString kernel = ::uname(&uts) == 0 ? QStringLiteral("%1 %2").arg(QString::fromLocal8Bit(uts.sysname),
-                                                                               QString::fromLocal8Bit(uts.release))
-                                              : QString();
+    const QString kernel = ::uname(&uts) == 0
+                               ? QStringLiteral("%1 %2").arg(QString::fromLocal8Bit(uts.sysname),
+                                                             QString::fromLocal8Bit(uts.release))
+                               : QString();
     if (pretty.isEmpty())
         return kernel;
     return kernel.isEmpty() ? pretty : QStringLiteral("%1 (%2)").arg(pretty, kernel);
@@ -219,11 +220,17 @@ int hostByteOrder() {
 
 OKVA_SystemInfo::OKVA_SystemInfo() : displayFormatMemory_(&OKVA_SystemInfo::formatMemory) {}
 
-OKVA_SystemInfo OKVA_SystemInfo::systemInfo() { return OKVA_SystemInfo(); }
+OKVA_SystemInfo OKVA_SystemInfo::systemInfo() {
+    return OKVA_SystemInfo();
+}
 
-QString OKVA_SystemInfo::currentSystemInfo() { return OKVA_SystemInfo().report(); }
+QString OKVA_SystemInfo::currentSystemInfo() {
+    return OKVA_SystemInfo().report();
+}
 
-void OKVA_SystemInfo::logCurrentSystemInfo() { Logger::setError(currentSystemInfo()); }
+void OKVA_SystemInfo::logCurrentSystemInfo() {
+    Logger::setError(currentSystemInfo());
+}
 
 QString OKVA_SystemInfo::report() {
     const QString longDescription =
@@ -270,8 +277,12 @@ const OKVA_SystemInfo::SysctlValues &OKVA_SystemInfo::statsHW() {
     return *statsHW_;
 }
 
-void OKVA_SystemInfo::setStatsMem(const QVariantMap &stats) { statsMem_ = stats; }
-void OKVA_SystemInfo::setStatsHW(const SysctlValues &values) { statsHW_ = values; }
+void OKVA_SystemInfo::setStatsMem(const QVariantMap &stats) {
+    statsMem_ = stats;
+}
+void OKVA_SystemInfo::setStatsHW(const SysctlValues &values) {
+    statsHW_ = values;
+}
 void OKVA_SystemInfo::setDisplayFormatMemory(MemoryFormatter formatter) {
     displayFormatMemory_ = formatter ? std::move(formatter) : MemoryFormatter(&OKVA_SystemInfo::formatMemory);
 }
@@ -282,16 +293,36 @@ QString OKVA_SystemInfo::memoryFigure(const char *name) {
     return displayFormatMemory_(stats().value(QString::fromLatin1(name)));
 }
 
-QString OKVA_SystemInfo::physical() { return memoryFigure(kPhysical); }
-QString OKVA_SystemInfo::free() { return memoryFigure(kFree); }
-QString OKVA_SystemInfo::active() { return memoryFigure(kActive); }
-QString OKVA_SystemInfo::inactive() { return memoryFigure(kInactive); }
-QString OKVA_SystemInfo::wired() { return memoryFigure(kWired); }
-QString OKVA_SystemInfo::compressed() { return memoryFigure(kCompressed); }
-QString OKVA_SystemInfo::decompressed() { return memoryFigure(kDecompressed); }
-QString OKVA_SystemInfo::swapins() { return memoryFigure(kSwapins); }
-QString OKVA_SystemInfo::swapouts() { return memoryFigure(kSwapouts); }
-quint64 OKVA_SystemInfo::pageSize() { return stats().value(QString::fromLatin1(kPageSize)).toULongLong(); }
+QString OKVA_SystemInfo::physical() {
+    return memoryFigure(kPhysical);
+}
+QString OKVA_SystemInfo::free() {
+    return memoryFigure(kFree);
+}
+QString OKVA_SystemInfo::active() {
+    return memoryFigure(kActive);
+}
+QString OKVA_SystemInfo::inactive() {
+    return memoryFigure(kInactive);
+}
+QString OKVA_SystemInfo::wired() {
+    return memoryFigure(kWired);
+}
+QString OKVA_SystemInfo::compressed() {
+    return memoryFigure(kCompressed);
+}
+QString OKVA_SystemInfo::decompressed() {
+    return memoryFigure(kDecompressed);
+}
+QString OKVA_SystemInfo::swapins() {
+    return memoryFigure(kSwapins);
+}
+QString OKVA_SystemInfo::swapouts() {
+    return memoryFigure(kSwapouts);
+}
+quint64 OKVA_SystemInfo::pageSize() {
+    return stats().value(QString::fromLatin1(kPageSize)).toULongLong();
+}
 
 QVariantMap OKVA_SystemInfo::memoryStats() {
     const long page = ::sysconf(_SC_PAGESIZE);
@@ -336,14 +367,20 @@ QString OKVA_SystemInfo::formatMemory(const QVariant &bytes) {
 
 // --- hardware ----------------------------------------------------------------
 
-QString OKVA_SystemInfo::hardwareModel() { return statsHW().value(QString::fromLatin1(kHwModel)); }
-QString OKVA_SystemInfo::hardwareArch() { return statsHW().value(QString::fromLatin1(kHwMachine), QString()); }
+QString OKVA_SystemInfo::hardwareModel() {
+    return statsHW().value(QString::fromLatin1(kHwModel));
+}
+QString OKVA_SystemInfo::hardwareArch() {
+    return statsHW().value(QString::fromLatin1(kHwMachine), QString());
+}
 
 QString OKVA_SystemInfo::hardwareArchLong() {
     return hardwareArch() + QStringLiteral(" (%1-bit %2)").arg(QString::number(compiledBits()), byteOrder());
 }
 
-int OKVA_SystemInfo::compiledBits() { return int(sizeof(void *) * 8); }
+int OKVA_SystemInfo::compiledBits() {
+    return int(sizeof(void *) * 8);
+}
 
 QString OKVA_SystemInfo::byteOrder(int order) {
     switch (order) {
@@ -356,7 +393,9 @@ QString OKVA_SystemInfo::byteOrder(int order) {
     }
 }
 
-QString OKVA_SystemInfo::byteOrder() { return byteOrder(hostByteOrder()); }
+QString OKVA_SystemInfo::byteOrder() {
+    return byteOrder(hostByteOrder());
+}
 
 QString OKVA_SystemInfo::removeTrademarks(const QString &brand) {
     QString out = brand;
@@ -365,9 +404,13 @@ QString OKVA_SystemInfo::removeTrademarks(const QString &brand) {
     return out;
 }
 
-QString OKVA_SystemInfo::hardwareCPU() { return removeTrademarks(statsHW().value(QString::fromLatin1(kCpuBrand))); }
+QString OKVA_SystemInfo::hardwareCPU() {
+    return removeTrademarks(statsHW().value(QString::fromLatin1(kCpuBrand)));
+}
 
-bool OKVA_SystemInfo::supportsRosetta() { return hardwareCPU().toLower().startsWith(QLatin1String("apple")); }
+bool OKVA_SystemInfo::supportsRosetta() {
+    return hardwareCPU().toLower().startsWith(QLatin1String("apple"));
+}
 
 QString OKVA_SystemInfo::nativeOrEmulated() {
     if (!supportsRosetta())
@@ -376,9 +419,15 @@ QString OKVA_SystemInfo::nativeOrEmulated() {
     return (arm ? QStringLiteral("Native on ") : QStringLiteral("Emulated on ")) + hardwareCPU();
 }
 
-int OKVA_SystemInfo::cpuCountPhysical() { return statsHW().value(QString::fromLatin1(kPhysicalCpu)).toInt(); }
-int OKVA_SystemInfo::cpuCountLogical() { return statsHW().value(QString::fromLatin1(kLogicalCpu)).toInt(); }
-int OKVA_SystemInfo::cpuCountActive() { return statsHW().value(QString::fromLatin1(kActiveCpu)).toInt(); }
+int OKVA_SystemInfo::cpuCountPhysical() {
+    return statsHW().value(QString::fromLatin1(kPhysicalCpu)).toInt();
+}
+int OKVA_SystemInfo::cpuCountLogical() {
+    return statsHW().value(QString::fromLatin1(kLogicalCpu)).toInt();
+}
+int OKVA_SystemInfo::cpuCountActive() {
+    return statsHW().value(QString::fromLatin1(kActiveCpu)).toInt();
+}
 
 QString OKVA_SystemInfo::uptime() {
     QProcess tool;
@@ -407,13 +456,16 @@ QString OKVA_SystemInfo::uptimeFromOutput(const QString &output) {
 // --- sources -----------------------------------------------------------------
 
 QStringList OKVA_SystemInfo::hardwareInfoKeys() {
-    return {QString::fromLatin1(kHwModel),     QString::fromLatin1(kHwMachine),    QString::fromLatin1(kCpuBrand),
-            QString::fromLatin1(kPhysicalCpu), QString::fromLatin1(kLogicalCpu),   QString::fromLatin1(kActiveCpu),
-            QString::fromLatin1(kOsRevision),  QString::fromLatin1(kKernVersion),  QString::fromLatin1(kBootTime),
-            QString::fromLatin1(kClockRate)};
+    return {QString::fromLatin1(kHwModel),    QString::fromLatin1(kHwMachine),
+            QString::fromLatin1(kCpuBrand),   QString::fromLatin1(kPhysicalCpu),
+            QString::fromLatin1(kLogicalCpu), QString::fromLatin1(kActiveCpu),
+            QString::fromLatin1(kOsRevision), QString::fromLatin1(kKernVersion),
+            QString::fromLatin1(kBootTime),   QString::fromLatin1(kClockRate)};
 }
 
-OKVA_SystemInfo::SysctlValues OKVA_SystemInfo::hardwareInfo() { return sysctlValuesForKeys(hardwareInfoKeys()); }
+OKVA_SystemInfo::SysctlValues OKVA_SystemInfo::hardwareInfo() {
+    return sysctlValuesForKeys(hardwareInfoKeys());
+}
 
 OKVA_SystemInfo::SysctlValues OKVA_SystemInfo::sysctlValuesForKeys(const QStringList &names) {
     SysctlValues out;

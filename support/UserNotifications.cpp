@@ -11,7 +11,6 @@
 #include <QHash>
 #include <QVariantMap>
 
-
 namespace brix {
 
 namespace {
@@ -31,7 +30,8 @@ QHash<QString, uint> &shownNotifications() {
 }
 
 QueuePtr notificationsQueue() {
-    static auto *queue = new QueuePtr(Scheduling::dispatchQueueSerialWithDebugLabel("com.okvasoft.usernotifications"));
+    static auto *queue =
+        new QueuePtr(Scheduling::dispatchQueueSerialWithDebugLabel("com.okvasoft.usernotifications"));
     return *queue;
 }
 
@@ -39,7 +39,8 @@ QueuePtr notificationsQueue() {
 bool sendNotification(const ErrorValue &error, const QString &identifier) {
     QDBusConnection bus = QDBusConnection::sessionBus();
     if (!bus.isConnected()) {
-        Logger::setError(QString::fromLatin1(kNotifyFailedFormat).arg(identifier, QStringLiteral("no session bus")));
+        Logger::setError(
+            QString::fromLatin1(kNotifyFailedFormat).arg(identifier, QStringLiteral("no session bus")));
         return false;
     }
     auto &shown = shownNotifications();

@@ -44,8 +44,9 @@ TEST(Station, HeadlessStaysUpUntilSigtermThenEndsCleanly) {
         }
     }
     ASSERT_TRUE(text.contains("starting")) << text.constData();
-    EXPECT_TRUE(text.left(text.indexOf('\n')).endsWith("[Q com.apple.main-thread] +[Logger setLogFile:] file://" +
-                                                        QFile::encodeName(log.fileName())))
+    EXPECT_TRUE(text.left(text.indexOf('\n'))
+                    .endsWith("[Q com.apple.main-thread] +[Logger setLogFile:] file://" +
+                              QFile::encodeName(log.fileName())))
         << text.constData();
     EXPECT_TRUE(text.contains("    | Physical memory: ")) << text.constData();
     EXPECT_FALSE(p.waitForFinished(300));

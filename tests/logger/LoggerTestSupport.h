@@ -66,7 +66,8 @@ inline bool writeFile(const QString &path, const QByteArray &bytes) {
 
 // The regular expression of a log line's head: time, then "[Q <label>] ".
 inline QString lineHeadPattern(const QString &label) {
-    return QStringLiteral(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}\[Q %1\] )").arg(QRegularExpression::escape(label));
+    return QStringLiteral(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}\[Q %1\] )")
+        .arg(QRegularExpression::escape(label));
 }
 
 } // namespace brix::test

@@ -101,8 +101,8 @@ TEST_F(Alerts, WithoutAPresenterTheAlertIsALogLine) {
     test::StderrCapture capture;
     ErrorAlerts::displayErrorAlert(ErrorValue::posix(28, "disk full 100%"));
     ASSERT_TRUE(test::processEventsUntil([&] { return capture.text().contains("presentError"); }));
-    EXPECT_TRUE(capture.text().contains(
-        "[Q com.apple.main-thread] presentError: Error Domain=NSPOSIXErrorDomain Code=28 \"disk full 100%\"\n"))
+    EXPECT_TRUE(capture.text().contains("[Q com.apple.main-thread] presentError: Error "
+                                        "Domain=NSPOSIXErrorDomain Code=28 \"disk full 100%\"\n"))
         << capture.text().constData();
 }
 
@@ -135,13 +135,15 @@ TEST_F(Alerts, OneNotificationPerIdentifierIsReplacedNotPiledUp) {
 }
 
 TEST_F(Alerts, WithoutANotificationServerTheModalAlertIsShown) {
-    ASSERT_FALSE(QDBusConnection::sessionBus().interface()->isServiceRegistered("org.freedesktop.Notifications"));
+    ASSERT_FALSE(
+        QDBusConnection::sessionBus().interface()->isServiceRegistered("org.freedesktop.Notifications"));
     Preferences::standard().setBool(true, pref::kPreferNotificationsOverModalAlerts);
     test::StderrCapture capture;
     ErrorAlerts::alertUserOfError(ErrorValue::posix(5, "nobody listens"), "no-server");
     ASSERT_TRUE(test::processEventsUntil([&] { return !presented().empty(); }));
     EXPECT_EQ(presented().front().localizedDescription, "nobody listens");
-    EXPECT_TRUE(capture.text().contains("alertUserOfError: notification for no-server not shown (")) << capture.text().constData();
+    EXPECT_TRUE(capture.text().contains("alertUserOfError: notification for no-server not shown ("))
+        << capture.text().constData();
 }
 
 } // namespace

@@ -28,13 +28,10 @@ TEST(Hexdump, RepeatedLinesAreCountedAndAnnouncedBeforeTheNextDifferentLine) {
     const QString a = "41 41 41 41 41 41 41 41  41 41 41 41 41 41 41 41  |AAAAAAAAAAAAAAAA|";
     const QString b = "42 42 42 42 42 42 42 42  42 42 42 42 42 42 42 42  |BBBBBBBBBBBBBBBB|";
     const QString c = "43 43 43 43 43 43 43 43  43 43 43 43 43 43 43 43  |CCCCCCCCCCCCCCCC|";
-    const QString expected = "00000000  " + a + "\n" +
-                             "00000010  " + b + "\n" +
-                             "* last line repeated 2 times\n" +
-                             "00000040  " + a + "\n" +
-                             "00000050  " + c + "\n" +
-                             "* last line repeated 1 times\n" +
-                             "00000070  00 7f 1f 20 21 7e " + QString(10 * 3 + 1, ' ') + " |... !~|\n";
+    const QString expected = "00000000  " + a + "\n" + "00000010  " + b + "\n" +
+                             "* last line repeated 2 times\n" + "00000040  " + a + "\n" + "00000050  " + c +
+                             "\n" + "* last line repeated 1 times\n" + "00000070  00 7f 1f 20 21 7e " +
+                             QString(10 * 3 + 1, ' ') + " |... !~|\n";
     EXPECT_EQ(dump, expected);
 }
 

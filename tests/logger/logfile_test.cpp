@@ -75,8 +75,9 @@ TEST_F(LogFile, AppendsToAnExistingFileAndMakesAMissingFolder) {
     start();
     send("first\n");
     EXPECT_EQ(readFile(path_), "first\n");
-    EXPECT_EQ(QFileInfo(path_).permissions() & 0x7777, QFile::ReadOwner | QFile::WriteOwner | QFile::ReadUser |
-                                                           QFile::WriteUser | QFile::ReadGroup | QFile::ReadOther);
+    EXPECT_EQ(QFileInfo(path_).permissions() & 0x7777, QFile::ReadOwner | QFile::WriteOwner |
+                                                           QFile::ReadUser | QFile::WriteUser |
+                                                           QFile::ReadGroup | QFile::ReadOther);
     writer_->stop();
     writer_.reset();
     ::close(writeFd_);
@@ -140,8 +141,9 @@ TEST_F(LogFile, FailedRenameAlertsAndRestartsTheLogWithTheReport) {
     const ErrorValue alert = alerts().front();
     EXPECT_EQ(alert.domain, "NSPOSIXErrorDomain");
     EXPECT_TRUE(alert.code == EISDIR || alert.code == ENOTEMPTY || alert.code == EEXIST) << alert.code;
-    EXPECT_EQ(alert.localizedDescription, QStringLiteral("+[Logger setLogFile:]_block_invoke_3 Failed to move file %1 (%2)")
-                                              .arg(QUrl::fromLocalFile(path_).toString(), errnoText(int(alert.code))));
+    EXPECT_EQ(alert.localizedDescription,
+              QStringLiteral("+[Logger setLogFile:]_block_invoke_3 Failed to move file %1 (%2)")
+                  .arg(QUrl::fromLocalFile(path_).toString(), errnoText(int(alert.code))));
     // The content is gone and the log starts again with the report.
     const QByteArray fresh = readFile(path_);
     EXPECT_TRUE(fresh.startsWith(kReportHead));
@@ -165,9 +167,10 @@ TEST_F(LogFile, AFileThatCannotBeOpenedIsReportedAndNothingIsWritten) {
     start();
     send("lost\n");
     const QByteArray text = capture.text();
-    EXPECT_TRUE(text.contains("[Q Logger-Reading] an io error has occurred: Error Domain=NSPOSIXErrorDomain Code=" +
-                              QByteArray::number(EISDIR) +
-                              " \"make error (log path) in +[Logger setLogFile:]_block_invoke: Is a directory\""))
+    EXPECT_TRUE(
+        text.contains("[Q Logger-Reading] an io error has occurred: Error Domain=NSPOSIXErrorDomain Code=" +
+                      QByteArray::number(EISDIR) +
+                      " \"make error (log path) in +[Logger setLogFile:]_block_invoke: Is a directory\""))
         << text.constData();
     EXPECT_TRUE(QFileInfo(path_).isDir());
 }
@@ -179,9 +182,10 @@ TEST_F(LogFile, AFailedWriteIsReportedOnceAndTheSizeStillChecked) {
     send("one\n");
     send("two\n");
     const QByteArray text = capture.text();
-    const QByteArray report = "[Q Logger-Reading] an io error has occurred: Error Domain=NSPOSIXErrorDomain Code=" +
-                              QByteArray::number(ENOSPC) +
-                              " \"write Error (log) in +[Logger setLogFile:]_block_invoke_3: No space left on device\"";
+    const QByteArray report =
+        "[Q Logger-Reading] an io error has occurred: Error Domain=NSPOSIXErrorDomain Code=" +
+        QByteArray::number(ENOSPC) +
+        " \"write Error (log) in +[Logger setLogFile:]_block_invoke_3: No space left on device\"";
     EXPECT_TRUE(text.contains(report)) << text.constData();
     EXPECT_EQ(text.count(report), 1) << "the report itself must not start a storm";
 }

@@ -112,14 +112,17 @@ TEST(LoggerSoak, EveryLineOfEightQueuesReachesTheRotatedLogOnceAndWhole) {
     EXPECT_EQ(QDir(folder).entryList(QDir::Files).size(), 2);
     // The old log is the first file (it starts with the attach line, not a
     // report), and the fresh one starts with the report: one rotation.
-    EXPECT_TRUE(old.left(old.indexOf('\n')).endsWith("+[Logger setLogFile:] file://" + QFile::encodeName(path)))
+    EXPECT_TRUE(
+        old.left(old.indexOf('\n')).endsWith("+[Logger setLogFile:] file://" + QFile::encodeName(path)))
         << old.left(200).constData();
-    EXPECT_TRUE(current.startsWith("\n    ====================================================\n    | BrixCanonCapture v"))
+    EXPECT_TRUE(current.startsWith(
+        "\n    ====================================================\n    | BrixCanonCapture v"))
         << current.left(200).constData();
     EXPECT_GE(old.size(), limit);
     EXPECT_LT(current.size(), limit);
 
-    const QRegularExpression logLine(QStringLiteral(R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}\[Q ([^\]]+)\] (.*)$)"));
+    const QRegularExpression logLine(
+        QStringLiteral(R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}\[Q ([^\]]+)\] (.*)$)"));
     const QRegularExpression soakLine(QStringLiteral(R"(^soak (\d) (\d+) ([a-z]+)#(\d+)$)"));
     const QRegularExpression direct(QStringLiteral(R"(^direct (\d+) ([A-Z]+)#$)"));
     std::vector<char> seen(size_t(kLines), 0);
@@ -151,8 +154,8 @@ TEST(LoggerSoak, EveryLineOfEightQueuesReachesTheRotatedLogOnceAndWhole) {
             auto s = soakLine.match(text);
             const int t = s.captured(1).toInt();
             const int seq = s.captured(2).toInt();
-            if (!s.hasMatch() || seq >= kLines || seq % kThreads != t || m.captured(1) != QStringLiteral("soak.%1").arg(t) ||
-                text.toLatin1() != message(t, seq)) {
+            if (!s.hasMatch() || seq >= kLines || seq % kThreads != t ||
+                m.captured(1) != QStringLiteral("soak.%1").arg(t) || text.toLatin1() != message(t, seq)) {
                 ADD_FAILURE() << "damaged line: " << raw.left(120).constData();
                 ++malformed;
                 continue;

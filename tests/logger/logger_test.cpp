@@ -100,7 +100,8 @@ TEST(LoggerDefaultFile, LivesInTheLogsFolderOfTheStateFolder) {
     const QString state = qEnvironmentVariable("XDG_STATE_HOME");
     const QString name = Paths::executableName();
     EXPECT_EQ(Logger::defaultLogFile().toLocalFile(), state + "/Logs/" + name + ".log");
-    EXPECT_EQ(Logger::defaultLogFileWithinSubdirectory("Brix").toLocalFile(), state + "/Logs/Brix/" + name + ".log");
+    EXPECT_EQ(Logger::defaultLogFileWithinSubdirectory("Brix").toLocalFile(),
+              state + "/Logs/Brix/" + name + ".log");
     EXPECT_FALSE(QDir(state + "/Logs").exists()) << "the Logs folders are made when the file is opened";
 
     // Without the variable, the state folder inside HOME, made on demand.
@@ -136,6 +137,5 @@ TEST(LoggerAttach, WithoutAFileTheStreamStaysAndTheFailureIsLogged) {
                                      "still on the captured stream"}));
     EXPECT_TRUE(Logger::logFile().isEmpty());
 }
-
 
 } // namespace

@@ -26,7 +26,8 @@ TEST(SystemReport, HasTheFixedLayoutAndLabels) {
     ASSERT_EQ(lines.size(), 20) << report.toStdString();
     EXPECT_EQ(lines[0], "");
     EXPECT_EQ(lines[1], rule);
-    EXPECT_TRUE(QRegularExpression(R"(^    \| BrixCanonCapture v\S+ xc-.+ sdk-Qt \S+$)").match(lines[2]).hasMatch())
+    EXPECT_TRUE(
+        QRegularExpression(R"(^    \| BrixCanonCapture v\S+ xc-.+ sdk-Qt \S+$)").match(lines[2]).hasMatch())
         << lines[2].toStdString();
     // Every argument, comma-joined (the test runner has taken its own flags out of Qt's list).
     EXPECT_TRUE(lines[3].startsWith("    |     launch args: " + QCoreApplication::arguments().constFirst()))
@@ -39,7 +40,8 @@ TEST(SystemReport, HasTheFixedLayoutAndLabels) {
         << lines[5].toStdString();
     EXPECT_TRUE(lines[6].endsWith(" (64-bit LittleEndian)")) << lines[6].toStdString();
     EXPECT_FALSE(lines[7].contains("(R)") || lines[7].contains("(TM)"));
-    EXPECT_TRUE(QRegularExpression(R"(^    \|  CPU core count: [1-9]\d* physical [1-9]\d* logical \([1-9]\d* active\)$)")
+    EXPECT_TRUE(QRegularExpression(
+                    R"(^    \|  CPU core count: [1-9]\d* physical [1-9]\d* logical \([1-9]\d* active\)$)")
                     .match(lines[8])
                     .hasMatch())
         << lines[8].toStdString();
@@ -91,13 +93,15 @@ TEST(SysctlRendering, TextTimeClockRateAndNumbers) {
     EXPECT_EQ(OKVA_SystemInfo::renderSysctlValue(QByteArray("x86_64", 7)), "x86_64");
     EXPECT_EQ(OKVA_SystemInfo::renderSysctlValue(QByteArray("1234567", 8)), "1234567");
     // Eight bytes that are not such text: an unsigned 64-bit number.
-    EXPECT_EQ(OKVA_SystemInfo::renderSysctlValue(raw(uint64_t(18446744073709551615ull))), "18446744073709551615");
+    EXPECT_EQ(OKVA_SystemInfo::renderSysctlValue(raw(uint64_t(18446744073709551615ull))),
+              "18446744073709551615");
     EXPECT_EQ(OKVA_SystemInfo::renderSysctlValue(raw(uint32_t(4000000000u))), "4000000000");
     // Text with an early terminator is not text; 8 bytes make a number.
     EXPECT_EQ(OKVA_SystemInfo::renderSysctlValue(QByteArray("ab\0cdefg", 8)),
               QString::number(*reinterpret_cast<const uint64_t *>("ab\0cdefg")));
     const int32_t rate[5] = {100, 10000, 0, 100, 100};
-    EXPECT_EQ(OKVA_SystemInfo::renderSysctlValue(raw(rate)), "hz=100,tick=10000,tickadj=0,profhz=100,stathz=100}");
+    EXPECT_EQ(OKVA_SystemInfo::renderSysctlValue(raw(rate)),
+              "hz=100,tick=10000,tickadj=0,profhz=100,stathz=100}");
     const int64_t boot[2] = {1700000000, 0};
     const auto when = OKVA_SystemInfo::renderSysctlValue(raw(boot));
     ASSERT_TRUE(when.has_value());
@@ -113,7 +117,8 @@ TEST(SysctlRendering, LinuxSourcesFillTheHardwareNames) {
     EXPECT_GE(values.value("hw.logicalcpu").toInt(), 1);
     EXPECT_GE(values.value("hw.activecpu").toInt(), 1);
     EXPECT_GE(values.value("hw.physicalcpu").toInt(), 1);
-    EXPECT_TRUE(values.value("kern.clockrate").startsWith("hz=")) << values.value("kern.clockrate").toStdString();
+    EXPECT_TRUE(values.value("kern.clockrate").startsWith("hz="))
+        << values.value("kern.clockrate").toStdString();
     EXPECT_TRUE(values.value("kern.clockrate").endsWith("}"));
     EXPECT_FALSE(values.value("kern.boottime").isEmpty());
     EXPECT_FALSE(values.contains("kern.osrevision")) << "no such value here; absent, not empty";
@@ -121,7 +126,8 @@ TEST(SysctlRendering, LinuxSourcesFillTheHardwareNames) {
 }
 
 TEST(Uptime, ToolOutputLosesClockTimeAndUpAndDoubleSpaces) {
-    EXPECT_EQ(OKVA_SystemInfo::uptimeFromOutput(" 10:01:02 up 3 days,  2:10,  1 user,  load average: 0.52, 0.58, 0.59\n"),
+    EXPECT_EQ(OKVA_SystemInfo::uptimeFromOutput(
+                  " 10:01:02 up 3 days,  2:10,  1 user,  load average: 0.52, 0.58, 0.59\n"),
               "3 days, 2:10, 1 user, load average: 0.52, 0.58, 0.59");
     EXPECT_EQ(OKVA_SystemInfo::uptimeFromOutput("10:01  up\n"), "10:01 up");
     EXPECT_EQ(OKVA_SystemInfo::uptimeFromOutput(""), "");
