@@ -279,6 +279,10 @@ void Logger::setLogFile(const QUrl &file) {
 }
 
 void Logger::flush() {
+    // The writing queue may itself be waiting for the reading queue (a long
+    // line), so the reading queue cannot wait for it.
+    if (dispatch::currentQueue() == queueForReading().get())
+        return;
     queueForWriting()->sync([] {});
     if (LogFileWriter *writer = gWriter.load(std::memory_order_acquire))
         writer->flush();

@@ -63,6 +63,7 @@ public:
 
     // Waits until every line submitted so far has been written to descriptor 2
     // and, when the log file is attached, has reached the file (tests, shutdown).
+    // Does nothing on the "Logger-Reading" queue, which cannot wait for itself.
     static void flush();
 
     // Lowers the rotation limit so that tests can cross it with little data;
