@@ -7,16 +7,24 @@
 #include <QDateTime>
 #include <QFile>
 #include <QLocale>
-#include <QProcess>
 #include <QSet>
 
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
 #include <sys/sysinfo.h>
 #include <sys/utsname.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <chrono>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+
+extern char **environ;
 
 namespace brix {
 
@@ -207,6 +215,50 @@ QString operatingSystemVersion() {
     if (pretty.isEmpty())
         return kernel;
     return kernel.isEmpty() ? pretty : QStringLiteral("%1 (%2)").arg(pretty, kernel);
+}
+
+// Runs a tool without a shell and returns its standard output; empty when it
+// cannot be started or does not finish in time. posix_spawn keeps the child
+// apart from our threads (nothing of ours runs between fork and exec), so it
+// is safe on any queue.
+QByteArray runTool(const char *path) {
+    int out[2];
+    if (::pipe2(out, O_CLOEXEC) != 0)
+        return {};
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+    char *argv[] = {const_cast<char *>(path), nullptr};
+    pid_t pid = -1;
+    const int spawned = ::posix_spawn(&pid, path, &actions, nullptr, argv, environ);
+    posix_spawn_file_actions_destroy(&actions);
+    ::close(out[1]);
+    QByteArray text;
+    if (spawned == 0) {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kUptimeTimeoutMs);
+        char buffer[4096];
+        for (;;) {
+            const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+                deadline - std::chrono::steady_clock::now());
+            pollfd pfd{out[0], POLLIN, 0};
+            if (left.count() <= 0 || ::poll(&pfd, 1, int(left.count())) == 0) {
+                ::kill(pid, SIGKILL);
+                text.clear();
+                break;
+            }
+            const ssize_t n = ::read(out[0], buffer, sizeof buffer);
+            if (n > 0)
+                text.append(buffer, n);
+            else if (n == 0 || errno != EINTR)
+                break;
+        }
+        int status;
+        while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+        }
+    }
+    ::close(out[0]);
+    return text;
 }
 
 int hostByteOrder() {
@@ -430,15 +482,7 @@ int OKVA_SystemInfo::cpuCountActive() {
 }
 
 QString OKVA_SystemInfo::uptime() {
-    QProcess tool;
-    tool.setProcessChannelMode(QProcess::SeparateChannels);
-    tool.start(QString::fromLatin1(kUptimeTool), QStringList());
-    if (!tool.waitForFinished(kUptimeTimeoutMs)) {
-        tool.kill();
-        tool.waitForFinished(kUptimeTimeoutMs);
-        return QString();
-    }
-    return uptimeFromOutput(QString::fromLocal8Bit(tool.readAllStandardOutput()));
+    return uptimeFromOutput(QString::fromLocal8Bit(runTool(kUptimeTool)));
 }
 
 QString OKVA_SystemInfo::uptimeFromOutput(const QString &output) {
