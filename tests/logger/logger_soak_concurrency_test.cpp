@@ -1,15 +1,15 @@
 // Soak test of the real redirection, which changes descriptor 2 for the whole
 // process and so runs in a child (soak_child/): it attaches its log file,
 // lowers the rotation limit and lets eight queues log at once, while a ninth
-// writes straight to descriptor 2. The parent then checks that every line is in the current or
-// the old log exactly once, whole, and that the log rotated exactly once.
+// writes straight to descriptor 2. The parent then checks that every line is
+// in the current or the old log exactly once, whole, and that the log rotated
+// exactly once.
 #include "Logger.h"
 #include "LoggerSoak.h"
 #include "LoggerTestSupport.h"
 #include "Scheduling.h"
 #include "TestSupport.h"
 
-#include <QCoreApplication>
 #include <QDir>
 #include <QProcess>
 #include <QRegularExpression>
@@ -19,7 +19,6 @@
 #include <limits.h>
 #include <unistd.h>
 
-#include <set>
 #include <vector>
 
 using namespace brix;
