@@ -1,6 +1,7 @@
 #include "Logger.h"
 
 #include "DateFormat.h"
+#include "ErrorValue.h"
 #include "LogFileWriter.h"
 #include "Paths.h"
 #include "Scheduling.h"
@@ -30,6 +31,7 @@ constexpr const char *kSetLogFile = "+[Logger setLogFile:]";
 constexpr const char *kSetLogFileFormat = "%1 %2";
 constexpr const char *kErrorMakingPipes = "Error making pipes";
 constexpr const char *kNoUrlFormat = "Failed to pass (or make) a URL %1: (%2)";
+constexpr const char *kNoRedirectFormat = "%1 could not redirect the error stream: %2";
 constexpr const char *kNullText = "(null)";
 constexpr const char *kLineTimePattern = "yyyy-MM-dd HH:mm:ss.SSS";
 constexpr const char *kLogsFolder = "Logs";
@@ -262,7 +264,14 @@ void Logger::setLogFile(const QUrl &file) {
     }
     // Only the error stream is redirected; standard output stays as it is.
     std::fflush(stderr);
-    ::dup2(fds[1], STDERR_FILENO); // the copy on descriptor 2 is inherited by child processes
+    // The copy on descriptor 2 is inherited by child processes.
+    if (::dup2(fds[1], STDERR_FILENO) < 0) {
+        const int e = errno;
+        ::close(fds[0]);
+        ::close(fds[1]);
+        setError(QString::fromLatin1(kNoRedirectFormat).arg(QString::fromLatin1(kSetLogFile), errnoText(e)));
+        return;
+    }
     ::close(fds[1]);
     // A second call replaces the first writer, whose pipe no longer receives anything.
     if (LogFileWriter *previous = gWriter.load(std::memory_order_acquire)) {
