@@ -23,6 +23,7 @@
 #include <cmath>
 #include <cstdint>
 #include <cstring>
+#include <vector>
 
 extern char **environ;
 
@@ -34,6 +35,7 @@ constexpr const char *kNullText = "(null)";
 constexpr const char *kRule = "\n    ====================================================";
 constexpr const char *kLongDescriptionFormat = "%1 v%2 xc-%3 sdk-%4";
 constexpr const char *kUptimeTool = "/usr/bin/uptime";
+constexpr const char *kSysctlTool = "/usr/sbin/sysctl";
 constexpr int kUptimeTimeoutMs = 5000;
 constexpr const char *kBootTimePattern = "y-MM-dd h:mm:ss a z";
 
@@ -221,7 +223,7 @@ QString operatingSystemVersion() {
 // cannot be started or does not finish in time. posix_spawn keeps the child
 // apart from our threads (nothing of ours runs between fork and exec), so it
 // is safe on any queue.
-QByteArray runTool(const char *path) {
+QByteArray runTool(const char *path, const QStringList &arguments = {}) {
     int out[2];
     if (::pipe2(out, O_CLOEXEC) != 0)
         return {};
@@ -229,9 +231,15 @@ QByteArray runTool(const char *path) {
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
     posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
-    char *argv[] = {const_cast<char *>(path), nullptr};
+    std::vector<QByteArray> storage{QByteArray(path)};
+    for (const QString &a : arguments)
+        storage.push_back(a.toLocal8Bit());
+    std::vector<char *> argv;
+    for (QByteArray &a : storage)
+        argv.push_back(a.data());
+    argv.push_back(nullptr);
     pid_t pid = -1;
-    const int spawned = ::posix_spawn(&pid, path, &actions, nullptr, argv, environ);
+    const int spawned = ::posix_spawn(&pid, path, &actions, nullptr, argv.data(), environ);
     posix_spawn_file_actions_destroy(&actions);
     ::close(out[1]);
     QByteArray text;
@@ -519,6 +527,25 @@ OKVA_SystemInfo::SysctlValues OKVA_SystemInfo::sysctlValuesForKeys(const QString
             continue;
         if (auto text = renderSysctlValue(raw))
             out.insert(name, *text);
+    }
+    return out;
+}
+
+OKVA_SystemInfo::SysctlValues OKVA_SystemInfo::sysctlShellValuesForKeys(const QStringList &names) {
+    // -e: names this kernel does not know are skipped, not reported.
+    const QStringList arguments =
+        names.isEmpty() ? QStringList{QStringLiteral("-a")} : QStringList{QStringLiteral("-e")} + names;
+    return parseSysctlOutput(QString::fromLocal8Bit(runTool(kSysctlTool, arguments)));
+}
+
+OKVA_SystemInfo::SysctlValues OKVA_SystemInfo::parseSysctlOutput(const QString &output) {
+    SysctlValues out;
+    for (const QString &line : output.split(QLatin1Char('\n'))) {
+        const QStringList parts = line.split(QLatin1Char('='));
+        if (parts.size() < 2)
+            continue;
+        // A value may itself hold "=": everything after the first one is the value.
+        out.insert(parts.first().trimmed(), parts.mid(1).join(QLatin1Char('=')).trimmed());
     }
     return out;
 }

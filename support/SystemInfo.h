@@ -77,6 +77,9 @@ public:
     // --- sources ---
     // Name -> text for each readable name; unreadable names are absent.
     static SysctlValues sysctlValuesForKeys(const QStringList &names);
+    // The same through the sysctl tool (run without a shell); every value when
+    // `names` is empty.
+    static SysctlValues sysctlShellValuesForKeys(const QStringList &names);
     static SysctlValues hardwareInfo();
     static QVariantMap memoryStats();
     static QStringList hardwareInfoKeys();
@@ -88,6 +91,8 @@ public:
     static std::optional<QString> renderSysctlValue(const QByteArray &raw);
     // The uptime tool's output reduced to the duration and what follows.
     static QString uptimeFromOutput(const QString &output);
+    // "name = value" lines; a value may contain "=".
+    static SysctlValues parseSysctlOutput(const QString &output);
     // The default memory formatter: megabytes, at least three significant
     // digits, "(null)" for a missing figure.
     static QString formatMemory(const QVariant &bytes);

@@ -125,6 +125,18 @@ TEST(SysctlRendering, LinuxSourcesFillTheHardwareNames) {
     EXPECT_TRUE(OKVA_SystemInfo::sysctlValuesForKeys({"no.such.name"}).isEmpty());
 }
 
+TEST(SysctlRendering, TheToolsOutputSplitsAtTheFirstEqualsSign) {
+    const auto parsed = OKVA_SystemInfo::parseSysctlOutput("kernel.ostype = Linux\n"
+                                                           "dev.tty.ldisc_autoload = 1\n"
+                                                           "kernel.core_pattern = |/bin/x a=b c=d\n"
+                                                           "garbage line\n");
+    EXPECT_EQ(parsed, (OKVA_SystemInfo::SysctlValues{{"kernel.ostype", "Linux"},
+                                                     {"dev.tty.ldisc_autoload", "1"},
+                                                     {"kernel.core_pattern", "|/bin/x a=b c=d"}}));
+    const auto live = OKVA_SystemInfo::sysctlShellValuesForKeys({"kernel.ostype", "no.such.name"});
+    EXPECT_EQ(live, (OKVA_SystemInfo::SysctlValues{{"kernel.ostype", "Linux"}}));
+}
+
 TEST(Uptime, ToolOutputLosesClockTimeAndUpAndDoubleSpaces) {
     EXPECT_EQ(OKVA_SystemInfo::uptimeFromOutput(
                   " 10:01:02 up 3 days,  2:10,  1 user,  load average: 0.52, 0.58, 0.59\n"),
