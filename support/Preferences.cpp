@@ -468,6 +468,12 @@ bool Preferences::save() {
 
 bool Preferences::saveLocked(QList<std::pair<QString, QVariant>> *externalChanges) {
     State &s = *d_;
+    {
+        // Nothing of ours to write and nobody else wrote: no need to touch the disk.
+        std::shared_lock lk(s.mutex);
+        if (s.dirty.isEmpty() && !s.blocked && stampOf(s.path) == s.diskStamp)
+            return true;
+    }
     QDir().mkpath(QFileInfo(s.path).absolutePath());
     FileLock lock(s.path);
 

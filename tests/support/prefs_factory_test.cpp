@@ -14,6 +14,11 @@ namespace {
 QString storePath() { return test::testHome() + "/.config/Brix/factory-test.plist"; }
 
 TEST(PrefsFactory, ResourceFileGivesEveryFallbackAndAUsableMiniSizeList) {
+    // Set when this test runs from an installed tree (tests/install).
+    const QString expected = qEnvironmentVariable("BRIX_EXPECT_RESOURCES_DIR");
+    if (!expected.isEmpty()) {
+        EXPECT_EQ(Paths::resourcesFolder().toStdString(), expected.toStdString());
+    }
     Preferences p(storePath());
     ASSERT_TRUE(p.registerFactoryDefaults());
 
