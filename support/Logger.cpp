@@ -16,9 +16,11 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
+#include <future>
 #include <limits>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <unordered_set>
 #include <vector>
@@ -243,6 +245,16 @@ QUrl Logger::logFile() {
 }
 
 void Logger::setLogFile(const QUrl &file) {
+    // Output waits until the stream is redirected (or has failed to be), so
+    // that the file always begins with the line below.
+    struct Gate {
+        std::promise<void> open;
+        Gate() {
+            queueForWriting()->async([done = open.get_future().share()] { done.wait(); });
+        }
+        ~Gate() { open.set_value(); }
+    };
+    std::optional<Gate> gate(std::in_place);
     setError(QString::fromLatin1(kSetLogFileFormat).arg(QString::fromLatin1(kSetLogFile), urlText(file)));
     int fds[2];
     if (::pipe2(fds, O_CLOEXEC) != 0) {
@@ -281,6 +293,7 @@ void Logger::setLogFile(const QUrl &file) {
     // Writers live for the process, as does the redirection.
     static auto *writers = new std::vector<std::shared_ptr<LogFileWriter>>;
     auto writer = LogFileWriter::start(fds[0], target, queueForReading());
+    gate.reset();
     queueForWriting()->sync([&] {
         writers->push_back(writer);
         gWriter.store(writer.get(), std::memory_order_release);
