@@ -164,21 +164,21 @@ void OKVA_CanonCamera::updateCameraListAsync() {
     // Steps 1-5: the cameras the SDK sees that the list does not hold yet.
     QList<CameraPtr> newCameras;
     const auto start = std::chrono::steady_clock::now();
-    EdsCameraListRef listRef = nullptr;
-    EdsError err = sdk ? sdk->EdsGetCameraList(&listRef) : EDS_ERR_DEVICE_NOT_FOUND;
+    EdsCameraListHandle listRef;
+    EdsError err = sdk ? sdk->EdsGetCameraList(listRef.receive(*sdk)) : EDS_ERR_DEVICE_NOT_FOUND;
     if (err != EDS_ERR_OK) {
         logf(kLogListError, err, errorText(err));
     } else {
         EdsUInt32 count = 0;
-        err = sdk->EdsGetChildCount(listRef, &count);
+        err = sdk->EdsGetChildCount(listRef.get(), &count);
         if (err != EDS_ERR_OK) {
             logf(kLogCountError, err, errorText(err));
         } else {
             logf(kLogDetected, count, count == 1 ? "" : "s", secondsSince(start));
             const QList<CameraPtr> known = st.listCopy();
             for (EdsInt32 index = EdsInt32(count) - 1; index >= 0; --index) {
-                EdsBaseRef child = nullptr;
-                err = sdk->EdsGetChildAtIndex(listRef, index, &child);
+                EdsCameraHandle child; // released at the end of each pass; the camera holds its own count
+                err = sdk->EdsGetChildAtIndex(listRef.get(), index, child.receive(*sdk));
                 if (err != EDS_ERR_OK) {
                     logf(kLogChildError, err, errorText(err), index);
                     break;
@@ -187,7 +187,7 @@ void OKVA_CanonCamera::updateCameraListAsync() {
                     logf(kLogNullChild, index);
                     continue;
                 }
-                if (CameraPtr camera = initWithCameraRef(child)) {
+                if (CameraPtr camera = initWithCameraRef(child.get())) {
                     const bool listed = std::any_of(known.begin(), known.end(),
                                                     [&](const CameraPtr &c) { return c && c->isEqual(*camera); });
                     if (!listed) {
@@ -195,10 +195,9 @@ void OKVA_CanonCamera::updateCameraListAsync() {
                         newCameras.append(camera);
                     }
                 }
-                sdk->EdsRelease(child); // the camera object holds its own retain
             }
         }
-        sdk->EdsRelease(listRef);
+        listRef.reset();
     }
 
     // Step 6: the list lock.

@@ -57,16 +57,16 @@ EdsError OKVA_CanonCamera::downloadObject(EdsDirectoryItemRef item) {
     }
 
     bool made = false;
-    EdsStreamRef stream = nullptr;
-    EdsError err = sdk_->EdsCreateMemoryStreamFromPointer(buffer.data(), size, &stream);
+    EdsStreamHandle stream; // only writes into our buffer; the item stays the SDK's
+    EdsError err = sdk_->EdsCreateMemoryStreamFromPointer(buffer.data(), size, stream.receive(*sdk_));
     if (err != EDS_ERR_OK) {
         logf(kLogStreamError, err);
     } else {
-        const EdsError perr = sdk_->EdsSetProgressCallback(stream, &progressHandler, kEdsProgressOption_Periodically, this);
+        const EdsError perr = sdk_->EdsSetProgressCallback(stream.get(), &progressHandler, kEdsProgressOption_Periodically, this);
         if (perr != EDS_ERR_OK)
             logf(kLogProgressError, perr);
         logf(kLogBeginning);
-        err = sdk_->EdsDownload(item, size, stream);
+        err = sdk_->EdsDownload(item, size, stream.get());
         if (err != EDS_ERR_OK) {
             logf(kLogDownloadError, err);
         } else {
@@ -81,8 +81,7 @@ EdsError OKVA_CanonCamera::downloadObject(EdsDirectoryItemRef item) {
                 NotificationCenter::defaultCenter().post(userInfo.make(kOKVA_CanonCameraPhotoDataAvailable, toVariant()));
             }
         }
-        // The stream only wrote into our buffer; the item stays the SDK's.
-        sdk_->EdsRelease(stream);
+        stream.reset();
     }
     if (!made)
         logf(kLogNoData);
@@ -114,7 +113,8 @@ bool OKVA_CanonCamera::cancelDownloadForProgress(EdsUInt32 percent) {
 EdsUInt32 OKVA_CanonCamera::liveViewOutputDevice() {
     logf(kLogAboutToGetDevice);
     EdsUInt32 device = 0;
-    waitForCameraLock(3.0);
+    if (!waitForCameraLock(3.0))
+        return device;
     sdk_->EdsGetPropertyData(cameraRef_, kEdsPropID_Evf_OutputDevice, 0, sizeof device, &device);
     unlockCameraLock();
     return device;
@@ -157,17 +157,18 @@ void OKVA_CanonCamera::downloadLiveViewImage() {
     }
     auto &center = NotificationCenter::defaultCenter();
     while (liveViewRunning_) {
-        EdsStreamRef stream = nullptr;
-        EdsEvfImageRef image = nullptr;
-        EdsError err = sdk_->EdsCreateMemoryStreamFromPointer(buffer->data(), buffer->size(), &stream);
+        // Both are made for this pass and given back at its end.
+        EdsStreamHandle stream;
+        EdsEvfImageHandle image;
+        EdsError err = sdk_->EdsCreateMemoryStreamFromPointer(buffer->data(), buffer->size(), stream.receive(*sdk_));
         if (err != EDS_ERR_OK) {
             logf(kLogMemStreamError, err);
             liveViewRunning_ = false;
-        } else if ((err = sdk_->EdsCreateEvfImageRef(stream, &image)) != EDS_ERR_OK) {
+        } else if ((err = sdk_->EdsCreateEvfImageRef(stream.get(), image.receive(*sdk_))) != EDS_ERR_OK) {
             logf(kLogEvfRefError, err); // tried again on the next pass
         } else {
             for (;;) {
-                err = sdk_->EdsDownloadEvfImage(cameraRef_, image);
+                err = sdk_->EdsDownloadEvfImage(cameraRef_, image.get());
                 if (err != EDS_ERR_OBJECT_NOTREADY || !liveViewRunning_)
                     break;
                 std::this_thread::sleep_for(kNotReadyPoll);
@@ -193,10 +194,8 @@ void OKVA_CanonCamera::downloadLiveViewImage() {
                 }
             }
         }
-        if (image)
-            sdk_->EdsRelease(image);
-        if (stream)
-            sdk_->EdsRelease(stream);
+        image.reset();
+        stream.reset();
     }
     liveViewLock_.unlock();
 }

@@ -166,6 +166,7 @@ CameraPtr OKVA_CanonCamera::initWithCameraRef(EdsCameraRef cameraRef) {
     }
     camera->cameraRef_ = cameraRef;
     logf(kLogRetain, sdk->EdsRetain(cameraRef));
+    camera->cameraHandle_ = EdsCameraHandle::adopt(*sdk, cameraRef);
 
     EdsDeviceInfo info{};
     const EdsError err = sdk->EdsGetDeviceInfo(cameraRef, &info);
@@ -205,8 +206,8 @@ OKVA_CanonCamera::~OKVA_CanonCamera() {
             current->ownsStateHandler_ = true;
         }
     }
-    if (cameraRef_)
-        logf(kLogRelease, sdk_->EdsRelease(cameraRef_));
+    if (cameraHandle_)
+        logf(kLogRelease, cameraHandle_.reset());
     if (st.listLock.tryLock())
         st.listLock.unlock();
 }
@@ -417,8 +418,9 @@ EdsError OKVA_CanonCamera::processObjectEvent(EdsObjectEvent event, EdsBaseRef o
 QVariant OKVA_CanonCamera::valueForPropertyID(EdsPropertyID propertyID, EdsInt32 parameter) {
     const QString name = propertyName(propertyID);
     logf(kLogAboutToGet, 0u, propertyID, name);
-    waitForCameraLock(3.0);
     QVariant value;
+    if (!waitForCameraLock(3.0))
+        return value;
     EdsDataType type = kEdsDataType_Unknown;
     EdsUInt32 size = 0;
     EdsError err = sdk_->EdsGetPropertySize(cameraRef_, propertyID, parameter, &type, &size);

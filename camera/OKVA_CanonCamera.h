@@ -20,6 +20,7 @@
 // returned are copies owned by the caller; the delegate is not owned.
 #pragma once
 
+#include "EdsRef.h"
 #include "EdsSdk.h"
 #include "NamedLock.h"
 
@@ -241,7 +242,8 @@ private:
 
     std::atomic<OKVA_CanonCameraDelegate *> delegate_{nullptr};
     std::shared_ptr<eds::EdsSdk> sdk_;
-    eds::EdsCameraRef cameraRef_ = nullptr;
+    eds::EdsCameraRef cameraRef_ = nullptr; // identity; the count is held by cameraHandle_
+    eds::EdsCameraHandle cameraHandle_;
     QString modelName_;
     int32_t subType_ = 0;
     NamedLock commandLock_{QStringLiteral("commandLock")};
