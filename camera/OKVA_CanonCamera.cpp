@@ -311,8 +311,9 @@ bool OKVA_CanonCamera::setHostStorageCapacityAtPath(const QString &path, bool re
     }
     logf(kLogFsStats, blockSize, freeBlocks);
     EdsCapacity capacity{};
-    capacity.numberOfFreeClusters = static_cast<EdsInt32>(freeBlocks);
-    capacity.bytesPerSector = static_cast<EdsInt32>(blockSize);
+    // The record holds signed 32-bit counts; a larger disk reports the most it can.
+    capacity.numberOfFreeClusters = static_cast<EdsInt32>(std::min<long>(freeBlocks, INT32_MAX));
+    capacity.bytesPerSector = static_cast<EdsInt32>(std::min<long>(blockSize, INT32_MAX));
     capacity.reset = reset ? 1 : 0;
     const EdsError err = sdk_->EdsSetCapacity(cameraRef_, capacity);
     if (err != EDS_ERR_OK) {
