@@ -1,0 +1,1 @@
+brix_test_folder(logger LIBS brix_support)
