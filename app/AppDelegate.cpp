@@ -234,7 +234,7 @@ void AppDelegate::updateControlWithTagWithValue(quint32 tag, const QVariant &val
         return;
     }
     Logger::setError(QStringLiteral("trying to update control %1 %2 (%3) with value %4")
-                         .arg(QStringLiteral("control"), stringNameForPropertyID(tag))
+                         .arg(QStringLiteral("control"), eds::stringNameForPropertyID(tag))
                          .arg(tag)
                          .arg(valueText));
     QString text;
@@ -242,7 +242,7 @@ void AppDelegate::updateControlWithTagWithValue(quint32 tag, const QVariant &val
         text = value.toString();
     else if (value.canConvert<quint32>() && value.metaType().id() != QMetaType::QVariantMap &&
              value.metaType().id() != QMetaType::QVariantList && value.isValid())
-        text = stringForPropertyID(tag, value.toUInt());
+        text = eds::stringForPropertyID(tag, value.toUInt());
     else
         return;
     if (kind != CameraControls::Kind::PopUp)
