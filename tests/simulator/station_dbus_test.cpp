@@ -3,6 +3,7 @@
 #include "SimulatorControl.h"
 #include "TestSupport.h"
 
+#include <QFile>
 #include <QProcess>
 
 #include <gtest/gtest.h>
@@ -46,26 +47,26 @@ public:
             p_.waitForFinished(5000);
         }
     }
-    // Reads the error stream until it holds `text`.
+    // Reads the station's log file (its error stream goes there) until it holds `text`.
     bool waitForLog(const QByteArray &text) {
-        for (int i = 0; i < 200 && !log_.contains(text); ++i) {
-            p_.waitForReadyRead(100);
-            log_ += p_.readAllStandardError();
-        }
-        return log_.contains(text);
+        for (int i = 0; i < 200 && !log().contains(text); ++i)
+            p_.waitForFinished(100);
+        return log().contains(text);
     }
     int terminate() {
         ::kill(pid_t(p_.processId()), SIGTERM);
         if (!p_.waitForFinished(20000))
             return -1;
-        log_ += p_.readAllStandardError();
         return p_.exitStatus() == QProcess::NormalExit ? p_.exitCode() : -1;
     }
-    const QByteArray &log() const { return log_; }
+    QByteArray log() const {
+        QFile f(test::testHome() + "/.local/state/Logs/Brix/BrixCanonCapture.log");
+        f.open(QIODevice::ReadOnly);
+        return p_.readAllStandardError() + f.readAll();
+    }
 
 private:
-    QProcess p_;
-    QByteArray log_;
+    mutable QProcess p_;
 };
 
 } // namespace
@@ -128,6 +129,7 @@ TEST(StationOnTheSimulator, EnvironmentChoosesTheBodiesAndAMissingBackendIsLogge
         EXPECT_EQ(station.terminate(), 0);
     }
     // The edsdk library is not installed here: the station says so and keeps running.
+    QFile::remove(test::testHome() + "/.local/state/Logs/Brix/BrixCanonCapture.log");
     Station station({"--camera-backend=edsdk"});
     ASSERT_TRUE(station.waitForLog("is not available")) << station.log().constData();
     EXPECT_EQ(station.terminate(), 0);

@@ -76,7 +76,6 @@ protected:
     void start(const QStringList &extraEnv = {}) {
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         env.insert("BRIX_CAMERA_BACKEND", "simulator");
-        env.insert("BRIX_SIM_SHOT_BYTES", "200000");
         for (const QString &kv : extraEnv)
             env.insert(kv.section('=', 0, 0), kv.section('=', 1));
         process_.setProcessEnvironment(env);
@@ -90,6 +89,7 @@ protected:
             },
             20s))
             << "the station did not come up";
+        ASSERT_TRUE(simulator().call("SetShotFormat", QString("JPG"), 200000u).errorName().isEmpty());
     }
     void stop() {
         if (process_.state() == QProcess::NotRunning)
