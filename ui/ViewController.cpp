@@ -136,7 +136,7 @@ void ViewController::saveImage(const QVariant &) { processPhotoData(imageDict_);
 void ViewController::processPhotoData(const QVariantMap &info) {
     const QByteArray bytes = info.value(kOKVA_CanonCameraPhotoData).toByteArray();
     const QString cameraName = info.value(kOKVA_CanonCameraPhotoFilename).toString();
-    const QString stamp = DateFormat::format(QDateTime::currentDateTime(), QString::fromLatin1(kShotNamePattern));
+    const QString stamp = DateFormat::format(now_(), QString::fromLatin1(kShotNamePattern));
     const QString folder = getPathToSavePhotos();
     const QString path = folder + '/' + stamp + '.' + QFileInfo(cameraName).suffix().toLower();
     Logger::setError(QStringLiteral("saving camera image  \"%1\" to \"%2\"").arg(cameraName, path));

@@ -16,12 +16,14 @@
 #include "Dispatch.h"
 #include "NotificationCenter.h"
 
+#include <QDateTime>
 #include <QImage>
 #include <QObject>
 #include <QString>
 #include <QVariantMap>
 
 #include <atomic>
+#include <functional>
 #include <vector>
 
 namespace brix {
@@ -93,6 +95,9 @@ public:
     // Shots handed to the save step that have not finished it (for shutdown).
     int pendingShots() const { return pendingShots_.load(); }
 
+    // The time that names shots; the wall clock unless a test sets another.
+    void setClock(std::function<QDateTime()> now) { now_ = std::move(now); }
+
 signals:
     void fDownloadCountChanged();
     void fSavedCountChanged();
@@ -119,6 +124,7 @@ private:
     QImage displayImage_;
     std::atomic<bool> displaysImages_{false};
     std::atomic<int> pendingShots_{0};
+    std::function<QDateTime()> now_ = [] { return QDateTime::currentDateTime(); };
     std::vector<NotificationCenter::Token> localTokens_;
     std::vector<DistributedNotificationCenter::Token> distributedTokens_;
 };
