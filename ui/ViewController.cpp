@@ -78,6 +78,11 @@ void ViewController::setupNotifications() {
 // --- shots -------------------------------------------------------------------
 
 void ViewController::newPhoto(const Notification &notification) {
+    {
+        std::unique_lock lk(flowMutex_);
+        flowCv_.wait(lk, [&] { return shotsInFlight_ < kMaxShotsInFlight; });
+        ++shotsInFlight_;
+    }
     ++pendingShots_;
     metadataQueue()->async([this, info = notification.userInfo] {
         incrementDownloadCount();
@@ -105,6 +110,11 @@ void ViewController::newPhoto(const Notification &notification) {
         saveImage(QVariant());
         clearProgressIndicator();
         --pendingShots_;
+        {
+            std::lock_guard lk(flowMutex_);
+            --shotsInFlight_;
+        }
+        flowCv_.notify_all();
     });
 }
 

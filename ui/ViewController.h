@@ -23,6 +23,8 @@
 #include <QVariantMap>
 
 #include <atomic>
+#include <condition_variable>
+#include <mutex>
 #include <functional>
 #include <vector>
 
@@ -46,6 +48,8 @@ public:
     static constexpr const char *kCameraDisconnected = "< Camera Disconnected >";
     static constexpr const char *kNoCanonCameraFound = "< NO Canon Camera Found >";
     static constexpr const char *kOpenPrefsNotification = "openPrefsNotification";
+    // One shot being written and one waiting for it.
+    static constexpr int kMaxShotsInFlight = 2;
 
     explicit ViewController(QObject *parent = nullptr);
     ~ViewController() override;
@@ -124,6 +128,12 @@ private:
     QImage displayImage_;
     std::atomic<bool> displaysImages_{false};
     std::atomic<int> pendingShots_{0};
+    // Shots accepted but not yet saved. The camera's delivering thread waits
+    // while this is at its limit, so a burst faster than the disk stays in the
+    // camera instead of piling up in memory here.
+    std::mutex flowMutex_;
+    std::condition_variable flowCv_;
+    int shotsInFlight_ = 0;
     std::function<QDateTime()> now_ = [] { return QDateTime::currentDateTime(); };
     std::vector<NotificationCenter::Token> localTokens_;
     std::vector<DistributedNotificationCenter::Token> distributedTokens_;
