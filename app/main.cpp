@@ -1,15 +1,20 @@
 // BrixCanonCapture: entry point. Wires the station's objects together and runs
 // the main loop, with or without the window.
+#include "AppDelegate.h"
 #include "BundleInfo.h"
 #include "CommandLine.h"
 #include "Dispatch.h"
 #include "EdsSdk.h"
+#include "InterAppNotifications.h"
 #include "Logger.h"
 #include "MainWindow.h"
+#include "OKVA_CanonCamera.h"
 #include "Paths.h"
+#include "Preferences.h"
 #include "SignalWatcher.h"
 #include "SimulatorControl.h"
 #include "SystemInfo.h"
+#include "ViewController.h"
 
 #include <QApplication>
 #include <QCoreApplication>
@@ -90,17 +95,47 @@ int main(int argc, char **argv) {
         }
     }
 
+    // Factory values under the user's own.
+    Preferences::standard().registerFactoryDefaults();
+
+    // The delegate and the view controller listen before the camera class
+    // starts, so that the first camera list is not missed.
+    AppDelegate delegate;
+    delegate.awakeFromNib();
+    ViewController viewController;
+    viewController.setDisplaysImages(!options.headless);
+    viewController.createSavePhotosFolder();
+    viewController.setupNotifications();
+    // Each saved shot is announced, in order, from the queue that saved it.
+    QObject::connect(
+        &viewController, &ViewController::photoSaved, &viewController,
+        [](const QString &path) {
+            interapp::mySendBrixXNotification2(path);
+            interapp::mySendPreviewerAppNotificationWithFilePath(path);
+        },
+        Qt::DirectConnection);
+
     std::unique_ptr<MainWindow> window;
     if (!options.headless) {
         window = std::make_unique<MainWindow>();
         window->show();
     }
 
+    std::shared_ptr<eds::EdsSdk> sdk(std::move(cameraSdk));
+    if (sdk)
+        OKVA_CanonCamera::initialize(sdk);
+
     const int status = app->exec();
+
+    // Shots already downloaded are written and announced before the end.
+    ViewController::metadataQueue()->sync([] {});
+    if (sdk)
+        OKVA_CanonCamera::applicationWillTerminate(QStringLiteral("application will terminate"));
+    QCoreApplication::processEvents();
+    Preferences::standard().synchronize();
     Logger::setError(QStringLiteral("%1 ended with status %2").arg(bundle::kName).arg(status));
     Logger::flush();
     window.reset();
     simulatorControl.reset();
-    cameraSdk.reset();
     return status;
 }

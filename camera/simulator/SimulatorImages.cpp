@@ -194,8 +194,10 @@ QByteArray padJpeg(const QByteArray &jpeg, uint64_t bytes) {
         const uint64_t size = left / (segments - i); // even split, each at least 4
         left -= size;
         const uint64_t payload = size - 4;
+        // APP15: no reader keeps it, as none keeps a real body's maker data it
+        // does not know; a comment segment would be read as the image's text.
         out.append(char(0xFF));
-        out.append(char(0xFE));
+        out.append(char(0xEF));
         out.append(char(((payload + 2) >> 8) & 0xFF));
         out.append(char((payload + 2) & 0xFF));
         out.append(filler.constData(), qsizetype(payload));

@@ -2,6 +2,9 @@
 #include "CommandLine.h"
 
 #include <QFile>
+#include "TestSupport.h"
+
+#include <QFile>
 #include <QProcess>
 
 #include <gtest/gtest.h>

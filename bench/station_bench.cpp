@@ -1,0 +1,295 @@
+// The shot pipeline of the station, end to end, on the simulated camera:
+// object event -> download -> save -> "brixXNotification" seen by a sibling on
+// the session bus; against plain write + rename of the same bytes.
+//
+//   dbus-run-session -- build/default/bench/station_bench [shots] [megabytes]
+//
+// Each phase runs in a child process of its own, so that its peak memory is its own.
+#include "AppDelegate.h"
+#include "DistributedNotificationCenter.h"
+#include "EdsSdk.h"
+#include "InterAppNotifications.h"
+#include "Logger.h"
+#include "NotificationCenter.h"
+#include "OKVA_CanonCamera.h"
+#include "Preferences.h"
+#include "SimulatorControl.h"
+#include "ViewController.h"
+
+#include <QCoreApplication>
+#include <QDBusConnection>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QTemporaryDir>
+
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <fcntl.h>
+#include <mutex>
+#include <vector>
+
+using namespace brix;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+double ms(Clock::duration d) { return std::chrono::duration<double, std::milli>(d).count(); }
+
+long peakRssKiB() {
+    rusage u{};
+    getrusage(RUSAGE_SELF, &u);
+    return u.ru_maxrss;
+}
+
+double percentile(std::vector<double> v, double p) {
+    if (v.empty())
+        return 0;
+    std::sort(v.begin(), v.end());
+    return v[std::min(v.size() - 1, size_t(p * double(v.size())))];
+}
+
+// Notes the moment each object event leaves the camera boundary, then passes
+// it on untouched.
+class ProbeSdk final : public eds::EdsSdk {
+public:
+    explicit ProbeSdk(std::unique_ptr<eds::EdsSdk> inner) : in_(std::move(inner)) {}
+    eds::EdsSdk &inner() { return *in_; }
+
+    std::mutex m;
+    std::vector<Clock::time_point> objectEvents;
+
+    const char *backendName() const override { return in_->backendName(); }
+    eds::EdsError EdsInitializeSDK() override { return in_->EdsInitializeSDK(); }
+    eds::EdsError EdsTerminateSDK() override { return in_->EdsTerminateSDK(); }
+    eds::EdsError EdsSetCameraAddedHandler(eds::EdsCameraAddedHandler h, void *c) override {
+        return in_->EdsSetCameraAddedHandler(h, c);
+    }
+    eds::EdsError EdsGetCameraList(eds::EdsCameraListRef *o) override { return in_->EdsGetCameraList(o); }
+    eds::EdsError EdsGetChildCount(eds::EdsBaseRef r, eds::EdsUInt32 *o) override { return in_->EdsGetChildCount(r, o); }
+    eds::EdsError EdsGetChildAtIndex(eds::EdsBaseRef r, eds::EdsInt32 i, eds::EdsBaseRef *o) override {
+        return in_->EdsGetChildAtIndex(r, i, o);
+    }
+    eds::EdsError EdsGetDeviceInfo(eds::EdsCameraRef c, eds::EdsDeviceInfo *o) override { return in_->EdsGetDeviceInfo(c, o); }
+    eds::EdsUInt32 EdsRetain(eds::EdsBaseRef r) override { return in_->EdsRetain(r); }
+    eds::EdsUInt32 EdsRelease(eds::EdsBaseRef r) override { return in_->EdsRelease(r); }
+    eds::EdsError EdsOpenSession(eds::EdsCameraRef c) override { return in_->EdsOpenSession(c); }
+    eds::EdsError EdsCloseSession(eds::EdsCameraRef c) override { return in_->EdsCloseSession(c); }
+    eds::EdsError EdsSetCameraStateEventHandler(eds::EdsCameraRef c, eds::EdsStateEvent e, eds::EdsStateEventHandler h,
+                                                void *x) override {
+        return in_->EdsSetCameraStateEventHandler(c, e, h, x);
+    }
+    eds::EdsError EdsSetPropertyEventHandler(eds::EdsCameraRef c, eds::EdsPropertyEvent e,
+                                             eds::EdsPropertyEventHandler h, void *x) override {
+        return in_->EdsSetPropertyEventHandler(c, e, h, x);
+    }
+    eds::EdsError EdsSetObjectEventHandler(eds::EdsCameraRef c, eds::EdsObjectEvent e, eds::EdsObjectEventHandler h,
+                                           void *x) override {
+        handler_ = h;
+        context_ = x;
+        return in_->EdsSetObjectEventHandler(c, e, h ? &ProbeSdk::objectTrampoline : nullptr, h ? this : nullptr);
+    }
+    eds::EdsError EdsGetPropertySize(eds::EdsBaseRef r, eds::EdsPropertyID p, eds::EdsInt32 a, eds::EdsDataType *t,
+                                     eds::EdsUInt32 *s) override {
+        return in_->EdsGetPropertySize(r, p, a, t, s);
+    }
+    eds::EdsError EdsGetPropertyData(eds::EdsBaseRef r, eds::EdsPropertyID p, eds::EdsInt32 a, eds::EdsUInt32 s,
+                                     void *d) override {
+        return in_->EdsGetPropertyData(r, p, a, s, d);
+    }
+    eds::EdsError EdsSetPropertyData(eds::EdsBaseRef r, eds::EdsPropertyID p, eds::EdsInt32 a, eds::EdsUInt32 s,
+                                     const void *d) override {
+        return in_->EdsSetPropertyData(r, p, a, s, d);
+    }
+    eds::EdsError EdsGetPropertyDesc(eds::EdsBaseRef r, eds::EdsPropertyID p, eds::EdsPropertyDesc *d) override {
+        return in_->EdsGetPropertyDesc(r, p, d);
+    }
+    eds::EdsError EdsSendCommand(eds::EdsCameraRef c, eds::EdsCameraCommand k, eds::EdsInt32 p) override {
+        return in_->EdsSendCommand(c, k, p);
+    }
+    eds::EdsError EdsSendStatusCommand(eds::EdsCameraRef c, eds::EdsCameraStatusCommand k, eds::EdsInt32 p) override {
+        return in_->EdsSendStatusCommand(c, k, p);
+    }
+    eds::EdsError EdsSetCapacity(eds::EdsCameraRef c, eds::EdsCapacity k) override { return in_->EdsSetCapacity(c, k); }
+    eds::EdsError EdsGetDirectoryItemInfo(eds::EdsDirectoryItemRef i, eds::EdsDirectoryItemInfo *o) override {
+        return in_->EdsGetDirectoryItemInfo(i, o);
+    }
+    eds::EdsError EdsCreateMemoryStreamFromPointer(void *b, eds::EdsUInt64 n, eds::EdsStreamRef *o) override {
+        return in_->EdsCreateMemoryStreamFromPointer(b, n, o);
+    }
+    eds::EdsError EdsSetProgressCallback(eds::EdsBaseRef r, eds::EdsProgressCallback f, eds::EdsProgressOption o,
+                                         void *c) override {
+        return in_->EdsSetProgressCallback(r, f, o, c);
+    }
+    eds::EdsError EdsDownload(eds::EdsDirectoryItemRef i, eds::EdsUInt64 n, eds::EdsStreamRef s) override {
+        return in_->EdsDownload(i, n, s);
+    }
+    eds::EdsError EdsDownloadComplete(eds::EdsDirectoryItemRef i) override { return in_->EdsDownloadComplete(i); }
+    eds::EdsError EdsCreateEvfImageRef(eds::EdsStreamRef s, eds::EdsEvfImageRef *o) override {
+        return in_->EdsCreateEvfImageRef(s, o);
+    }
+    eds::EdsError EdsDownloadEvfImage(eds::EdsCameraRef c, eds::EdsEvfImageRef i) override {
+        return in_->EdsDownloadEvfImage(c, i);
+    }
+
+private:
+    static eds::EdsError objectTrampoline(eds::EdsObjectEvent event, eds::EdsBaseRef ref, void *context) {
+        auto *self = static_cast<ProbeSdk *>(context);
+        if (event == eds::kEdsObjectEvent_DirItemRequestTransfer) {
+            std::lock_guard lk(self->m);
+            self->objectEvents.push_back(Clock::now());
+        }
+        return self->handler_(event, ref, self->context_);
+    }
+
+    std::unique_ptr<eds::EdsSdk> in_;
+    eds::EdsObjectEventHandler handler_ = nullptr;
+    void *context_ = nullptr;
+};
+
+// Plain write + rename of the same bytes: the disk's limit for this work.
+int baseline(int shots, qint64 bytes) {
+    QTemporaryDir dir(QDir::currentPath() + "/station-bench-XXXXXX");
+    QByteArray data(bytes, '\x5a');
+    std::vector<double> perShot;
+    auto start = Clock::now();
+    for (int i = 0; i < shots; ++i) {
+        auto t0 = Clock::now();
+        const QByteArray tmp = QFile::encodeName(dir.path() + QStringLiteral("/.tmp%1").arg(i));
+        const QByteArray dst = QFile::encodeName(dir.path() + QStringLiteral("/%1.jpg").arg(i, 17, 10, QChar('0')));
+        int fd = ::open(tmp.constData(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        qint64 done = 0;
+        while (done < bytes) {
+            ssize_t n = ::write(fd, data.constData() + done, size_t(bytes - done));
+            if (n <= 0)
+                return 1;
+            done += n;
+        }
+        ::close(fd);
+        ::rename(tmp.constData(), dst.constData());
+        perShot.push_back(ms(Clock::now() - t0));
+    }
+    const double total = ms(Clock::now() - start);
+    std::printf("baseline write+rename: %d x %.1f MB in %.0f ms = %.0f MB/s; per shot median %.2f ms, p99 %.2f ms; "
+                "peak RSS %.0f MB\n",
+                shots, double(bytes) / 1e6, total, double(shots) * double(bytes) / 1e6 / (total / 1000.0),
+                percentile(perShot, 0.5), percentile(perShot, 0.99), double(peakRssKiB()) / 1024.0);
+    return 0;
+}
+
+int station(int argc, char **argv, int shots, qint64 bytes, bool sequential) {
+    QCoreApplication app(argc, argv);
+    QTemporaryDir home(QDir::currentPath() + "/station-bench-home-XXXXXX");
+    qputenv("HOME", home.path().toUtf8());
+    qputenv("XDG_CONFIG_HOME", (home.path() + "/.config").toUtf8());
+    qputenv("XDG_STATE_HOME", (home.path() + "/.local/state").toUtf8());
+    qputenv("BRIX_SIM_CAMERAS", "1");
+    // The station logs into its file as it does in service.
+    Logger::setLogFile(Logger::defaultLogFileWithinSubdirectory(QStringLiteral("Brix")));
+
+    auto probe = std::make_shared<ProbeSdk>(eds::createSimulatorSdk());
+    eds::SimulatorControl *sim = eds::simulatorControl(probe->inner());
+    sim->setShotFormat("JPG", uint64_t(bytes));
+
+    AppDelegate delegate;
+    delegate.awakeFromNib();
+    ViewController vc;
+    vc.createSavePhotosFolder();
+    vc.setupNotifications();
+    QObject::connect(
+        &vc, &ViewController::photoSaved, &vc,
+        [](const QString &path) {
+            interapp::mySendBrixXNotification2(path);
+            interapp::mySendPreviewerAppNotificationWithFilePath(path);
+        },
+        Qt::DirectConnection);
+
+    std::mutex m;
+    std::vector<Clock::time_point> photoData;
+    NotificationCenter::defaultCenter().addObserver(kOKVA_CanonCameraPhotoDataAvailable, {}, [&](const Notification &) {
+        std::lock_guard lk(m);
+        photoData.push_back(Clock::now());
+    });
+    QDBusConnection siblingBus = QDBusConnection::connectToBus(QDBusConnection::SessionBus, "bench-sibling");
+    DistributedNotificationCenter sibling(siblingBus);
+    std::vector<Clock::time_point> announced;
+    sibling.addObserver("brixXNotification", [&](const DistributedNotificationCenter::Message &msg) {
+        if (msg.userInfo.contains("filePath"))
+            announced.push_back(Clock::now());
+    });
+
+    OKVA_CanonCamera::initialize(probe);
+    auto until = [&](auto done, int seconds) {
+        QElapsedTimer t;
+        t.start();
+        while (!done() && t.elapsed() < seconds * 1000)
+            QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
+        return done();
+    };
+    if (!until([&] { return delegate.currentCamera() && delegate.currentCamera()->isLoaded(); }, 20)) {
+        std::fprintf(stderr, "camera did not load\n");
+        return 1;
+    }
+    const long rssBefore = peakRssKiB();
+    auto start = Clock::now();
+    for (int i = 0; i < shots; ++i) {
+        sim->pressShutter();
+        if (sequential && !until([&] { return int(announced.size()) > i; }, 60))
+            break;
+    }
+    until([&] { return int(announced.size()) >= shots; }, 600);
+    const double total = ms(Clock::now() - start);
+    if (int(announced.size()) < shots || int(probe->objectEvents.size()) < shots) {
+        std::fprintf(stderr, "only %zu of %d shots announced\n", announced.size(), shots);
+        return 1;
+    }
+    std::vector<double> eventToAnnounce, dataToAnnounce;
+    for (int i = 0; i < shots; ++i) {
+        eventToAnnounce.push_back(ms(announced[size_t(i)] - probe->objectEvents[size_t(i)]));
+        dataToAnnounce.push_back(ms(announced[size_t(i)] - photoData[size_t(i)]));
+    }
+    std::fprintf(stdout, "station %s: %d x %.1f MB in %.0f ms = %.0f MB/s; object event -> brixXNotification median %.2f ms, "
+                "p99 %.2f ms; photo data -> brixXNotification (save + announce) median %.2f ms, p99 %.2f ms; "
+                "peak RSS %.0f MB (%.0f MB before the shots)\n",
+                sequential ? "one shot at a time" : "burst", shots, double(bytes) / 1e6, total,
+                double(shots) * double(bytes) / 1e6 / (total / 1000.0), percentile(eventToAnnounce, 0.5),
+                percentile(eventToAnnounce, 0.99), percentile(dataToAnnounce, 0.5), percentile(dataToAnnounce, 0.99),
+                double(peakRssKiB()) / 1024.0, double(rssBefore) / 1024.0);
+    ViewController::metadataQueue()->sync([] {});
+    OKVA_CanonCamera::applicationWillTerminate(QStringLiteral("bench done"));
+    return 0;
+}
+
+template <class F> int inChild(F f) {
+    std::fflush(stdout);
+    pid_t pid = ::fork();
+    if (pid == 0)
+    {
+        int r = f();
+        std::fflush(stdout);
+        ::_exit(r);
+    }
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 1;
+}
+
+} // namespace
+
+int main(int argc, char **argv) {
+    const int shots = argc > 1 ? std::atoi(argv[1]) : 100;
+    const qint64 bytes = qint64((argc > 2 ? std::atof(argv[2]) : 25.0) * 1e6);
+    if (qEnvironmentVariableIsEmpty("DBUS_SESSION_BUS_ADDRESS")) {
+        std::fprintf(stderr, "run under dbus-run-session\n");
+        return 2;
+    }
+    int rc = inChild([&] { return baseline(shots, bytes); });
+    rc |= inChild([&] { return station(argc, argv, 30, bytes, true); });
+    rc |= inChild([&] { return station(argc, argv, shots, bytes, false); });
+    return rc;
+}

@@ -1,0 +1,203 @@
+// Download of each new shot into memory, and live view.
+#include "CameraClassState.h"
+#include "CameraText.h"
+#include "Dispatch.h"
+#include "NotificationCenter.h"
+#include "OKVA_CanonCamera.h"
+
+#include <QByteArray>
+#include <QImage>
+
+#include <chrono>
+#include <cstring>
+#include <new>
+#include <thread>
+
+namespace brix {
+
+using namespace eds;
+using cameratext::logf;
+
+namespace {
+constexpr const char kLogShouldDownload[] = "should download an object";
+constexpr const char kLogStarting[] = "starting download of %u byte file named \"%@\"";
+constexpr const char kLogStreamError[] = "error %x creating memory stream";
+constexpr const char kLogProgressError[] = "error %x registering for download progress";
+constexpr const char kLogBeginning[] = "beginning download";
+constexpr const char kLogDownloadError[] = "error %x during download of image stream";
+constexpr const char kLogCompleteError[] = "error %x completing download stream";
+constexpr const char kLogComplete[] = "image download complete";
+constexpr const char kLogNoData[] = "error creating image data from download stream";
+constexpr const char kLogProgress[] = "download progress (%u %%)";
+constexpr const char kLogAboutToGetDevice[] = "about to get the liveoutput device";
+constexpr const char kLogStopping[] = "stopping liveView";
+constexpr const char kLogMemStreamError[] = "error 0x%x creating memStream";
+constexpr const char kLogEvfRefError[] = "error 0x%x creating liveView image ref";
+constexpr const char kLogEvfDownloadError[] = "error 0x%x downloading liveView image";
+constexpr const char kLogDecodeError[] = "error creating NSImage from data";
+
+constexpr auto kNotReadyPoll = std::chrono::microseconds(500);
+} // namespace
+
+// --- download ------------------------------------------------------------------------------------
+
+EdsError OKVA_CanonCamera::downloadObject(EdsDirectoryItemRef item) {
+    logf(kLogShouldDownload);
+    EdsDirectoryItemInfo info{};
+    sdk_->EdsGetDirectoryItemInfo(item, &info); // an item without info still downloads what it can
+    const EdsUInt32 size = static_cast<EdsUInt32>(info.size);
+    const QString fileName = QString::fromUtf8(info.szFileName, qsizetype(strnlen(info.szFileName, sizeof info.szFileName)));
+    logf(kLogStarting, size, fileName);
+
+    QByteArray buffer;
+    try {
+        buffer = QByteArray(qsizetype(size), Qt::Uninitialized);
+    } catch (const std::bad_alloc &) {
+        return EDS_ERR_MEM_ALLOC_FAILED;
+    }
+
+    bool made = false;
+    EdsStreamHandle stream; // only writes into our buffer; the item stays the SDK's
+    EdsError err = sdk_->EdsCreateMemoryStreamFromPointer(buffer.data(), size, stream.receive(*sdk_));
+    if (err != EDS_ERR_OK) {
+        logf(kLogStreamError, err);
+    } else {
+        const EdsError perr = sdk_->EdsSetProgressCallback(stream.get(), &progressHandler, kEdsProgressOption_Periodically, this);
+        if (perr != EDS_ERR_OK)
+            logf(kLogProgressError, perr);
+        logf(kLogBeginning);
+        err = sdk_->EdsDownload(item, size, stream.get());
+        if (err != EDS_ERR_OK) {
+            logf(kLogDownloadError, err);
+        } else {
+            made = true; // the bytes are the shot's data from here on
+            err = sdk_->EdsDownloadComplete(item);
+            if (err != EDS_ERR_OK) {
+                logf(kLogCompleteError, err);
+            } else {
+                logf(kLogComplete);
+                UserInfoBuilder userInfo;
+                userInfo.add(kOKVA_CanonCameraPhotoData, buffer).add(kOKVA_CanonCameraPhotoFilename, fileName);
+                NotificationCenter::defaultCenter().post(userInfo.make(kOKVA_CanonCameraPhotoDataAvailable, toVariant()));
+            }
+        }
+        stream.reset();
+    }
+    if (!made)
+        logf(kLogNoData);
+    return err;
+}
+
+EdsError OKVA_CanonCamera::progressHandler(EdsUInt32 percent, void *context, EdsBool *cancel) {
+    CameraPtr camera = cameraForContext(context);
+    if (!camera)
+        return EDS_ERR_OK;
+    UserInfoBuilder info;
+    info.add(kOKVA_CanonCameraDownloadProgressPercent, QVariant::fromValue(quint32(percent)));
+    NotificationCenter::defaultCenter().postOnMainAndWait(
+        info.make(kOKVA_CanonCameraDownloadProgress, camera->toVariant()));
+    const bool answer = camera->cancelDownloadForProgress(percent);
+    logf(kLogProgress, percent);
+    if (cancel)
+        *cancel = answer ? 1 : 0;
+    return EDS_ERR_OK;
+}
+
+bool OKVA_CanonCamera::cancelDownloadForProgress(EdsUInt32 percent) {
+    OKVA_CanonCameraDelegate *d = delegate_.load();
+    return d ? d->cancelDownloadForProgress(percent) : false;
+}
+
+// --- live view ----------------------------------------------------------------------------------------
+
+EdsUInt32 OKVA_CanonCamera::liveViewOutputDevice() {
+    logf(kLogAboutToGetDevice);
+    EdsUInt32 device = 0;
+    if (!waitForCameraLock(3.0))
+        return device;
+    sdk_->EdsGetPropertyData(cameraRef_, kEdsPropID_Evf_OutputDevice, 0, sizeof device, &device);
+    unlockCameraLock();
+    return device;
+}
+
+void OKVA_CanonCamera::liveViewBegin() {
+    if (isLegacyModel())
+        return;
+    const EdsUInt32 mode = kEdsEvfMode_Enabled;
+    setProperty(cameraRef_, kEdsPropID_Evf_Mode, 0, sizeof mode, &mode);
+    const EdsUInt32 device = liveViewOutputDevice() | kEdsEvfOutputDevice_PC;
+    setProperty(cameraRef_, kEdsPropID_Evf_OutputDevice, 0, sizeof device, &device);
+}
+
+void OKVA_CanonCamera::liveViewEnd() {
+    if (isLegacyModel())
+        return;
+    const EdsUInt32 device = liveViewOutputDevice() & ~kEdsEvfOutputDevice_PC;
+    setProperty(cameraRef_, kEdsPropID_Evf_OutputDevice, 0, sizeof device, &device);
+}
+
+void OKVA_CanonCamera::startLiveView() {
+    liveViewRunning_ = true;
+    dispatch::detachThread("camera-liveview", [self = shared_from_this()] { self->downloadLiveViewImage(); });
+}
+
+void OKVA_CanonCamera::stopLiveView() {
+    logf(kLogStopping);
+    liveViewRunning_ = false;
+}
+
+void OKVA_CanonCamera::downloadLiveViewImage() {
+    if (!liveViewLock_.tryLock())
+        return; // another loop runs
+    std::vector<char> fresh;
+    std::vector<char> *buffer = &liveViewBuffer_;
+    if (liveViewBuffer_.empty()) {
+        fresh.assign(liveViewStreamSize(), 0);
+        buffer = &fresh;
+    }
+    auto &center = NotificationCenter::defaultCenter();
+    while (liveViewRunning_) {
+        // Both are made for this pass and given back at its end.
+        EdsStreamHandle stream;
+        EdsEvfImageHandle image;
+        EdsError err = sdk_->EdsCreateMemoryStreamFromPointer(buffer->data(), buffer->size(), stream.receive(*sdk_));
+        if (err != EDS_ERR_OK) {
+            logf(kLogMemStreamError, err);
+            liveViewRunning_ = false;
+        } else if ((err = sdk_->EdsCreateEvfImageRef(stream.get(), image.receive(*sdk_))) != EDS_ERR_OK) {
+            logf(kLogEvfRefError, err); // tried again on the next pass
+        } else {
+            for (;;) {
+                err = sdk_->EdsDownloadEvfImage(cameraRef_, image.get());
+                if (err != EDS_ERR_OBJECT_NOTREADY || !liveViewRunning_)
+                    break;
+                std::this_thread::sleep_for(kNotReadyPoll);
+            }
+            if (err != EDS_ERR_OK) {
+                logf(kLogEvfDownloadError, err);
+                liveViewRunning_ = false;
+            } else {
+                // The frame is compressed data at the start of the buffer; the
+                // decoder stops at its end. Frames come top row first.
+                QImage frame = QImage::fromData(
+                    QByteArrayView(reinterpret_cast<const uchar *>(buffer->data()), qsizetype(buffer->size())));
+                if (frame.isNull()) {
+                    logf(kLogDecodeError);
+                } else {
+                    if (buffer == &fresh) {
+                        liveViewBuffer_ = std::move(fresh);
+                        buffer = &liveViewBuffer_;
+                    }
+                    UserInfoBuilder info;
+                    info.add(kOKVA_CanonCameraLiveViewImage, QVariant::fromValue(frame));
+                    center.postOnMainNoWait(info.make(kOKVA_CanonCameraLiveViewImageUpdate, toVariant()));
+                }
+            }
+        }
+        image.reset();
+        stream.reset();
+    }
+    liveViewLock_.unlock();
+}
+
+} // namespace brix

@@ -1,0 +1,186 @@
+// The camera under load from several threads at once: bursts of shots from the
+// body, commands from many threads, unplugging in the middle of a transfer,
+// settings changing on the body while the station loads and unloads.
+#include "CameraFixture.h"
+
+#include <QCryptographicHash>
+#include <QImage>
+
+#include <set>
+#include <thread>
+
+using namespace brix;
+using namespace brix::eds;
+using namespace brix::test;
+
+namespace {
+
+// Records, as each transfer ends, the bytes the SDK wrote and the file's name,
+// and counts the commands sent.
+class RecordingSdk : public ForwardingSdk {
+public:
+    using ForwardingSdk::ForwardingSdk;
+
+    EdsError EdsCreateMemoryStreamFromPointer(EdsVoid *buffer, EdsUInt64 size, EdsStreamRef *out) override {
+        const EdsError err = ForwardingSdk::EdsCreateMemoryStreamFromPointer(buffer, size, out);
+        if (err == EDS_ERR_OK && out) {
+            std::lock_guard lk(m);
+            buffers[*out] = static_cast<const char *>(buffer);
+        }
+        return err;
+    }
+    EdsError EdsGetDirectoryItemInfo(EdsDirectoryItemRef item, EdsDirectoryItemInfo *info) override {
+        const EdsError err = ForwardingSdk::EdsGetDirectoryItemInfo(item, info);
+        if (err == EDS_ERR_OK) {
+            std::lock_guard lk(m);
+            names[item] = QString::fromUtf8(info->szFileName);
+        }
+        return err;
+    }
+    EdsError EdsDownload(EdsDirectoryItemRef item, EdsUInt64 size, EdsStreamRef stream) override {
+        const EdsError err = ForwardingSdk::EdsDownload(item, size, stream);
+        if (err == EDS_ERR_OK) {
+            std::lock_guard lk(m);
+            transfers.push_back({names[item], QByteArray(buffers[stream], qsizetype(size))});
+        }
+        return err;
+    }
+    EdsError EdsSendCommand(EdsCameraRef camera, EdsCameraCommand command, EdsInt32 param) override {
+        commandsSent.fetch_add(1);
+        return ForwardingSdk::EdsSendCommand(camera, command, param);
+    }
+
+    std::mutex m;
+    std::map<EdsBaseRef, const char *> buffers;
+    std::map<EdsBaseRef, QString> names;
+    std::vector<std::pair<QString, QByteArray>> transfers;
+    std::atomic<int> commandsSent{0};
+};
+
+class CameraUnderLoad : public CameraFixture {
+protected:
+    std::shared_ptr<EdsSdk> wrap(std::shared_ptr<EdsSdk> sim) override {
+        recording = std::make_shared<RecordingSdk>(sim);
+        return recording;
+    }
+    std::shared_ptr<RecordingSdk> recording;
+};
+
+// Runs `body(i)` for i in [0, n) on n detached threads and waits for them all
+// while the main loop keeps delivering.
+void onThreads(int n, const std::function<void(int)> &body) {
+    auto left = std::make_shared<std::atomic<int>>(n);
+    for (int i = 0; i < n; ++i)
+        dispatch::detachThread("test-worker", [body, i, left] {
+            body(i);
+            left->fetch_sub(1);
+        });
+    processEventsUntil([&] { return left->load() == 0; }, std::chrono::seconds(60));
+}
+
+} // namespace
+
+TEST_F(CameraUnderLoad, ABurstOfFiftyShotsArrivesWholeAndInOrder) {
+    CameraPtr camera = loadFirstCamera();
+    ASSERT_TRUE(camera);
+    for (int i = 0; i < 50; ++i)
+        ASSERT_TRUE(control->pressShutter());
+    ASSERT_TRUE(waitFor([&] { return count(kOKVA_CanonCameraPhotoDataAvailable) == 50; }, std::chrono::seconds(120)));
+
+    const auto shots = named(kOKVA_CanonCameraPhotoDataAvailable);
+    std::vector<std::pair<QString, QByteArray>> transfers;
+    {
+        std::lock_guard lk(recording->m);
+        transfers = recording->transfers;
+    }
+    ASSERT_EQ(transfers.size(), 50u);
+    std::set<QByteArray> digests;
+    for (int i = 0; i < 50; ++i) {
+        const QVariantMap &info = shots[i].note.userInfo;
+        const QByteArray data = info.value(kOKVA_CanonCameraPhotoData).toByteArray();
+        const QString expectedName = QStringLiteral("IMG_%1.JPG").arg(i + 1, 4, 10, QLatin1Char('0'));
+        EXPECT_EQ(info.value(kOKVA_CanonCameraPhotoFilename).toString(), expectedName);
+        EXPECT_EQ(transfers[i].first, expectedName);
+        EXPECT_TRUE(data == transfers[i].second) << "shot " << i + 1 << " differs from what the camera sent";
+        EXPECT_TRUE(data.startsWith("\xFF\xD8") && data.endsWith("\xFF\xD9")) << "shot " << i + 1;
+        digests.insert(QCryptographicHash::hash(data, QCryptographicHash::Sha1));
+    }
+    EXPECT_EQ(digests.size(), 50u);
+    EXPECT_FALSE(QImage::fromData(shots[49].note.userInfo.value(kOKVA_CanonCameraPhotoData).toByteArray()).isNull());
+    // Streams were all given back: the only count still held is the camera's own.
+    EXPECT_EQ(control->callerReferenceCount(), 1);
+}
+
+TEST_F(CameraUnderLoad, TakePictureFromManyThreadsSendsEachCommandOnce) {
+    CameraPtr camera = loadFirstCamera();
+    ASSERT_TRUE(camera);
+    constexpr int kThreads = 8;
+    constexpr int kEach = 5;
+    onThreads(kThreads, [camera](int) {
+        for (int i = 0; i < kEach; ++i) {
+            camera->takePicture();
+            camera->performNextQueuedCameraCommand();
+        }
+    });
+    ASSERT_TRUE(waitFor([&] { return count(kOKVA_CanonCameraPhotoDataAvailable) == kThreads * kEach; },
+                        std::chrono::seconds(120)));
+    settle();
+    EXPECT_EQ(recording->commandsSent.load(), kThreads * kEach);
+    EXPECT_EQ(control->shotCount(), unsigned(kThreads * kEach));
+    EXPECT_EQ(count(kOKVA_CanonCameraCommandError), 0u);
+    EXPECT_TRUE(camera->queuedCommands()->isEmpty());
+}
+
+TEST_F(CameraUnderLoad, UnplugDuringATransferPostsNothingForThatShot) {
+    CameraPtr camera = loadFirstCamera();
+    ASSERT_TRUE(camera);
+    ASSERT_TRUE(control->setShotFormat("JPG", 8 * 1024 * 1024));
+    auto &center = NotificationCenter::defaultCenter();
+    std::atomic<bool> pulled{false};
+    auto onProgress = center.addObserver(kOKVA_CanonCameraDownloadProgress, {}, [&](const Notification &) {
+        if (pulled.exchange(true))
+            return;
+        control->unplug();
+        // The simulated body finishes a transfer it has begun; a real one that
+        // vanishes cannot confirm it, which is what the camera code sees here.
+        control->injectError("EdsDownloadComplete", EDS_ERR_COMM_DISCONNECTED, 1);
+    });
+    ASSERT_TRUE(control->pressShutter());
+    ASSERT_TRUE(waitFor([&] { return count(kOKVA_CanonCameraDidUnload) == 1; }));
+    settle(std::chrono::milliseconds(500));
+    center.removeObserver(onProgress);
+    EXPECT_TRUE(pulled.load());
+    EXPECT_EQ(count(kOKVA_CanonCameraPhotoDataAvailable), 0u);
+    EXPECT_FALSE(camera->isLoaded());
+    // The vanished camera still answers, with errors, and nothing breaks.
+    EXPECT_FALSE(camera->valueForPropertyID(kEdsPropID_Av, 0).isValid());
+    camera->takePicture();
+    camera->performNextQueuedCameraCommand();
+    EXPECT_TRUE(waitFor([&] { return count(kOKVA_CanonCameraCommandError) == 1; }));
+}
+
+TEST_F(CameraUnderLoad, SettingsChangingOnTheBodyWhileTheStationReloads) {
+    CameraPtr camera = loadFirstCamera();
+    ASSERT_TRUE(camera);
+    auto done = std::make_shared<std::atomic<bool>>(false);
+    dispatch::detachThread("test-body", [control = control, done] {
+        static const EdsUInt32 kAvs[] = {0x20, 0x28, 0x30, 0x38};
+        for (int i = 0; i < 400; ++i) {
+            control->setProperty(kEdsPropID_Av, kAvs[i % 4]);
+            std::this_thread::yield();
+        }
+        *done = true;
+    });
+    for (int round = 0; round < 10; ++round) {
+        EXPECT_TRUE(camera->unload());
+        settle(std::chrono::milliseconds(20));
+        EXPECT_TRUE(camera->load());
+        settle(std::chrono::milliseconds(20));
+    }
+    ASSERT_TRUE(waitFor([&] { return done->load(); }, std::chrono::seconds(60)));
+    settle();
+    // After the storm the last reported value is the body's.
+    const auto value = camera->valueForPropertyID(kEdsPropID_Av, 0);
+    EXPECT_EQ(value.toUInt(), control->property(kEdsPropID_Av).toUInt());
+    EXPECT_TRUE(camera->isLoaded());
+}

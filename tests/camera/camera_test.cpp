@@ -1,0 +1,546 @@
+// The camera object, its command queue, discovery, download and live view,
+// run against the simulated camera.
+#include "CameraClassState.h"
+#include "CameraFixture.h"
+
+#include <QImage>
+
+using namespace brix;
+using namespace brix::eds;
+using namespace brix::test;
+
+namespace {
+
+const QStringList kPropertyKeys = {kOKVA_CanonCameraPropertyName, kOKVA_CanonCameraProperty,
+                                   kOKVA_CanonCameraPropertyID, kOKVA_CanonCameraPropertyValue};
+
+// The last property-change notification for the property, if any.
+std::optional<Posted> lastChange(const std::vector<Posted> &all, const QString &name) {
+    std::optional<Posted> found;
+    for (const auto &p : all)
+        if (p.note.userInfo.value(kOKVA_CanonCameraPropertyName).toString() == name)
+            found = p;
+    return found;
+}
+
+} // namespace
+
+// --- discovery -------------------------------------------------------------------------
+
+using Discovery = CameraFixture;
+
+TEST_F(Discovery, StartUpListsTheCameraAndAnUpdateThatFindsOnlyListedCamerasEmptiesTheList) {
+    ASSERT_TRUE(waitFor([&] { return count(kOKVA_CanonCameraListDidUpdate) == 1; }));
+    const Posted update = named(kOKVA_CanonCameraListDidUpdate).front();
+    EXPECT_TRUE(update.onMain);
+    EXPECT_EQ(update.note.object, OKVA_CanonCamera::classObject());
+
+    const auto list = waitForCameras(1);
+    ASSERT_EQ(list.size(), 1);
+    EXPECT_EQ(list[0]->description(), QString::fromUtf8(kSimulatorDefaultModel));
+    EXPECT_FALSE(list[0]->isLegacyModel());
+    EXPECT_FALSE(list[0]->isLoaded());
+
+    // The same body again is not new: the list empties and nobody is told.
+    OKVA_CanonCamera::updateCameraList();
+    EXPECT_TRUE(waitFor([&] {
+        auto c = OKVA_CanonCamera::cameras();
+        return c && c->isEmpty();
+    }));
+    settle();
+    EXPECT_EQ(count(kOKVA_CanonCameraListDidUpdate), 1u);
+}
+
+TEST_F(Discovery, CamerasAnswersNothingWhileTheListIsBusy) {
+    waitForCameras(1);
+    auto &listLock = CameraClassState::get().listLock;
+    ASSERT_TRUE(listLock.tryLock());
+    EXPECT_FALSE(OKVA_CanonCamera::cameras().has_value());
+    listLock.unlock();
+    ASSERT_TRUE(OKVA_CanonCamera::cameras().has_value());
+    EXPECT_EQ(OKVA_CanonCamera::cameras()->size(), 1);
+}
+
+// Counts camera-list reads, i.e. list updates that ran.
+class CountingSdk : public ForwardingSdk {
+public:
+    using ForwardingSdk::ForwardingSdk;
+    EdsError EdsGetCameraList(EdsCameraListRef *out) override {
+        listReads.fetch_add(1);
+        return ForwardingSdk::EdsGetCameraList(out);
+    }
+    std::atomic<int> listReads{0};
+};
+
+class DiscoveryCounted : public CameraFixture {
+protected:
+    std::shared_ptr<EdsSdk> wrap(std::shared_ptr<EdsSdk> sim) override {
+        counting = std::make_shared<CountingSdk>(sim);
+        return counting;
+    }
+    std::shared_ptr<CountingSdk> counting;
+};
+
+TEST_F(DiscoveryCounted, RequestsDuringAnUpdateAreSkippedAndCaughtUpExactlyOnce) {
+    waitForCameras(1);
+    ASSERT_TRUE(waitFor([&] { return CameraClassState::get().updateLock.tryLock(); }));
+    CameraClassState::get().updateLock.unlock();
+    ASSERT_EQ(counting->listReads.load(), 1);
+
+    // Holding the list lock keeps the next update inside its run.
+    auto &listLock = CameraClassState::get().listLock;
+    ASSERT_TRUE(listLock.tryLock());
+    OKVA_CanonCamera::updateCameraList();
+    ASSERT_TRUE(waitFor([&] { return counting->listReads.load() == 2; }));
+    for (int i = 0; i < 3; ++i)
+        OKVA_CanonCamera::updateCameraListAsync(); // each skipped at once
+    EXPECT_EQ(counting->listReads.load(), 2);
+    listLock.unlock();
+
+    EXPECT_TRUE(waitFor([&] { return counting->listReads.load() == 3; }));
+    settle();
+    EXPECT_EQ(counting->listReads.load(), 3);
+    EXPECT_FALSE(CameraClassState::get().missedUpdate.load());
+}
+
+// --- session and properties -----------------------------------------------------------
+
+using Session = CameraFixture;
+
+TEST_F(Session, LoadOpensOneSessionAndReadsTheSettingsInOrderUnloadHandsTheCameraBack) {
+    const auto list = waitForCameras(1);
+    ASSERT_EQ(list.size(), 1);
+    CameraPtr camera = list[0];
+    clearPosted();
+
+    ASSERT_TRUE(camera->load());
+    // Everything up to here was posted synchronously on this (the main) thread.
+    const auto loaded = named(kOKVA_CanonCameraDidLoad);
+    ASSERT_EQ(loaded.size(), 1u);
+    EXPECT_EQ(loaded[0].camera(), camera);
+    EXPECT_EQ(OKVA_CanonCamera::currentCamera(), camera);
+    EXPECT_EQ(control->property(kEdsPropID_SaveTo).toUInt(), kEdsSaveTo_Host);
+
+    QStringList order;
+    const auto changes = named(kOKVA_CanonCameraPropertyDidChange);
+    for (const auto &p : changes)
+        order << p.note.userInfo.value(kOKVA_CanonCameraPropertyName).toString();
+    EXPECT_EQ(order.mid(0, 18),
+              (QStringList{"AEMode", "AFMode", "Av", "Tv", "ISOSpeed", "WhiteBalance", "ExposureCompensation",
+                           "DriveMode", "MeteringMode", "ImageQuality", "BatteryLevel", "BatteryQuality",
+                           "FirmwareVersion", "LensName", "Copyright", "OwnerName", "Artist", "DateTime"}));
+
+    const auto ae = lastChange(changes, "AEMode");
+    ASSERT_TRUE(ae);
+    EXPECT_EQ(ae->note.userInfoOrder, kPropertyKeys);
+    EXPECT_EQ(ae->note.userInfo.value(kOKVA_CanonCameraProperty).toString(), "Manual Exposure");
+    EXPECT_EQ(ae->note.userInfo.value(kOKVA_CanonCameraPropertyID).toUInt(), kEdsPropID_AEMode);
+    EXPECT_EQ(ae->note.userInfo.value(kOKVA_CanonCameraPropertyValue).toUInt(), 3u);
+    const auto battery = lastChange(changes, "BatteryLevel");
+    ASSERT_TRUE(battery);
+    EXPECT_EQ(battery->note.userInfo.value(kOKVA_CanonCameraProperty).toString(), "85 %");
+    // Text values carry no raw value: the user info ends before its key.
+    const auto firmware = lastChange(changes, "FirmwareVersion");
+    ASSERT_TRUE(firmware);
+    EXPECT_EQ(firmware->note.userInfoOrder, kPropertyKeys.mid(0, 3));
+    EXPECT_EQ(firmware->note.userInfo.value(kOKVA_CanonCameraProperty).toString(), "1.2.3");
+    const auto owner = lastChange(changes, "OwnerName");
+    ASSERT_TRUE(owner);
+    EXPECT_EQ(owner->note.userInfoOrder, kPropertyKeys.mid(0, 3)); // an empty text is still a value
+
+    // Loading the current camera again opens nothing.
+    EXPECT_TRUE(camera->load());
+    EXPECT_EQ(count(kOKVA_CanonCameraDidLoad), 1u);
+
+    ASSERT_TRUE(camera->unload());
+    EXPECT_FALSE(camera->isLoaded());
+    EXPECT_EQ(OKVA_CanonCamera::currentCamera(), nullptr);
+    ASSERT_EQ(count(kOKVA_CanonCameraDidUnload), 1u);
+    EXPECT_EQ(named(kOKVA_CanonCameraDidUnload)[0].camera(), camera);
+    EXPECT_EQ(control->property(kEdsPropID_SaveTo).toUInt(), kEdsSaveTo_Camera);
+    // Only the current camera unloads.
+    EXPECT_FALSE(camera->unload());
+}
+
+TEST_F(Session, LoadingASecondCameraUnloadsTheFirst) {
+    const auto list = waitForCameras(1);
+    ASSERT_EQ(list.size(), 1);
+    CameraPtr first = list[0];
+    ASSERT_TRUE(first->load());
+    // The update after the plug lists only the camera it had not seen.
+    control->plug("Canon EOS R5");
+    const auto added = waitForCameras(1);
+    ASSERT_TRUE(waitFor([&] {
+        auto c = OKVA_CanonCamera::cameras();
+        return c && c->size() == 1 && c->first()->description() == "Canon EOS R5";
+    }));
+    CameraPtr second = OKVA_CanonCamera::cameras()->first();
+    EXPECT_FALSE(first->isEqual(second));
+    ASSERT_TRUE(second->load());
+    EXPECT_FALSE(first->isLoaded());
+    EXPECT_EQ(OKVA_CanonCamera::currentCamera(), second);
+    EXPECT_EQ(count(kOKVA_CanonCameraDidUnload), 1u);
+}
+
+using Properties = CameraFixture;
+
+TEST_F(Properties, BodyChangesReachTheMainThreadWithValueAndSupportedValues) {
+    CameraPtr camera = loadFirstCamera();
+    ASSERT_TRUE(camera);
+    clearPosted();
+
+    ASSERT_EQ(control->setProperty(kEdsPropID_Av, 0x38), EDS_ERR_OK);
+    ASSERT_TRUE(waitFor([&] {
+        auto c = lastChange(named(kOKVA_CanonCameraPropertyDidChange), "Av");
+        return c && c->note.userInfo.value(kOKVA_CanonCameraPropertyValue).toUInt() == 0x38;
+    }));
+    const auto av = *lastChange(named(kOKVA_CanonCameraPropertyDidChange), "Av");
+    EXPECT_TRUE(av.onMain);
+    EXPECT_EQ(av.camera(), camera);
+    EXPECT_EQ(av.note.userInfoOrder, kPropertyKeys);
+    EXPECT_EQ(av.note.userInfo.value(kOKVA_CanonCameraProperty).toString(), "8");
+
+    // Program AE changes what Tv and Av offer: descriptions arrive and are kept.
+    ASSERT_EQ(control->setProperty(kEdsPropID_AEMode, 0), EDS_ERR_OK);
+    ASSERT_TRUE(waitFor([&] {
+        for (const auto &p : named(kOKVA_CanonCameraPropertiesDidChange))
+            if (p.note.userInfo.value(kOKVA_CanonCameraPropertyID).toUInt() == kEdsPropID_Tv)
+                return true;
+        return false;
+    }));
+    for (const auto &p : named(kOKVA_CanonCameraPropertiesDidChange)) {
+        EXPECT_TRUE(p.onMain);
+        EXPECT_EQ(p.note.userInfoOrder, (QStringList{kOKVA_CanonCameraPropertyName, kOKVA_CanonCameraProperties,
+                                                     kOKVA_CanonCameraPropertyID}));
+        const auto id = p.note.userInfo.value(kOKVA_CanonCameraPropertyID).toUInt();
+        const auto cached = camera->cachedSupportedValuesForPropertyID(id);
+        ASSERT_TRUE(cached);
+        EXPECT_EQ(QVariant(*cached), p.note.userInfo.value(kOKVA_CanonCameraProperties));
+    }
+}
+
+TEST_F(Properties, EqualDisplayTextsCollapseAndTextsAreWrittenAsTheirNumbers) {
+    CameraPtr camera = loadFirstCamera();
+    ASSERT_TRUE(camera);
+    // 0 and 0x99 both read "Auto"; the later one stays.
+    ASSERT_EQ(control->setSupportedValues(kEdsPropID_ISOSpeed, {0x48, 0, 0x50, 0x99}), EDS_ERR_OK);
+    const auto iso = camera->supportedValuesForPropertyID(kEdsPropID_ISOSpeed);
+    ASSERT_TRUE(iso);
+    EXPECT_EQ(iso->size(), 3);
+    EXPECT_EQ(iso->value("Auto").toUInt(), 0x99u);
+    EXPECT_EQ(iso->value("ISO 200").toUInt(), 0x50u);
+
+    EXPECT_TRUE(camera->setStringValue("ISO 200", kEdsPropID_ISOSpeed));
+    EXPECT_EQ(control->property(kEdsPropID_ISOSpeed).toUInt(), 0x50u);
+    EXPECT_TRUE(camera->setStringValue("1/125", kEdsPropID_Tv));
+    EXPECT_EQ(control->property(kEdsPropID_Tv).toUInt(), 0x70u);
+    // A text that no value shows is written as text, which a number property refuses.
+    EXPECT_FALSE(camera->setStringValue("1/7", kEdsPropID_Tv));
+    EXPECT_EQ(control->property(kEdsPropID_Tv).toUInt(), 0x70u);
+
+    EXPECT_TRUE(camera->setStringValue("Studio Nord", kEdsPropID_OwnerName));
+    EXPECT_EQ(control->property(kEdsPropID_OwnerName).toString(), "Studio Nord");
+    EXPECT_TRUE(camera->setStringValue(QString::fromUtf8("© Lumetra"), kEdsPropID_Copyright));
+    EXPECT_EQ(control->property(kEdsPropID_Copyright).toString(), QString::fromUtf8("© Lumetra"));
+}
+
+TEST_F(Properties, ClockRoundTripAndValuesOfTheWrongKind) {
+    CameraPtr camera = loadFirstCamera();
+    ASSERT_TRUE(camera);
+    const QDateTime when(QDate(2026, 5, 17), QTime(14, 30, 5), Qt::LocalTime);
+    ASSERT_TRUE(camera->setCameraClock(when));
+    EXPECT_EQ(camera->cameraClock().toDateTime(), when);
+
+    EXPECT_FALSE(camera->setValue(QString("5.6"), kEdsPropID_Av, 0));
+    EXPECT_FALSE(camera->setValue(when, kEdsPropID_Av, 0));
+    EXPECT_FALSE(camera->setValue(42, kEdsPropID_OwnerName, 0));
+    EXPECT_FALSE(camera->setValue(QVariant(), kEdsPropID_ISOSpeed, 0));
+}
+
+TEST_F(Properties, FailedReadsGiveNothingAndPostNothing) {
+    CameraPtr camera = loadFirstCamera();
+    ASSERT_TRUE(camera);
+    clearPosted();
+    ASSERT_TRUE(control->injectError("EdsGetPropertyData", EDS_ERR_DEVICE_BUSY, 1));
+    EXPECT_FALSE(camera->valueForPropertyID(kEdsPropID_Av, 0).isValid());
+    EXPECT_EQ(camera->valueForPropertyID(kEdsPropID_Av, 0).toUInt(), 0x30u);
+
+    // A change whose value cannot be read still tells, with the name only.
+    ASSERT_TRUE(control->injectError("EdsGetPropertySize", EDS_ERR_COMM_DISCONNECTED, 1));
+    camera->updateValueForPropertyID(kEdsPropID_Tv);
+    const auto tv = lastChange(named(kOKVA_CanonCameraPropertyDidChange), "Tv");
+    ASSERT_TRUE(tv);
+    EXPECT_EQ(tv->note.userInfoOrder, QStringList{kOKVA_CanonCameraPropertyName});
+
+    ASSERT_TRUE(control->injectError("EdsGetPropertyDesc", EDS_ERR_DEVICE_BUSY, 1));
+    const auto none = camera->supportedValuesForPropertyID(kEdsPropID_Tv);
+    EXPECT_FALSE(none.has_value());
+    camera->setSupportedValues(none, kEdsPropID_Tv);
+    EXPECT_EQ(count(kOKVA_CanonCameraPropertiesDidChange), 0u);
+}
+
+// --- legacy models ---------------------------------------------------------------------
+
+class LegacyModel : public CameraFixture {
+protected:
+    int initialCameras() const override { return 0; }
+    void beforeInitialize() override { control->plug("Canon EOS 30D"); }
+};
+
+TEST_F(LegacyModel, PropertyAccessAndCommandsGoThroughTheCameraUiLock) {
+    CameraPtr camera = loadFirstCamera();
+    ASSERT_TRUE(camera);
+    EXPECT_TRUE(camera->isLegacyModel());
+    // The body answers only while its controls are locked, so values read at
+    // load prove the lock was taken (and given back: the next read works too).
+    const auto ae = lastChange(named(kOKVA_CanonCameraPropertyDidChange), "AEMode");
+    ASSERT_TRUE(ae);
+    EXPECT_EQ(ae->note.userInfoOrder, kPropertyKeys);
+    EXPECT_EQ(camera->valueForPropertyID(kEdsPropID_ISOSpeed, 0).toUInt(), 0x48u);
+
+    ASSERT_TRUE(control->injectError("EdsSendStatusCommand", EDS_ERR_DEVICE_BUSY, 1));
+    EXPECT_FALSE(camera->valueForPropertyID(kEdsPropID_ISOSpeed, 0).isValid());
+    ASSERT_TRUE(control->injectError("EdsSendStatusCommand", EDS_ERR_DEVICE_BUSY, 1));
+    EXPECT_FALSE(camera->supportedValuesForPropertyID(kEdsPropID_ISOSpeed).has_value());
+    ASSERT_TRUE(control->injectError("EdsSendStatusCommand", EDS_ERR_DEVICE_BUSY, 1));
+    EXPECT_FALSE(camera->setValue(0x50u, kEdsPropID_ISOSpeed, 0));
+    EXPECT_EQ(control->property(kEdsPropID_ISOSpeed).toUInt(), 0x48u);
+
+    camera->takePicture();
+    camera->performNextQueuedCameraCommand();
+    EXPECT_TRUE(waitFor([&] { return count(kOKVA_CanonCameraPhotoDataAvailable) == 1; }));
+
+    // Live view is not offered on these bodies.
+    camera->liveViewBegin();
+    EXPECT_EQ(control->property(kEdsPropID_Evf_OutputDevice).toUInt(), 0u);
+}
+
+TEST_F(Session, ModernBodiesNeverAskForTheUiLock) {
+    CameraPtr camera = loadFirstCamera();
+    ASSERT_TRUE(camera);
+    ASSERT_FALSE(camera->isLegacyModel());
+    // A failing status command would break every read if it were sent.
+    ASSERT_TRUE(control->injectError("EdsSendStatusCommand", EDS_ERR_DEVICE_BUSY, 100));
+    EXPECT_TRUE(camera->waitForCameraLock(3.0));
+    EXPECT_EQ(camera->valueForPropertyID(kEdsPropID_ISOSpeed, 0).toUInt(), 0x48u);
+    EXPECT_TRUE(camera->setValue(0x50u, kEdsPropID_ISOSpeed, 0));
+}
+
+// --- commands ---------------------------------------------------------------------------------
+
+using Commands = CameraFixture;
+
+TEST_F(Commands, EachPerformSendsOneQueuedCommand) {
+    CameraPtr camera = loadFirstCamera();
+    ASSERT_TRUE(camera);
+    camera->takePicture();
+    camera->takePicture();
+    auto queued = camera->queuedCommands();
+    ASSERT_TRUE(queued);
+    ASSERT_EQ(queued->size(), 2);
+    EXPECT_EQ(queued->at(0).value(kCommandDescription).toString(), "Take a picture");
+    EXPECT_EQ(queued->at(0).value(kCommandNumber).toUInt(), 0u);
+
+    camera->performNextQueuedCameraCommand();
+    ASSERT_TRUE(waitFor([&] { return count(kOKVA_CanonCameraPhotoDataAvailable) == 1; }));
+    EXPECT_EQ(camera->queuedCommands()->size(), 1);
+    settle();
+    EXPECT_EQ(control->shotCount(), 1u);
+
+    camera->pressShutterHalf();
+    camera->releaseShutter();
+    queued = camera->queuedCommands();
+    ASSERT_EQ(queued->size(), 3);
+    EXPECT_EQ(queued->at(1).value(kCommandDescription).toString(), "Press Shutter Button halfway");
+    EXPECT_EQ(queued->at(1).value(kCommandParam).toULongLong(), 1u);
+    EXPECT_EQ(queued->at(2).value(kCommandDescription).toString(), "Release Shutter Button");
+}
+
+TEST_F(Commands, AFailedQueuedCommandPostsItsErrorTheDirectPathOnlyLogs) {
+    CameraPtr camera = loadFirstCamera();
+    ASSERT_TRUE(camera);
+    ASSERT_TRUE(control->injectError("TakePicture", EDS_ERR_TAKE_PICTURE_AF_NG, 1));
+    camera->takePicture();
+    camera->performNextQueuedCameraCommand();
+    ASSERT_TRUE(waitFor([&] { return count(kOKVA_CanonCameraCommandError) == 1; }));
+    const Posted failed = named(kOKVA_CanonCameraCommandError)[0];
+    EXPECT_TRUE(failed.onMain);
+    EXPECT_EQ(failed.camera(), camera);
+    EXPECT_EQ(failed.note.userInfoOrder,
+              (QStringList{kOKVA_CanonCameraCommandDictionary, kOKVA_CanonCameraCommandErrorKey}));
+    const QVariantMap command = failed.note.userInfo.value(kOKVA_CanonCameraCommandDictionary).toMap();
+    EXPECT_EQ(command.value(kCommandDescription).toString(), "Take a picture");
+    const auto error = failed.note.userInfo.value(kOKVA_CanonCameraCommandErrorKey).value<DomainError>();
+    EXPECT_EQ(error, (DomainError{"EdsError", EDS_ERR_TAKE_PICTURE_AF_NG, "take picture af ng"}));
+    EXPECT_EQ(control->shotCount(), 0u);
+
+    ASSERT_TRUE(control->injectError("TakePicture", EDS_ERR_DEVICE_BUSY, 1));
+    EXPECT_EQ(camera->performCameraCommand(kEdsCameraCommand_TakePicture, 0), EDS_ERR_DEVICE_BUSY);
+    EXPECT_EQ(camera->performCameraCommand(kEdsCameraCommand_TakePicture, 0), EDS_ERR_OK);
+    ASSERT_TRUE(waitFor([&] { return count(kOKVA_CanonCameraPhotoDataAvailable) == 1; }));
+    settle();
+    EXPECT_EQ(count(kOKVA_CanonCameraCommandError), 1u);
+}
+
+TEST_F(Commands, LensDriveAndZoomTakeOnlyTheirValues) {
+    CameraPtr camera = loadFirstCamera();
+    ASSERT_TRUE(camera);
+    // Every lens drive that reaches the body fails, so each one sent is seen.
+    ASSERT_TRUE(control->injectError("DriveLensEvf", 0xA005, 100));
+    for (EdsUInt32 bad : {0u, 4u, 0x8000u, 0x8004u})
+        camera->liveViewDriveAF(bad);
+    EXPECT_TRUE(camera->queuedCommands()->isEmpty());
+    camera->liveViewDriveAF(0x8003);
+    ASSERT_TRUE(waitFor([&] { return count(kOKVA_CanonCameraCommandError) == 1; }));
+    settle();
+    ASSERT_EQ(count(kOKVA_CanonCameraCommandError), 1u);
+    const QVariantMap sent =
+        named(kOKVA_CanonCameraCommandError)[0].note.userInfo.value(kOKVA_CanonCameraCommandDictionary).toMap();
+    EXPECT_EQ(sent.value(kCommandNumber).toUInt(), kEdsCameraCommand_DriveLensEvf);
+    EXPECT_EQ(sent.value(kCommandParam).toUInt(), 0x8003u);
+
+    camera->liveViewSetZoom(2);
+    EXPECT_EQ(control->property(kEdsPropID_Evf_Zoom).toUInt(), 1u);
+    camera->liveViewSetZoom(10);
+    EXPECT_EQ(control->property(kEdsPropID_Evf_Zoom).toUInt(), 10u);
+}
+
+// --- download ----------------------------------------------------------------------------------
+
+using Download = CameraFixture;
+
+TEST_F(Download, AShotArrivesOnTheEventThreadAfterProgressOnTheMainThread) {
+    CameraPtr camera = loadFirstCamera();
+    ASSERT_TRUE(camera);
+    TestDelegate delegate;
+    camera->setDelegate(&delegate);
+    ASSERT_TRUE(control->pressShutter());
+    ASSERT_TRUE(waitFor([&] { return count(kOKVA_CanonCameraPhotoDataAvailable) == 1; }));
+    const Posted shot = named(kOKVA_CanonCameraPhotoDataAvailable)[0];
+    EXPECT_FALSE(shot.onMain);
+    EXPECT_EQ(shot.camera(), camera);
+    EXPECT_EQ(shot.note.userInfoOrder, (QStringList{kOKVA_CanonCameraPhotoData, kOKVA_CanonCameraPhotoFilename}));
+    EXPECT_EQ(shot.note.userInfo.value(kOKVA_CanonCameraPhotoFilename).toString(), "IMG_0001.JPG");
+    const QByteArray data = shot.note.userInfo.value(kOKVA_CanonCameraPhotoData).toByteArray();
+    ASSERT_GT(data.size(), 4);
+    EXPECT_TRUE(data.startsWith("\xFF\xD8"));
+    EXPECT_TRUE(data.endsWith("\xFF\xD9"));
+    EXPECT_FALSE(QImage::fromData(data).isNull());
+
+    const auto progress = named(kOKVA_CanonCameraDownloadProgress);
+    ASSERT_FALSE(progress.empty());
+    unsigned previous = 0;
+    for (const auto &p : progress) {
+        EXPECT_TRUE(p.onMain);
+        const unsigned percent = p.note.userInfo.value(kOKVA_CanonCameraDownloadProgressPercent).toUInt();
+        EXPECT_GE(percent, previous);
+        previous = percent;
+    }
+    EXPECT_EQ(previous, 100u);
+    EXPECT_EQ(delegate.asked.load(), int(progress.size()));
+    camera->setDelegate(nullptr);
+}
+
+TEST_F(Download, ACancelledOrFailedTransferPostsNothingAndTheNextShotArrives) {
+    CameraPtr camera = loadFirstCamera();
+    ASSERT_TRUE(camera);
+    TestDelegate delegate;
+    delegate.cancel = true;
+    camera->setDelegate(&delegate);
+    ASSERT_TRUE(control->pressShutter());
+    ASSERT_TRUE(waitFor([&] { return delegate.asked.load() >= 1; }));
+    camera->setDelegate(nullptr);
+
+    ASSERT_TRUE(control->injectError("EdsDownload", EDS_ERR_COMM_DISCONNECTED, 1));
+    ASSERT_TRUE(control->pressShutter());
+    ASSERT_TRUE(control->pressShutter());
+    ASSERT_TRUE(waitFor([&] { return count(kOKVA_CanonCameraPhotoDataAvailable) == 1; }));
+    settle();
+    ASSERT_EQ(count(kOKVA_CanonCameraPhotoDataAvailable), 1u);
+    EXPECT_EQ(named(kOKVA_CanonCameraPhotoDataAvailable)[0].note.userInfo.value(kOKVA_CanonCameraPhotoFilename),
+              "IMG_0003.JPG");
+    EXPECT_EQ(delegate.asked.load(), 1); // the cancelled transfer asked once
+}
+
+// --- disappearance -----------------------------------------------------------------------------
+
+using Disappearance = CameraFixture;
+
+TEST_F(Disappearance, UnplugTellsTheMainThreadAndAPlugLoadsAgain) {
+    CameraPtr camera = loadFirstCamera();
+    ASSERT_TRUE(camera);
+    clearPosted();
+
+    // What the station does: let the vanished camera go, load a new one when listed.
+    auto &center = NotificationCenter::defaultCenter();
+    auto onUnload = center.addObserver(kOKVA_CanonCameraDidUnload, {}, [](const Notification &n) {
+        CameraPtr gone = OKVA_CanonCamera::fromVariant(n.object);
+        if (gone && gone == OKVA_CanonCamera::currentCamera())
+            gone->unload();
+    });
+    auto onList = center.addObserver(kOKVA_CanonCameraListDidUpdate, {}, [](const Notification &) {
+        auto list = OKVA_CanonCamera::cameras();
+        if (list && !list->isEmpty() && !OKVA_CanonCamera::currentCamera())
+            list->first()->load();
+    });
+
+    ASSERT_TRUE(control->unplug());
+    ASSERT_TRUE(waitFor([&] { return count(kOKVA_CanonCameraDidUnload) >= 1; }));
+    const Posted gone = named(kOKVA_CanonCameraDidUnload)[0];
+    EXPECT_TRUE(gone.onMain);
+    EXPECT_EQ(gone.camera(), camera);
+    EXPECT_FALSE(camera->isLoaded());
+    ASSERT_TRUE(waitFor([&] { return count(kOKVA_CanonCameraListDidUpdate) >= 1; }));
+    EXPECT_EQ(named(kOKVA_CanonCameraListDidUpdate)[0].note.object, OKVA_CanonCamera::classObject());
+    EXPECT_EQ(OKVA_CanonCamera::currentCamera(), nullptr);
+
+    ASSERT_EQ(control->plug(""), 1);
+    ASSERT_TRUE(waitFor([&] { return count(kOKVA_CanonCameraAdded) == 1; }));
+    const Posted added = named(kOKVA_CanonCameraAdded)[0];
+    EXPECT_TRUE(added.onMain);
+    EXPECT_FALSE(added.note.object.isValid());
+    ASSERT_TRUE(waitFor([&] { return OKVA_CanonCamera::currentCamera() != nullptr; }));
+    CameraPtr again = OKVA_CanonCamera::currentCamera();
+    EXPECT_TRUE(again->isLoaded());
+    EXPECT_NE(again, camera);
+
+    ASSERT_TRUE(control->pressShutter());
+    ASSERT_TRUE(waitFor([&] { return count(kOKVA_CanonCameraPhotoDataAvailable) == 1; }));
+    EXPECT_EQ(named(kOKVA_CanonCameraPhotoDataAvailable)[0].camera(), again);
+    center.removeObserver(onUnload);
+    center.removeObserver(onList);
+}
+
+// --- live view ------------------------------------------------------------------------------------
+
+using LiveView = CameraFixture;
+
+TEST_F(LiveView, BeginStreamsDecodedFramesAndEndStopsTheLoop) {
+    control->setLiveViewRate(60);
+    CameraPtr camera = loadFirstCamera();
+    ASSERT_TRUE(camera);
+    clearPosted();
+    camera->liveViewBegin();
+    EXPECT_EQ(control->property(kEdsPropID_Evf_Mode).toUInt(), kEdsEvfMode_Enabled);
+    ASSERT_TRUE(waitFor([&] { return count(kOKVA_CanonCameraLiveViewImageUpdate) >= 3; }));
+    EXPECT_TRUE(camera->isLiveViewRunning());
+    for (const auto &p : named(kOKVA_CanonCameraLiveViewImageUpdate)) {
+        EXPECT_TRUE(p.onMain);
+        const QImage frame = p.note.userInfo.value(kOKVA_CanonCameraLiveViewImage).value<QImage>();
+        EXPECT_EQ(frame.size(), QSize(1024, 680));
+    }
+    // A second loop while one runs returns at once.
+    camera->downloadLiveViewImage();
+
+    camera->liveViewEnd();
+    ASSERT_TRUE(waitFor([&] { return !camera->isLiveViewRunning(); }));
+    ASSERT_TRUE(waitFor([&] {
+        if (!camera->liveViewLock().tryLock())
+            return false;
+        camera->liveViewLock().unlock();
+        return true;
+    }));
+    EXPECT_EQ(control->property(kEdsPropID_Evf_OutputDevice).toUInt() & kEdsEvfOutputDevice_PC, 0u);
+    // The output device is live view's business, not a setting change.
+    EXPECT_FALSE(lastChange(named(kOKVA_CanonCameraPropertyDidChange), "Evf_OutputDevice").has_value());
+}

@@ -1,0 +1,1 @@
+brix_test_folder(ui LIBS brix_ui)

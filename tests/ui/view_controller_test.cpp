@@ -1,0 +1,134 @@
+#include "OKVA_CanonCamera.h"
+#include "Preferences.h"
+#include "TestSupport.h"
+#include "ViewController.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+
+#include <gtest/gtest.h>
+
+using namespace brix;
+
+namespace {
+
+Notification shot(const QByteArray &bytes, const QString &cameraName) {
+    return Notification{kOKVA_CanonCameraPhotoDataAvailable,
+                        {},
+                        {{kOKVA_CanonCameraPhotoData, bytes}, {kOKVA_CanonCameraPhotoFilename, cameraName}},
+                        {}};
+}
+
+QByteArray jpegLike() { return QByteArray("\xFF\xD8 pretend image \xFF\xD9", 19); }
+
+class ViewControllerTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        Preferences::standard().removeObjectForKey(ViewController::kPrefSaveFolderPath);
+        QObject::connect(&vc, &ViewController::photoSaved, &vc, [this](const QString &p) { saved << p; },
+                         Qt::DirectConnection);
+    }
+    void finish() {
+        test::drain(ViewController::metadataQueue());
+        test::processEventsUntil([] { return false; }, std::chrono::milliseconds(50));
+    }
+    ViewController vc;
+    QStringList saved;
+};
+
+} // namespace
+
+TEST_F(ViewControllerTest, FirstStartCreatesTheDefaultFolderUnderHomeAndStoresItExpanded) {
+    EXPECT_TRUE(vc.createSavePhotosFolder());
+    finish();
+    const QString expected = test::testHome() + "/Users/Shared/CanonFolder";
+    EXPECT_TRUE(QFileInfo(expected).isDir());
+    EXPECT_EQ(vc.getPathToSavePhotos(), expected);
+}
+
+TEST_F(ViewControllerTest, StoredFolderIsTrimmedExpandedCreatedAndStoredBack) {
+    Preferences::standard().setObject(QString("  ~/Event//Shots/./day1/..\n"), ViewController::kPrefSaveFolderPath);
+    vc.createSavePhotosFolder();
+    finish();
+    EXPECT_EQ(vc.getPathToSavePhotos(), test::testHome() + "/Event/Shots");
+    EXPECT_TRUE(QFileInfo(test::testHome() + "/Event/Shots").isDir());
+}
+
+TEST_F(ViewControllerTest, ShotIsNamedByWeekYearTimestampWithLowerCaseExtension) {
+    vc.createSavePhotosFolder();
+    finish();
+    // 31 December 2024 falls in week 1 of 2025.
+    vc.setClock([] { return QDateTime(QDate(2024, 12, 31), QTime(23, 59, 59, 123)); });
+    vc.newPhoto(shot(jpegLike(), "IMG_0001.JPG"));
+    finish();
+    ASSERT_EQ(saved.size(), 1);
+    EXPECT_EQ(QFileInfo(saved[0]).fileName(), "20251231235959123.jpg");
+    QFile f(saved[0]);
+    ASSERT_TRUE(f.open(QIODevice::ReadOnly));
+    EXPECT_EQ(f.readAll(), jpegLike());
+    EXPECT_EQ(vc.fDownloadCount(), 1);
+    EXPECT_EQ(vc.fSavedCount(), 1);
+}
+
+TEST_F(ViewControllerTest, RawShotIsNotValidJpegButIsStillSavedAndAnnounced) {
+    vc.createSavePhotosFolder();
+    finish();
+    vc.setClock([] { return QDateTime(QDate(2025, 6, 1), QTime(10, 0, 0, 1)); });
+    vc.newPhoto(shot(QByteArray("RAW-ish bytes"), "IMG_0002.CR2"));
+    finish();
+    ASSERT_EQ(saved.size(), 1);
+    EXPECT_TRUE(saved[0].endsWith(".cr2"));
+    EXPECT_FALSE(ViewController::isValidJPEGFile(saved[0]));
+    EXPECT_FALSE(ViewController::isValidJPEGFile(QString())); // a missing file is not valid
+}
+
+TEST_F(ViewControllerTest, TwoShotsInOneMillisecondLeaveOneFileTheLaterWins) {
+    vc.createSavePhotosFolder();
+    finish();
+    vc.setClock([] { return QDateTime(QDate(2025, 6, 1), QTime(10, 0, 0, 5)); });
+    vc.newPhoto(shot(QByteArray("first\xFF\xD9"), "IMG_0003.JPG"));
+    vc.newPhoto(shot(QByteArray("second\xFF\xD9"), "IMG_0004.JPG"));
+    finish();
+    const QStringList files = QDir(vc.getPathToSavePhotos()).entryList(QDir::Files);
+    ASSERT_EQ(files.size(), 1);
+    QFile f(vc.getPathToSavePhotos() + "/" + files[0]);
+    ASSERT_TRUE(f.open(QIODevice::ReadOnly));
+    EXPECT_EQ(f.readAll(), QByteArray("second\xFF\xD9"));
+    EXPECT_EQ(vc.fSavedCount(), 2);
+}
+
+TEST_F(ViewControllerTest, FailedWriteAnnouncesNothingButBothCountersGrew) {
+    Preferences::standard().setObject(test::testHome() + "/no/such/folder", ViewController::kPrefSaveFolderPath);
+    vc.newPhoto(shot(jpegLike(), "IMG_0005.JPG"));
+    finish();
+    EXPECT_TRUE(saved.isEmpty());
+    EXPECT_EQ(vc.fDownloadCount(), 1);
+    EXPECT_EQ(vc.fSavedCount(), 1);
+}
+
+TEST_F(ViewControllerTest, ProgressShowsThenClears) {
+    vc.downloadProgress(Notification{kOKVA_CanonCameraDownloadProgress, {}, {{kOKVA_CanonCameraDownloadProgressPercent, 42u}}, {}});
+    ASSERT_TRUE(test::processEventsUntil([&] { return vc.progressVisible(); }));
+    EXPECT_EQ(vc.progressValue(), 42.0);
+    vc.clearProgressIndicator();
+    ASSERT_TRUE(test::processEventsUntil([&] { return !vc.progressVisible(); }));
+    EXPECT_EQ(vc.progressValue(), 0.0);
+}
+
+TEST_F(ViewControllerTest, StatusTextFollowsStatusMessagesAndIgnoresFileAnnouncements) {
+    const QString key = ViewController::kPrefNameOfCameraFound;
+    vc.cameraStatusChanged({"brixXNotification", "", {{"camerName", "Canon EOS R5"}, {"cameraStatus", 1u}}});
+    ASSERT_TRUE(test::processEventsUntil([&] { return vc.fCameraOnline(); }));
+    EXPECT_EQ(Preferences::standard().stringForKey(key), "Canon EOS R5");
+    vc.cameraStatusChanged({"brixXNotification", "test", {{"filePath", "/x.jpg"}}});
+    test::processEventsUntil([] { return false; }, std::chrono::milliseconds(50));
+    EXPECT_TRUE(vc.fCameraOnline());
+    vc.cameraStatusChanged({"brixXNotification", "", {{"camerName", "Canon EOS R5"}, {"cameraStatus", 0u}}});
+    ASSERT_TRUE(test::processEventsUntil([&] { return !vc.fCameraOnline(); }));
+    EXPECT_EQ(Preferences::standard().stringForKey(key), "Canon EOS R5 - DISCONNECTED");
+    vc.cameraStatusChanged({"brixXNotification", "", {{"cameraStatus", false}}});
+    ASSERT_TRUE(test::processEventsUntil([&] { return Preferences::standard().stringForKey(key) == "< NO Camera Found >"; }));
+    vc.cameraDisappeared(Notification{kOKVA_CanonCameraDidUnload, {}, {}, {}});
+    ASSERT_TRUE(test::processEventsUntil([&] { return Preferences::standard().stringForKey(key) == "< NO Canon Camera Found >"; }));
+}

@@ -1,0 +1,278 @@
+#include "ViewController.h"
+
+#include "BundleInfo.h"
+#include "DateFormat.h"
+#include "Logger.h"
+#include "OKVA_CanonCamera.h"
+#include "Paths.h"
+#include "Preferences.h"
+#include "Scheduling.h"
+
+#include <QBuffer>
+#include <QDateTime>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QImageReader>
+#include <QSaveFile>
+
+#include <mutex>
+
+namespace brix {
+
+namespace {
+
+constexpr const char *kShotNamePattern = "YYYYMMddHHmmssSSS";
+constexpr const char *kFallbackQueueLabel = "com.lumetra.brixcanoncapture";
+// The window's image view is small: decoding at most this size keeps a shot of
+// 30 megapixels from holding the queue for a full decode.
+constexpr int kDisplayMaxEdge = 1600;
+
+QString describeObject(const void *object, const char *className) {
+    return QStringLiteral("<%1: 0x%2>").arg(QLatin1String(className)).arg(quintptr(object), 0, 16);
+}
+
+} // namespace
+
+ViewController::ViewController(QObject *parent) : QObject(parent) {}
+
+ViewController::~ViewController() {
+    for (auto token : localTokens_)
+        NotificationCenter::defaultCenter().removeObserver(token);
+    for (auto token : distributedTokens_)
+        DistributedNotificationCenter::defaultCenter().removeObserver(token);
+}
+
+QString ViewController::objectDescription() const { return describeObject(this, "ViewController"); }
+
+dispatch::QueuePtr ViewController::metadataQueue() {
+    static dispatch::QueuePtr *queue = [] {
+        QString label = QString::fromLatin1(bundle::kIdentifier);
+        if (label.isEmpty())
+            label = QString::fromLatin1(kFallbackQueueLabel);
+        label += QStringLiteral(".queue1");
+        Logger::setError(QStringLiteral("identifier = %1").arg(label));
+        return new dispatch::QueuePtr(Scheduling::dispatchQueueSerialWithDebugLabel(label));
+    }();
+    return *queue;
+}
+
+void ViewController::setupNotifications() {
+    Logger::setError(QStringLiteral("%1-%2.....").arg(objectDescription(), QLatin1String("setupNotifications")));
+    auto &local = NotificationCenter::defaultCenter();
+    localTokens_.push_back(
+        local.addObserver(kOKVA_CanonCameraPhotoDataAvailable, {}, [this](const Notification &n) { newPhoto(n); }));
+    localTokens_.push_back(local.addObserver(kOKVA_CanonCameraDownloadProgress, {},
+                                             [this](const Notification &n) { downloadProgress(n); }));
+    distributedTokens_.push_back(DistributedNotificationCenter::defaultCenter().addObserver(
+        QStringLiteral("brixXNotification"),
+        [this](const DistributedNotificationCenter::Message &m) { cameraStatusChanged(m); }));
+    localTokens_.push_back(
+        local.addObserver(kOKVA_CanonCameraDidUnload, {}, [this](const Notification &n) { cameraDisappeared(n); }));
+    localTokens_.push_back(local.addObserver(QString::fromLatin1(kOpenPrefsNotification), {},
+                                             [this](const Notification &) {
+                                                 Scheduling::performAsyncOnMainQueue([this] { emit showFullSizeRequested(); });
+                                             }));
+}
+
+// --- shots -------------------------------------------------------------------
+
+void ViewController::newPhoto(const Notification &notification) {
+    {
+        std::unique_lock lk(flowMutex_);
+        flowCv_.wait(lk, [&] { return shotsInFlight_ < kMaxShotsInFlight; });
+        ++shotsInFlight_;
+    }
+    ++pendingShots_;
+    metadataQueue()->async([this, info = notification.userInfo] {
+        incrementDownloadCount();
+        const QString cameraName = info.value(kOKVA_CanonCameraPhotoFilename).toString();
+        Logger::setError(QStringLiteral("recieved new photo %1").arg(cameraName));
+        const QByteArray bytes = info.value(kOKVA_CanonCameraPhotoData).toByteArray();
+        imageDict_ = info;
+
+        QBuffer buffer;
+        buffer.setData(bytes);
+        buffer.open(QIODevice::ReadOnly);
+        QImageReader reader(&buffer);
+        const QSize size = reader.size(); // from the header; no decode
+        Logger::setError(QStringLiteral("updating image well with (%1, %2) image")
+                             .arg(double(qMax(0, size.width())), 0, 'f', 0)
+                             .arg(double(qMax(0, size.height())), 0, 'f', 0));
+        QImage image;
+        if (displaysImages_ && size.isValid()) {
+            if (size.width() > kDisplayMaxEdge || size.height() > kDisplayMaxEdge)
+                reader.setScaledSize(size.scaled(kDisplayMaxEdge, kDisplayMaxEdge, Qt::KeepAspectRatio));
+            image = reader.read();
+        }
+        updateDisplayImage(image.isNull() ? QVariant() : QVariant(image));
+        incrementSavedCount();
+        saveImage(QVariant());
+        clearProgressIndicator();
+        --pendingShots_;
+        {
+            std::lock_guard lk(flowMutex_);
+            --shotsInFlight_;
+        }
+        flowCv_.notify_all();
+    });
+}
+
+void ViewController::updateDisplayImage(const QVariant &image) {
+    if (image.metaType().id() != QMetaType::QImage)
+        return;
+    Scheduling::performAsyncOnMainQueue([this, img = image.value<QImage>()] {
+        displayImage_ = img;
+        emit displayImageChanged();
+    });
+}
+
+void ViewController::incrementDownloadCount() {
+    Scheduling::performAsyncOnMainQueue([this] {
+        ++downloadCount_;
+        emit fDownloadCountChanged();
+    });
+}
+
+void ViewController::incrementSavedCount() {
+    Scheduling::performAsyncOnMainQueue([this] {
+        ++savedCount_;
+        emit fSavedCountChanged();
+    });
+}
+
+void ViewController::saveImage(const QVariant &) { processPhotoData(imageDict_); }
+
+void ViewController::processPhotoData(const QVariantMap &info) {
+    const QByteArray bytes = info.value(kOKVA_CanonCameraPhotoData).toByteArray();
+    const QString cameraName = info.value(kOKVA_CanonCameraPhotoFilename).toString();
+    const QString stamp = DateFormat::format(now_(), QString::fromLatin1(kShotNamePattern));
+    const QString folder = getPathToSavePhotos();
+    const QString path = folder + '/' + stamp + '.' + QFileInfo(cameraName).suffix().toLower();
+    Logger::setError(QStringLiteral("saving camera image  \"%1\" to \"%2\"").arg(cameraName, path));
+
+    // Written beside the target and renamed into place, so a sibling never sees
+    // half a file. No fsync per shot: it would halve the burst rate, and the
+    // rename still never exposes a torn file.
+    QSaveFile file(path);
+    file.setDirectWriteFallback(false);
+    bool ok = file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size();
+    ok = ok ? file.commit() : (file.cancelWriting(), false);
+    if (!ok) {
+        Logger::setError(QStringLiteral("failed to save image to path %1 with error = %2").arg(path, file.errorString()));
+        return;
+    }
+    Logger::setError(QStringLiteral("SAVED FILE %1 Valid").arg(isValidJPEGFile(path) ? QStringLiteral("IS") : QStringLiteral("Is NOT")));
+    emit photoSaved(path);
+}
+
+void ViewController::downloadProgress(const Notification &notification) {
+    const double percent = notification.userInfo.value(kOKVA_CanonCameraDownloadProgressPercent).toDouble();
+    Scheduling::performAsyncOnMainQueue([this, percent] {
+        Logger::setError(QStringLiteral("percent = %1").arg(percent, 4, 'f', 2));
+        progressAnimating_ = true;
+        progressValue_ = percent;
+        progressVisible_ = true;
+        emit progressChanged();
+    });
+}
+
+void ViewController::clearProgressIndicator() {
+    // The pause lets the bar show 100 before it goes.
+    Scheduling::afterDelay(0.010, dispatch::mainQueue(), [this] {
+        Logger::setError(QStringLiteral("%1-%2...").arg(objectDescription(), QLatin1String("clearProgressIndicator")));
+        progressValue_ = 0.0;
+        progressAnimating_ = false;
+        progressVisible_ = false;
+        emit progressChanged();
+    });
+}
+
+bool ViewController::isValidJPEGFile(const QString &path) {
+    QFile f(path);
+    if (!f.open(QIODevice::ReadOnly) || f.size() < 2 || !f.seek(f.size() - 2))
+        return false;
+    const QByteArray tail = f.read(2);
+    return tail.size() == 2 && uchar(tail[0]) == 0xFF && uchar(tail[1]) == 0xD9;
+}
+
+// --- save folder -------------------------------------------------------------
+
+QString ViewController::standardizePath(const QString &path) {
+    QString p = path;
+    if (p == QLatin1String("~") || p.startsWith(QLatin1String("~/")))
+        p = Paths::home() + p.mid(1);
+    return QDir::cleanPath(p);
+}
+
+QString ViewController::getPathToSavePhotos() const {
+    const QVariant stored = Preferences::standard().objectForKey(QString::fromLatin1(kPrefSaveFolderPath));
+    return stored.metaType().id() == QMetaType::QString ? stored.toString() : QString();
+}
+
+bool ViewController::createSavePhotosFolder() {
+    QString stored = Preferences::standard().stringForKey(QString::fromLatin1(kPrefSaveFolderPath));
+    if (stored.isNull())
+        stored = QString::fromLatin1(kDefaultSaveFolder);
+    const QString standardized = standardizePath(stored.trimmed());
+    if (!QFileInfo::exists(standardized))
+        QDir().mkpath(standardized);
+    if (standardized.compare(stored, Qt::CaseInsensitive) != 0) {
+        Scheduling::performAsyncOnMainQueue([standardized] {
+            Preferences::standard().setObject(standardized, QString::fromLatin1(kPrefSaveFolderPath));
+        });
+    }
+    return true;
+}
+
+// --- camera status -----------------------------------------------------------
+
+void ViewController::setCameraOnline(bool online) {
+    if (cameraOnline_ == online)
+        return;
+    cameraOnline_ = online;
+    emit fCameraOnlineChanged();
+}
+
+void ViewController::setStatusText(const QString &text) {
+    Preferences::standard().setObject(text, QString::fromLatin1(kPrefNameOfCameraFound));
+}
+
+void ViewController::cameraStatusChanged(const DistributedNotificationCenter::Message &message) {
+    // The same channel also carries new-file announcements, which say nothing
+    // about the camera; only messages with a status change the status line.
+    if (!message.userInfo.contains(QStringLiteral("cameraStatus")))
+        return;
+    Scheduling::performAsyncOnMainQueue([this, message] {
+        Logger::setError(QStringLiteral("%1-%2.....").arg(objectDescription(), QLatin1String("cameraStatusChanged")));
+        Logger::setError(QStringLiteral("OKVA_CanonCameraAdded!"));
+        const QString name = message.userInfo.value(QStringLiteral("camerName")).toString();
+        const bool connected = message.userInfo.value(QStringLiteral("cameraStatus")).toBool();
+        QString text;
+        if (connected) {
+            text = name;
+            setCameraOnline(true);
+        } else {
+            text = name.isEmpty() ? QString::fromLatin1(kNoCameraFound) : QStringLiteral("%1 - DISCONNECTED").arg(name);
+            setCameraOnline(false);
+        }
+        setStatusText(text);
+    });
+}
+
+void ViewController::cameraDisappeared(const Notification &notification) {
+    const bool withCamera = notification.object.isValid() && !notification.object.isNull();
+    Scheduling::performAsyncOnMainQueue([this, withCamera, name = notification.name] {
+        Logger::setError(QStringLiteral("%1-%2.....").arg(objectDescription(), QLatin1String("cameraDisappeared")));
+        setCameraOnline(false);
+        Logger::setError(QStringLiteral("OKVA_CanonCameraDisappeared: %1").arg(name));
+        if (withCamera) {
+            setStatusText(QString::fromLatin1(kCameraDisconnected));
+        } else {
+            Logger::setError(QStringLiteral("NO camera found at starutp...: %1").arg(name));
+            setStatusText(QString::fromLatin1(kNoCanonCameraFound));
+        }
+    });
+}
+
+} // namespace brix

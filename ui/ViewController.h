@@ -1,0 +1,142 @@
+// ViewController: the controller of the main window's view. It takes every shot
+// the camera downloads, counts it, saves it into the save folder under a
+// 17-digit time-stamp name, checks it and has it announced; it drives the
+// download progress bar, owns the save folder, and keeps the camera status
+// text and the camera-online flag. It holds no widgets: the window binds to its
+// properties and signals, and the headless station runs it without a window.
+//
+// Threads: properties are changed on the main thread only (their signals are
+// emitted there). Shot jobs run one at a time, in arrival order, on the serial
+// metadata queue; photoSaved is emitted on that queue. Notification handlers may
+// be called on any thread; they only enqueue.
+// Ownership: the controller owns its observers and removes them when destroyed.
+#pragma once
+
+#include "DistributedNotificationCenter.h"
+#include "Dispatch.h"
+#include "NotificationCenter.h"
+
+#include <QDateTime>
+#include <QImage>
+#include <QObject>
+#include <QString>
+#include <QVariantMap>
+
+#include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <functional>
+#include <vector>
+
+namespace brix {
+
+class ViewController : public QObject {
+    Q_OBJECT
+    Q_PROPERTY(qint64 fDownloadCount READ fDownloadCount NOTIFY fDownloadCountChanged)
+    Q_PROPERTY(qint64 fSavedCount READ fSavedCount NOTIFY fSavedCountChanged)
+    Q_PROPERTY(bool fCameraOnline READ fCameraOnline NOTIFY fCameraOnlineChanged)
+    Q_PROPERTY(double progressValue READ progressValue NOTIFY progressChanged)
+    Q_PROPERTY(bool progressVisible READ progressVisible NOTIFY progressChanged)
+    Q_PROPERTY(QImage displayImage READ displayImage NOTIFY displayImageChanged)
+
+public:
+    static constexpr const char *kDefaultSaveFolder = "~/Users/Shared/CanonFolder";
+    static constexpr const char *kPrefSaveFolderPath = "prefSaveFolderPath";
+    static constexpr const char *kPrefNameOfCameraFound = "prefNameOfCameraFound";
+    static constexpr const char *kNoCameraConnectedAtStartup = "< No Camera Connected At Startup >";
+    static constexpr const char *kNoCameraFound = "< NO Camera Found >";
+    static constexpr const char *kCameraDisconnected = "< Camera Disconnected >";
+    static constexpr const char *kNoCanonCameraFound = "< NO Canon Camera Found >";
+    static constexpr const char *kOpenPrefsNotification = "openPrefsNotification";
+    // One shot being written and one waiting for it.
+    static constexpr int kMaxShotsInFlight = 2;
+
+    explicit ViewController(QObject *parent = nullptr);
+    ~ViewController() override;
+
+    // The serial queue on which shots are handled.
+    static dispatch::QueuePtr metadataQueue();
+
+    qint64 fDownloadCount() const { return downloadCount_; }
+    qint64 fSavedCount() const { return savedCount_; }
+    bool fCameraOnline() const { return cameraOnline_; }
+    double progressValue() const { return progressValue_; }
+    bool progressVisible() const { return progressVisible_; }
+    bool progressAnimating() const { return progressAnimating_; }
+    QImage displayImage() const { return displayImage_; }
+
+    // Decoding shots for display costs time a headless station does not need to
+    // spend; the window turns it on.
+    void setDisplaysImages(bool on) { displaysImages_ = on; }
+
+    // Observes the camera's and the siblings' notifications.
+    void setupNotifications();
+
+    // --- shots ---
+    void newPhoto(const Notification &notification);
+    void downloadProgress(const Notification &notification);
+    void updateDisplayImage(const QVariant &image);
+    void incrementDownloadCount();
+    void incrementSavedCount();
+    void saveImage(const QVariant &ignored);
+    void processPhotoData(const QVariantMap &info);
+    void clearProgressIndicator();
+
+    // --- save folder ---
+    // The stored preference, or a null QString.
+    QString getPathToSavePhotos() const;
+    bool createSavePhotosFolder();
+
+    // --- camera status ---
+    void cameraStatusChanged(const DistributedNotificationCenter::Message &message);
+    void cameraDisappeared(const Notification &notification);
+
+    // Last two bytes FF D9. A file shorter than two bytes is not valid.
+    static bool isValidJPEGFile(const QString &path);
+    // "~" expansion, then "." / ".." / duplicate separators removed.
+    static QString standardizePath(const QString &path);
+
+    // Shots handed to the save step that have not finished it (for shutdown).
+    int pendingShots() const { return pendingShots_.load(); }
+
+    // The time that names shots; the wall clock unless a test sets another.
+    void setClock(std::function<QDateTime()> now) { now_ = std::move(now); }
+
+signals:
+    void fDownloadCountChanged();
+    void fSavedCountChanged();
+    void fCameraOnlineChanged();
+    void progressChanged();
+    void displayImageChanged();
+    // A shot was written; emitted on the metadata queue, in order. The shell
+    // announces it to the sibling applications.
+    void photoSaved(const QString &path);
+    void showFullSizeRequested();
+
+private:
+    QString objectDescription() const;
+    void setCameraOnline(bool online);
+    void setStatusText(const QString &text);
+
+    QVariantMap imageDict_; // only on the metadata queue
+    qint64 downloadCount_ = 0;
+    qint64 savedCount_ = 0;
+    bool cameraOnline_ = false;
+    double progressValue_ = 0.0;
+    bool progressVisible_ = false;
+    bool progressAnimating_ = false;
+    QImage displayImage_;
+    std::atomic<bool> displaysImages_{false};
+    std::atomic<int> pendingShots_{0};
+    // Shots accepted but not yet saved. The camera's delivering thread waits
+    // while this is at its limit, so a burst faster than the disk stays in the
+    // camera instead of piling up in memory here.
+    std::mutex flowMutex_;
+    std::condition_variable flowCv_;
+    int shotsInFlight_ = 0;
+    std::function<QDateTime()> now_ = [] { return QDateTime::currentDateTime(); };
+    std::vector<NotificationCenter::Token> localTokens_;
+    std::vector<DistributedNotificationCenter::Token> distributedTokens_;
+};
+
+} // namespace brix
