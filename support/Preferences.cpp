@@ -33,8 +33,8 @@ namespace {
 
 const QString kUnreadableMovedAside =
     QStringLiteral("Preferences: cannot read %1 (%2); moved it aside to %3 and starting from the defaults");
-const QString kUnreadableKept = QStringLiteral(
-    "Preferences: cannot read %1 (%2) and cannot move it aside (%3); changes will not be saved until it is removed");
+const QString kUnreadableKept = QStringLiteral("Preferences: cannot read %1 (%2) and cannot move it aside "
+                                               "(%3); changes will not be saved until it is removed");
 const QString kSaveFailed = QStringLiteral("Preferences: cannot save %1: %2");
 const QString kNotPlistValue = QStringLiteral("Preferences: value for key %1 not stored: %2");
 
@@ -66,8 +66,8 @@ FileStamp stampOf(const QString &path) {
 class FileLock {
 public:
     explicit FileLock(const QString &path) {
-        fd_ = ::open(QFile::encodeName(path + QStringLiteral(".lock")).constData(), O_RDWR | O_CREAT | O_CLOEXEC,
-                     0600);
+        fd_ = ::open(QFile::encodeName(path + QStringLiteral(".lock")).constData(),
+                     O_RDWR | O_CREAT | O_CLOEXEC, 0600);
         if (fd_ >= 0) {
             while (::flock(fd_, LOCK_EX) != 0 && errno == EINTR) {
             }
@@ -113,8 +113,8 @@ LoadResult loadFile(const QString &path, QVariantMap *out, QString *why) {
 
 // Renames an unreadable file to "<file>.corrupt-<yyyyMMdd-HHmmss>[-n]".
 bool moveAside(const QString &path, QString *aside, QString *why) {
-    const QString base =
-        path + QStringLiteral(".corrupt-") + QDateTime::currentDateTime().toString(QStringLiteral("yyyyMMdd-HHmmss"));
+    const QString base = path + QStringLiteral(".corrupt-") +
+                         QDateTime::currentDateTime().toString(QStringLiteral("yyyyMMdd-HHmmss"));
     QString candidate = base;
     for (int n = 2; QFileInfo::exists(candidate); ++n)
         candidate = base + QLatin1Char('-') + QString::number(n);
@@ -153,7 +153,9 @@ double leadingNumber(const QString &text) {
 // last release of a shared block may happen inside Qt, where the thread
 // checkers cannot see the reference count. Values that cross threads through
 // the store are therefore deep copies owned by one side only.
-QString detachedString(const QString &s) { return s.isNull() ? QString() : QString(s.constData(), s.size()); }
+QString detachedString(const QString &s) {
+    return s.isNull() ? QString() : QString(s.constData(), s.size());
+}
 
 QVariant detached(const QVariant &v) {
     switch (v.typeId()) {
@@ -203,7 +205,9 @@ QVariant detached(const QVariant &v) {
     }
 }
 
-QVariantMap detachedMap(const QVariantMap &map) { return detached(QVariant(map)).toMap(); }
+QVariantMap detachedMap(const QVariantMap &map) {
+    return detached(QVariant(map)).toMap();
+}
 
 bool isNumber(const QVariant &v) {
     switch (v.typeId()) {
@@ -272,7 +276,8 @@ Preferences &Preferences::standard() {
     return *store;
 }
 
-Preferences::Preferences(const QString &filePath, QObject *parent) : QObject(parent), d_(std::make_unique<State>()) {
+Preferences::Preferences(const QString &filePath, QObject *parent)
+    : QObject(parent), d_(std::make_unique<State>()) {
     d_->path = QFileInfo(filePath).absoluteFilePath();
     d_->io = dispatch::makeSerialQueue("com.lumetra.brix.preferences");
     if (!parent && QCoreApplication::instance() && thread() != QCoreApplication::instance()->thread())
@@ -308,7 +313,9 @@ Preferences::~Preferences() {
         save();
 }
 
-QString Preferences::filePath() const { return d_->path; }
+QString Preferences::filePath() const {
+    return d_->path;
+}
 
 // --- reads -------------------------------------------------------------------------
 
@@ -420,9 +427,15 @@ void Preferences::setObject(const QVariant &value, const QString &forKey) {
     notify(forKey, value);
 }
 
-void Preferences::setBool(bool value, const QString &forKey) { setObject(QVariant(value), forKey); }
-void Preferences::setFloat(double value, const QString &forKey) { setObject(QVariant(value), forKey); }
-void Preferences::setInteger(qint64 value, const QString &forKey) { setObject(QVariant(qlonglong(value)), forKey); }
+void Preferences::setBool(bool value, const QString &forKey) {
+    setObject(QVariant(value), forKey);
+}
+void Preferences::setFloat(double value, const QString &forKey) {
+    setObject(QVariant(value), forKey);
+}
+void Preferences::setInteger(qint64 value, const QString &forKey) {
+    setObject(QVariant(qlonglong(value)), forKey);
+}
 
 void Preferences::removeObjectForKey(const QString &key) {
     QVariant now;
@@ -469,7 +482,9 @@ bool Preferences::registerFactoryDefaults() {
     return true;
 }
 
-bool Preferences::synchronize() { return save(); }
+bool Preferences::synchronize() {
+    return save();
+}
 
 // --- change signal -----------------------------------------------------------------
 
@@ -480,10 +495,11 @@ void Preferences::notify(const QString &key, const QVariant &value) {
     }
     // Through the main queue, whose hand-over the thread checkers can follow;
     // dropped if the store is gone by the time the main loop gets to it.
-    dispatch::mainQueue()->async([self = QPointer<Preferences>(this), key = detachedString(key), value = detached(value)] {
-        if (self)
-            emit self->valueChanged(key, value);
-    });
+    dispatch::mainQueue()->async(
+        [self = QPointer<Preferences>(this), key = detachedString(key), value = detached(value)] {
+            if (self)
+                emit self->valueChanged(key, value);
+        });
 }
 
 QString Preferences::keyForBindingPath(const QString &path) {
@@ -495,10 +511,11 @@ QMetaObject::Connection Preferences::bind(const QString &path, QObject *context,
                                           std::function<void(const QVariant &)> apply) {
     const QString key = keyForBindingPath(path);
     apply(objectForKey(key));
-    return connect(this, &Preferences::valueChanged, context, [key, apply](const QString &k, const QVariant &v) {
-        if (k == key)
-            apply(v);
-    });
+    return connect(this, &Preferences::valueChanged, context,
+                   [key, apply](const QString &k, const QVariant &v) {
+                       if (k == key)
+                           apply(v);
+                   });
 }
 
 // --- saving ------------------------------------------------------------------------
@@ -600,7 +617,8 @@ bool Preferences::saveLocked(QList<std::pair<QString, QVariant>> *externalChange
             for (auto it = taken.constBegin(); it != taken.constEnd(); ++it)
                 if (!s.dirty.contains(it.key()))
                     s.dirty.insert(detachedString(it.key()),
-                                   it.value() ? std::optional<QVariant>(detached(*it.value())) : std::nullopt);
+                                   it.value() ? std::optional<QVariant>(detached(*it.value()))
+                                              : std::nullopt);
         }
     }
     return ok;

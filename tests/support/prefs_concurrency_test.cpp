@@ -27,7 +27,9 @@ extern "C" __attribute__((weak)) const char *__tsan_default_suppressions() {
 
 namespace {
 
-QString storePath() { return test::testHome() + "/.config/Brix/concurrency.plist"; }
+QString storePath() {
+    return test::testHome() + "/.config/Brix/concurrency.plist";
+}
 
 TEST(PrefsConcurrency, ReadersWritersAndSavesFromManyThreadsAgree) {
     constexpr int kWriters = 4, kKeys = 60;
@@ -126,7 +128,8 @@ TEST(PrefsConcurrency, ConversionsRunInParallel) {
         queues.push_back(dispatch::makeSerialQueue("plist." + std::to_string(t)));
         queues.back()->async([&] {
             for (int i = 0; i < 200; ++i)
-                ok += PropertyList::fromBase64EncodedString(PropertyList::asBase64EncodedString(attrs)) == attrs;
+                ok += PropertyList::fromBase64EncodedString(PropertyList::asBase64EncodedString(attrs)) ==
+                      attrs;
             ++done;
         });
     }

@@ -4,10 +4,10 @@
 #include "PropertyList.h"
 #include "TestSupport.h"
 
+#include <QCoreApplication>
 #include <QDateTime>
 #include <QDir>
 #include <QFile>
-#include <QCoreApplication>
 #include <QRegularExpression>
 #include <QSize>
 #include <QTimeZone>
@@ -38,7 +38,8 @@ protected:
         ASSERT_TRUE(f.open(QIODevice::WriteOnly | QIODevice::Truncate));
         f.write(bytes);
         f.close();
-        ASSERT_EQ(::rename(QFile::encodeName(f.fileName()).constData(), QFile::encodeName(path()).constData()), 0);
+        ASSERT_EQ(
+            ::rename(QFile::encodeName(f.fileName()).constData(), QFile::encodeName(path()).constData()), 0);
     }
     QStringList asideFiles() const {
         return QDir(QFileInfo(path()).absolutePath()).entryList({"store.plist.corrupt-*"}, QDir::Files);
@@ -136,7 +137,8 @@ TEST_F(PrefsStore, ValuesThatAreNotPropertyListsAreRefusedWithALogLine) {
 TEST_F(PrefsStore, WritesReachTheDiskWithoutAnExplicitSynchronize) {
     Preferences p(path());
     p.setObject("/tmp/shots", pref::kSaveFolderPath);
-    ASSERT_TRUE(test::processEventsUntil([&] { return fileContents().value(pref::kSaveFolderPath) == "/tmp/shots"; }));
+    ASSERT_TRUE(test::processEventsUntil(
+        [&] { return fileContents().value(pref::kSaveFolderPath) == "/tmp/shots"; }));
     struct stat st {};
     ASSERT_EQ(::stat(QFile::encodeName(path()).constData(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0600u);
@@ -217,7 +219,8 @@ TEST_F(PrefsStore, SaveReplacesTheFileByRenameSoReadersNeverSeeAHalfFile) {
     Preferences p(path());
     p.setObject("one", "prefA");
     ASSERT_TRUE(p.synchronize());
-    struct stat a {}, b {};
+    struct stat a {
+    }, b{};
     ASSERT_EQ(::stat(QFile::encodeName(path()).constData(), &a), 0);
     // A reader that opened the old file keeps reading the old, complete content.
     QFile reader(path());
@@ -226,8 +229,9 @@ TEST_F(PrefsStore, SaveReplacesTheFileByRenameSoReadersNeverSeeAHalfFile) {
     ASSERT_TRUE(p.synchronize());
     ASSERT_EQ(::stat(QFile::encodeName(path()).constData(), &b), 0);
     EXPECT_NE(a.st_ino, b.st_ino);
-    EXPECT_EQ(PropertyList::propertyListFromData(reader.readAll(), Mutability::Immutable).toMap().value("prefA"),
-              "one");
+    EXPECT_EQ(
+        PropertyList::propertyListFromData(reader.readAll(), Mutability::Immutable).toMap().value("prefA"),
+        "one");
     EXPECT_EQ(fileContents().value("prefA"), "two");
 }
 
@@ -240,7 +244,8 @@ TEST_F(PrefsStore, ChangesFromAnotherWriterAreMergedPerKey) {
                      pref::kRecentLaunchDates);
     ASSERT_TRUE(theirs.synchronize());
     QStringList changed;
-    QObject::connect(&mine, &Preferences::valueChanged, [&](const QString &key, const QVariant &) { changed << key; });
+    QObject::connect(&mine, &Preferences::valueChanged,
+                     [&](const QString &key, const QVariant &) { changed << key; });
     ASSERT_TRUE(mine.synchronize());
     EXPECT_EQ(mine.arrayForKey(pref::kRecentLaunchDates).size(), 1);
     EXPECT_EQ(changed, QStringList{pref::kRecentLaunchDates});
@@ -281,7 +286,8 @@ TEST_F(PrefsStore, StandardStoreLivesUnderTheConfigFolder) {
     EXPECT_EQ(Preferences::standardFilePath(),
               test::testHome() + "/.config/Brix/com.lumetra.BrixCanonCapture.plist");
     qputenv("XDG_CONFIG_HOME", (test::testHome() + "/elsewhere").toUtf8());
-    EXPECT_EQ(Preferences::standardFilePath(), test::testHome() + "/elsewhere/Brix/com.lumetra.BrixCanonCapture.plist");
+    EXPECT_EQ(Preferences::standardFilePath(),
+              test::testHome() + "/elsewhere/Brix/com.lumetra.BrixCanonCapture.plist");
 }
 
 } // namespace
