@@ -191,28 +191,39 @@ TEST_F(PrefsStore, AFileThatTurnsCorruptLaterIsMovedAsideNotOverwritten) {
 }
 
 TEST_F(PrefsStore, FailedWriteLeavesTheOldFileIntactAndRetriesLater) {
-    Preferences p(path());
-    p.setObject("first", "prefA");
-    ASSERT_TRUE(p.synchronize());
+    {
+        Preferences p(path());
+        p.setObject("first", "prefA");
+        ASSERT_TRUE(p.synchronize());
+    }
     const QByteArray before = fileBytes();
     const QString folder = QFileInfo(path()).absolutePath();
 
     for (auto point : {AtomicFile::FailurePoint::AfterPartialWrite, AtomicFile::FailurePoint::BeforeRename}) {
         AtomicFile::setFailurePointForTesting(point);
-        p.setObject(QString(4000, 'x'), "prefA");
         test::LogCapture log;
-        EXPECT_FALSE(p.synchronize());
+        {
+            Preferences p(path());
+            p.setObject(QString(4000, 'x'), "prefA");
+            EXPECT_FALSE(p.synchronize());
+            // Leaving the scope waits for the store's own queued save, which fails too.
+        }
         AtomicFile::setFailurePointForTesting(AtomicFile::FailurePoint::None);
         EXPECT_EQ(fileBytes(), before);
-        // The save queued by setObject may fail too, so one line or two.
-        EXPECT_GE(log.matching("Preferences: cannot save " + path()).size(), 1);
+        EXPECT_GE(log.matching("Preferences: cannot save " + path()).size(), 2);
         // Only the file itself and its lock are in the folder: no temporary file left.
         EXPECT_EQ(QDir(folder).entryList(QDir::Files | QDir::Hidden),
                   (QStringList{"store.plist", "store.plist.lock"}));
     }
-    // The change was kept and goes out with the next save.
+
+    // A change whose save failed is kept and goes out with the next save.
+    Preferences p(path());
+    AtomicFile::setFailurePointForTesting(AtomicFile::FailurePoint::BeforeRename);
+    p.setObject(QString(4000, 'y'), "prefA");
+    EXPECT_FALSE(p.synchronize());
+    AtomicFile::setFailurePointForTesting(AtomicFile::FailurePoint::None);
     ASSERT_TRUE(p.synchronize());
-    EXPECT_EQ(fileContents().value("prefA").toString().size(), 4000);
+    EXPECT_EQ(fileContents().value("prefA").toString(), QString(4000, 'y'));
 }
 
 TEST_F(PrefsStore, SaveReplacesTheFileByRenameSoReadersNeverSeeAHalfFile) {
