@@ -259,6 +259,9 @@ TEST_F(PrefsStore, ChangesFromAnotherWriterAreMergedPerKey) {
                      [&](const QString &key, const QVariant &) { changed << key; });
     ASSERT_TRUE(mine.synchronize());
     EXPECT_EQ(mine.arrayForKey(pref::kRecentLaunchDates).size(), 1);
+    // Emitted at once, or queued if mine's own background save noticed first.
+    ASSERT_TRUE(test::processEventsUntil([&] { return !changed.isEmpty(); }));
+    QCoreApplication::processEvents();
     EXPECT_EQ(changed, QStringList{pref::kRecentLaunchDates});
     EXPECT_EQ(fileContents().keys(), (QStringList{"prefMine", pref::kRecentLaunchDates}));
 }
