@@ -3,10 +3,13 @@
 #include "BundleInfo.h"
 #include "CommandLine.h"
 #include "Dispatch.h"
+#include "EdsSdk.h"
 #include "Logger.h"
 #include "MainWindow.h"
 #include "Paths.h"
 #include "SignalWatcher.h"
+#include "SimulatorControl.h"
+#include "SystemInfo.h"
 
 #include <QApplication>
 #include <QCoreApplication>
@@ -50,6 +53,10 @@ int main(int argc, char **argv) {
     QCoreApplication::setApplicationName(bundle::kName);
     QCoreApplication::setApplicationVersion(bundle::kShortVersion);
 
+    // From here on the error stream, ours and every library's, goes to the rotating log.
+    Logger::setLogFile(Logger::defaultLogFileWithinSubdirectory(QStringLiteral("Brix")));
+    OKVA_SystemInfo::logCurrentSystemInfo();
+
     SignalWatcher signalWatcher;
     QObject::connect(&signalWatcher, &SignalWatcher::terminationRequested, app.get(), [](int signalNumber) {
         Logger::setError(QStringLiteral("received signal %1, quitting").arg(signalNumber));
@@ -59,6 +66,29 @@ int main(int argc, char **argv) {
     Logger::setError(QStringLiteral("%1 %2 starting (%3)")
                          .arg(bundle::kName, bundle::kShortVersion,
                               options.headless ? QStringLiteral("headless") : QStringLiteral("window")));
+
+    // The camera backend; the simulator is also driven from outside over D-Bus.
+    std::string backendWhy;
+    std::unique_ptr<eds::EdsSdk> cameraSdk = eds::createSdk(options.cameraBackend.toStdString(), &backendWhy);
+    std::unique_ptr<QObject> simulatorControl;
+    if (!cameraSdk) {
+        Logger::setError(QStringLiteral("camera backend \"%1\" is not available: %2")
+                             .arg(options.cameraBackend.isEmpty()
+                                      ? qEnvironmentVariable("BRIX_CAMERA_BACKEND", QStringLiteral("auto"))
+                                      : options.cameraBackend,
+                                  QString::fromStdString(backendWhy)));
+    } else {
+        Logger::setError(QStringLiteral("camera backend: %1").arg(QLatin1String(cameraSdk->backendName())));
+        if (eds::simulatorControl(*cameraSdk)) {
+            QString why;
+            simulatorControl = eds::exportSimulatorControl(*cameraSdk, &why);
+            if (simulatorControl)
+                Logger::setError(QStringLiteral("simulator control on the session bus as %1")
+                                     .arg(QLatin1String(eds::kSimulatorBusName)));
+            else
+                Logger::setError(QStringLiteral("simulator control not exported: %1").arg(why));
+        }
+    }
 
     std::unique_ptr<MainWindow> window;
     if (!options.headless) {
@@ -70,5 +100,7 @@ int main(int argc, char **argv) {
     Logger::setError(QStringLiteral("%1 ended with status %2").arg(bundle::kName).arg(status));
     Logger::flush();
     window.reset();
+    simulatorControl.reset();
+    cameraSdk.reset();
     return status;
 }
