@@ -38,9 +38,12 @@ QVariantMap preferenceDocument() {
     }
     QVariantList sizes;
     for (int i = 1; i <= 4; ++i)
-        sizes << QVariantMap{{"displayname", QString("Size %1").arg(i)}, {"somevalue", QString("pref%1").arg(i)},
-                             {"width", 350.0}, {"heightoffset", 30.0}};
-    return {{"prefCanonSettings", QVariantMap{{"version", "v2"}, {"description", "canonsettings"}, {"models", models}}},
+        sizes << QVariantMap{{"displayname", QString("Size %1").arg(i)},
+                             {"somevalue", QString("pref%1").arg(i)},
+                             {"width", 350.0},
+                             {"heightoffset", 30.0}};
+    return {{"prefCanonSettings",
+             QVariantMap{{"version", "v2"}, {"description", "canonsettings"}, {"models", models}}},
             {"prefMiniSizesInfoArray", sizes},
             {"prefSaveFolderPath", "/home/station/Users/Shared/CanonFolder"},
             {"prefScanForNewImageInSeconds", 0.0}};

@@ -17,7 +17,8 @@ namespace {
 std::atomic<AtomicFile::FailurePoint> gFailurePoint{AtomicFile::FailurePoint::None};
 
 QString posixError(const char *operation, const QString &path, int code) {
-    return QStringLiteral("%1(%2): %3").arg(QLatin1String(operation), path, QString::fromLocal8Bit(std::strerror(code)));
+    return QStringLiteral("%1(%2): %3")
+        .arg(QLatin1String(operation), path, QString::fromLocal8Bit(std::strerror(code)));
 }
 
 bool writeAll(int fd, const char *p, size_t n) {
@@ -36,7 +37,9 @@ bool writeAll(int fd, const char *p, size_t n) {
 
 } // namespace
 
-void AtomicFile::setFailurePointForTesting(FailurePoint point) { gFailurePoint.store(point); }
+void AtomicFile::setFailurePointForTesting(FailurePoint point) {
+    gFailurePoint.store(point);
+}
 
 bool AtomicFile::write(const QString &path, const QByteArray &data, QString *error) {
     const QFileInfo info(path);

@@ -13,6 +13,7 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QHash>
+#include <QPointer>
 #include <QThread>
 
 #include <mutex>
@@ -32,8 +33,8 @@ namespace {
 
 const QString kUnreadableMovedAside =
     QStringLiteral("Preferences: cannot read %1 (%2); moved it aside to %3 and starting from the defaults");
-const QString kUnreadableKept = QStringLiteral(
-    "Preferences: cannot read %1 (%2) and cannot move it aside (%3); changes will not be saved until it is removed");
+const QString kUnreadableKept = QStringLiteral("Preferences: cannot read %1 (%2) and cannot move it aside "
+                                               "(%3); changes will not be saved until it is removed");
 const QString kSaveFailed = QStringLiteral("Preferences: cannot save %1: %2");
 const QString kNotPlistValue = QStringLiteral("Preferences: value for key %1 not stored: %2");
 
@@ -65,8 +66,8 @@ FileStamp stampOf(const QString &path) {
 class FileLock {
 public:
     explicit FileLock(const QString &path) {
-        fd_ = ::open(QFile::encodeName(path + QStringLiteral(".lock")).constData(), O_RDWR | O_CREAT | O_CLOEXEC,
-                     0600);
+        fd_ = ::open(QFile::encodeName(path + QStringLiteral(".lock")).constData(),
+                     O_RDWR | O_CREAT | O_CLOEXEC, 0600);
         if (fd_ >= 0) {
             while (::flock(fd_, LOCK_EX) != 0 && errno == EINTR) {
             }
@@ -112,8 +113,8 @@ LoadResult loadFile(const QString &path, QVariantMap *out, QString *why) {
 
 // Renames an unreadable file to "<file>.corrupt-<yyyyMMdd-HHmmss>[-n]".
 bool moveAside(const QString &path, QString *aside, QString *why) {
-    const QString base =
-        path + QStringLiteral(".corrupt-") + QDateTime::currentDateTime().toString(QStringLiteral("yyyyMMdd-HHmmss"));
+    const QString base = path + QStringLiteral(".corrupt-") +
+                         QDateTime::currentDateTime().toString(QStringLiteral("yyyyMMdd-HHmmss"));
     QString candidate = base;
     for (int n = 2; QFileInfo::exists(candidate); ++n)
         candidate = base + QLatin1Char('-') + QString::number(n);
@@ -146,6 +147,66 @@ double leadingNumber(const QString &text) {
             return d;
     }
     return 0.0;
+}
+
+// Qt's implicitly shared strings, arrays and maps are thread-safe, but the
+// last release of a shared block may happen inside Qt, where the thread
+// checkers cannot see the reference count. Values that cross threads through
+// the store are therefore deep copies owned by one side only.
+QString detachedString(const QString &s) {
+    return s.isNull() ? QString() : QString(s.constData(), s.size());
+}
+
+QVariant detached(const QVariant &v) {
+    switch (v.typeId()) {
+    case QMetaType::QString:
+        return detachedString(*static_cast<const QString *>(v.constData()));
+    case QMetaType::QByteArray: {
+        const auto &b = *static_cast<const QByteArray *>(v.constData());
+        return b.isNull() ? QByteArray() : QByteArray(b.constData(), b.size());
+    }
+    case QMetaType::QStringList: {
+        QStringList out;
+        for (const QString &item : *static_cast<const QStringList *>(v.constData()))
+            out.append(detachedString(item));
+        return out;
+    }
+    case QMetaType::QVariantList: {
+        QVariantList out;
+        for (const QVariant &item : *static_cast<const QVariantList *>(v.constData()))
+            out.append(detached(item));
+        return out;
+    }
+    case QMetaType::QVariantMap: {
+        QVariantMap out;
+        const auto &map = *static_cast<const QVariantMap *>(v.constData());
+        for (auto it = map.constBegin(); it != map.constEnd(); ++it)
+            out.insert(detachedString(it.key()), detached(it.value()));
+        return out;
+    }
+    case QMetaType::QVariantHash: {
+        QVariantHash out;
+        const auto &hash = *static_cast<const QVariantHash *>(v.constData());
+        for (auto it = hash.constBegin(); it != hash.constEnd(); ++it)
+            out.insert(detachedString(it.key()), detached(it.value()));
+        return out;
+    }
+    case QMetaType::QDateTime: {
+        const auto &d = *static_cast<const QDateTime *>(v.constData());
+        if (!d.isValid())
+            return QDateTime();
+        // A named time zone is shared data too; the instant is what the store keeps.
+        if (d.timeSpec() == Qt::TimeZone)
+            return QDateTime::fromMSecsSinceEpoch(d.toMSecsSinceEpoch(), Qt::UTC);
+        return QDateTime::fromMSecsSinceEpoch(d.toMSecsSinceEpoch(), d.timeSpec(), d.offsetFromUtc());
+    }
+    default:
+        return v; // numbers and booleans live inside the QVariant itself
+    }
+}
+
+QVariantMap detachedMap(const QVariantMap &map) {
+    return detached(QVariant(map)).toMap();
 }
 
 bool isNumber(const QVariant &v) {
@@ -215,7 +276,8 @@ Preferences &Preferences::standard() {
     return *store;
 }
 
-Preferences::Preferences(const QString &filePath, QObject *parent) : QObject(parent), d_(std::make_unique<State>()) {
+Preferences::Preferences(const QString &filePath, QObject *parent)
+    : QObject(parent), d_(std::make_unique<State>()) {
     d_->path = QFileInfo(filePath).absoluteFilePath();
     d_->io = dispatch::makeSerialQueue("com.lumetra.brix.preferences");
     if (!parent && QCoreApplication::instance() && thread() != QCoreApplication::instance()->thread())
@@ -234,9 +296,9 @@ Preferences::Preferences(const QString &filePath, QObject *parent) : QObject(par
             d_->blocked = true;
         }
     }
+    d_->user = detachedMap(loaded);
     d_->disk = loaded;
     d_->diskStamp = stampOf(d_->path);
-    d_->user = loaded;
 }
 
 Preferences::~Preferences() {
@@ -251,13 +313,15 @@ Preferences::~Preferences() {
         save();
 }
 
-QString Preferences::filePath() const { return d_->path; }
+QString Preferences::filePath() const {
+    return d_->path;
+}
 
 // --- reads -------------------------------------------------------------------------
 
 QVariant Preferences::objectForKey(const QString &key) const {
     std::shared_lock lk(d_->mutex);
-    return d_->effective(key);
+    return detached(d_->effective(key));
 }
 
 QString Preferences::stringForKey(const QString &key) const {
@@ -328,17 +392,17 @@ QVariantMap Preferences::dictionaryRepresentation() const {
     std::shared_lock lk(d_->mutex);
     QVariantMap all = d_->registration;
     all.insert(d_->user);
-    return all;
+    return detachedMap(all);
 }
 
 QVariantMap Preferences::persistentDomain() const {
     std::shared_lock lk(d_->mutex);
-    return d_->user;
+    return detachedMap(d_->user);
 }
 
 QVariantMap Preferences::registeredDefaults() const {
     std::shared_lock lk(d_->mutex);
-    return d_->registration;
+    return detachedMap(d_->registration);
 }
 
 // --- writes ------------------------------------------------------------------------
@@ -356,24 +420,30 @@ void Preferences::setObject(const QVariant &value, const QString &forKey) {
     }
     {
         std::unique_lock lk(d_->mutex);
-        d_->user.insert(forKey, value);
-        d_->dirty.insert(forKey, value);
+        d_->user.insert(detachedString(forKey), detached(value));
+        d_->dirty.insert(detachedString(forKey), detached(value));
     }
     scheduleSave();
     notify(forKey, value);
 }
 
-void Preferences::setBool(bool value, const QString &forKey) { setObject(QVariant(value), forKey); }
-void Preferences::setFloat(double value, const QString &forKey) { setObject(QVariant(value), forKey); }
-void Preferences::setInteger(qint64 value, const QString &forKey) { setObject(QVariant(qlonglong(value)), forKey); }
+void Preferences::setBool(bool value, const QString &forKey) {
+    setObject(QVariant(value), forKey);
+}
+void Preferences::setFloat(double value, const QString &forKey) {
+    setObject(QVariant(value), forKey);
+}
+void Preferences::setInteger(qint64 value, const QString &forKey) {
+    setObject(QVariant(qlonglong(value)), forKey);
+}
 
 void Preferences::removeObjectForKey(const QString &key) {
     QVariant now;
     {
         std::unique_lock lk(d_->mutex);
         d_->user.remove(key);
-        d_->dirty.insert(key, std::nullopt);
-        now = d_->registration.value(key);
+        d_->dirty.insert(detachedString(key), std::nullopt);
+        now = detached(d_->registration.value(key));
     }
     scheduleSave();
     notify(key, now);
@@ -385,7 +455,7 @@ void Preferences::registerDefaults(const QVariantMap &defaults) {
         std::unique_lock lk(d_->mutex);
         for (auto it = defaults.constBegin(); it != defaults.constEnd(); ++it) {
             const QVariant before = d_->effective(it.key());
-            d_->registration.insert(it.key(), it.value());
+            d_->registration.insert(detachedString(it.key()), detached(it.value()));
             if (!d_->user.contains(it.key()) && before != it.value())
                 changed.append({it.key(), it.value()});
         }
@@ -412,7 +482,9 @@ bool Preferences::registerFactoryDefaults() {
     return true;
 }
 
-bool Preferences::synchronize() { return save(); }
+bool Preferences::synchronize() {
+    return save();
+}
 
 // --- change signal -----------------------------------------------------------------
 
@@ -421,9 +493,13 @@ void Preferences::notify(const QString &key, const QVariant &value) {
         emit valueChanged(key, value);
         return;
     }
-    // Dropped by Qt if the store is destroyed before the main loop gets to it.
-    QMetaObject::invokeMethod(
-        this, [this, key, value] { emit valueChanged(key, value); }, Qt::QueuedConnection);
+    // Through the main queue, whose hand-over the thread checkers can follow;
+    // dropped if the store is gone by the time the main loop gets to it.
+    dispatch::mainQueue()->async(
+        [self = QPointer<Preferences>(this), key = detachedString(key), value = detached(value)] {
+            if (self)
+                emit self->valueChanged(key, value);
+        });
 }
 
 QString Preferences::keyForBindingPath(const QString &path) {
@@ -435,10 +511,11 @@ QMetaObject::Connection Preferences::bind(const QString &path, QObject *context,
                                           std::function<void(const QVariant &)> apply) {
     const QString key = keyForBindingPath(path);
     apply(objectForKey(key));
-    return connect(this, &Preferences::valueChanged, context, [key, apply](const QString &k, const QVariant &v) {
-        if (k == key)
-            apply(v);
-    });
+    return connect(this, &Preferences::valueChanged, context,
+                   [key, apply](const QString &k, const QVariant &v) {
+                       if (k == key)
+                           apply(v);
+                   });
 }
 
 // --- saving ------------------------------------------------------------------------
@@ -503,10 +580,10 @@ bool Preferences::saveLocked(QList<std::pair<QString, QVariant>> *externalChange
             if (s.dirty.contains(key))
                 continue; // our own newer change wins
             if (now.isValid())
-                s.user.insert(key, now);
+                s.user.insert(detachedString(key), detached(now));
             else
                 s.user.remove(key);
-            external.append({key, s.effective(key)});
+            external.append({detachedString(key), detached(s.effective(key))});
         }
         s.disk = onDisk;
         s.diskStamp = stampOf(s.path);
@@ -539,7 +616,9 @@ bool Preferences::saveLocked(QList<std::pair<QString, QVariant>> *externalChange
             std::unique_lock lk(s.mutex);
             for (auto it = taken.constBegin(); it != taken.constEnd(); ++it)
                 if (!s.dirty.contains(it.key()))
-                    s.dirty.insert(it.key(), it.value());
+                    s.dirty.insert(detachedString(it.key()),
+                                   it.value() ? std::optional<QVariant>(detached(*it.value()))
+                                              : std::nullopt);
         }
     }
     return ok;

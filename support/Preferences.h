@@ -70,9 +70,9 @@ public:
 
     QVariant objectForKey(const QString &key) const;
     QString stringForKey(const QString &key) const; // numbers as text; other types null
-    bool boolForKey(const QString &key) const;       // absent = false
-    double floatForKey(const QString &key) const;    // absent = 0.0
-    qint64 integerForKey(const QString &key) const;  // absent = 0
+    bool boolForKey(const QString &key) const;      // absent = false
+    double floatForKey(const QString &key) const;   // absent = 0.0
+    qint64 integerForKey(const QString &key) const; // absent = 0
     QVariantList arrayForKey(const QString &key) const;
     QVariantMap dictionaryForKey(const QString &key) const;
     // Every key with its effective value.
@@ -107,7 +107,8 @@ public:
     // Calls `apply` now with the current value of the key named by `path`
     // ("values.<key>" or the key), and after every change of it, on the thread
     // of `context`, until `context` is destroyed or the connection is broken.
-    QMetaObject::Connection bind(const QString &path, QObject *context, std::function<void(const QVariant &)> apply);
+    QMetaObject::Connection bind(const QString &path, QObject *context,
+                                 std::function<void(const QVariant &)> apply);
 
 signals:
     // "values.<key>" bindings listen here. `value` is the new effective value

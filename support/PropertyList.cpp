@@ -33,8 +33,10 @@ const QString kErrorDecoding = QStringLiteral("ERROR decoding %1");
 const QString kJsonInfo = QStringLiteral("%1 -> jsonInfo: %2");
 
 const QString kStringWithPlistObjectName = QStringLiteral("+[NSString(OKVA_plist) stringWithPlistObject:]");
-const QString kPlistObjectWithMutabilityName = QStringLiteral("-[NSString(OKVA_plist) plistObjectWithMutability:]");
-const QString kFromBase64Name = QStringLiteral("+[NSDictionary(OKVA_plist) fromBase64EncodedString:mutability:]");
+const QString kPlistObjectWithMutabilityName =
+    QStringLiteral("-[NSString(OKVA_plist) plistObjectWithMutability:]");
+const QString kFromBase64Name =
+    QStringLiteral("+[NSDictionary(OKVA_plist) fromBase64EncodedString:mutability:]");
 const QString kValueForKeyName = QStringLiteral("-[NSString(OKVA_plist) asJSONObjectValueForKey:]");
 
 const QByteArray kJsonDataUrlPrefix = QByteArrayLiteral("data:application/json;base64,");
@@ -259,7 +261,8 @@ QVariant fromArrayNode(plist_t node, int depth, QString *error) {
 
 QVariant fromNode(plist_t node, int depth, QString *error) {
     if (depth > PropertyList::kMaxDepth) {
-        setError(error, QStringLiteral("property list nested deeper than %1 levels").arg(PropertyList::kMaxDepth));
+        setError(error,
+                 QStringLiteral("property list nested deeper than %1 levels").arg(PropertyList::kMaxDepth));
         return {};
     }
     switch (plist_get_node_type(node)) {
@@ -347,7 +350,8 @@ public:
         tableOffset_ = readBigEndian(t + 24, 8);
         const uint64_t end = size_ - kTrailer;
         if (offsetSize_ < 1 || offsetSize_ > 8 || refSize_ < 1 || refSize_ > 8)
-            return fail(error, QStringLiteral("binary property list has invalid integer sizes in its trailer"));
+            return fail(error,
+                        QStringLiteral("binary property list has invalid integer sizes in its trailer"));
         if (numObjects_ == 0 || numObjects_ > end)
             return fail(error, QStringLiteral("binary property list declares an impossible object count"));
         if (root >= numObjects_)
@@ -579,8 +583,8 @@ QByteArray decodeBase64IgnoringUnknown(QByteArrayView text, bool *ok) {
     QByteArray clean;
     clean.reserve(text.size());
     for (char c : text) {
-        if ((c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '+' || c == '/' ||
-            c == '=')
+        if ((c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '+' ||
+            c == '/' || c == '=')
             clean.append(c);
     }
     // Whole groups of four only, with padding only at the end.
@@ -613,7 +617,8 @@ QString describeIndented(const QVariant &value, int indent) {
         if (plain)
             return s;
         QString quoted = s;
-        quoted.replace(QLatin1String("\\"), QLatin1String("\\\\")).replace(QLatin1String("\""), QLatin1String("\\\""));
+        quoted.replace(QLatin1String("\\"), QLatin1String("\\\\"))
+            .replace(QLatin1String("\""), QLatin1String("\\\""));
         return QLatin1Char('"') + quoted + QLatin1Char('"');
     }
     case QMetaType::QByteArray: {
@@ -721,7 +726,9 @@ QVariant PropertyList::propertyListFromData(const QByteArray &data, Mutability, 
     return fromNode(root.get(), 0, error);
 }
 
-QString PropertyList::describe(const QVariant &value) { return describeIndented(value, 0); }
+QString PropertyList::describe(const QVariant &value) {
+    return describeIndented(value, 0);
+}
 
 // --- string conversions ----------------------------------------------------------
 
@@ -808,9 +815,9 @@ QVariant PropertyList::asJSONObjectFromBase64Encoding(const QString &text) {
     QJsonParseError parseError;
     const QJsonDocument doc = QJsonDocument::fromJson(json, &parseError);
     if (parseError.error != QJsonParseError::NoError || doc.isNull()) {
-        Logger::setError(fill(kErrorDecoding, QStringLiteral("%1 at offset %2")
-                                                  .arg(parseError.errorString())
-                                                  .arg(parseError.offset)));
+        Logger::setError(
+            fill(kErrorDecoding,
+                 QStringLiteral("%1 at offset %2").arg(parseError.errorString()).arg(parseError.offset)));
         return {};
     }
     return doc.isObject() ? QVariant(doc.object().toVariantMap()) : QVariant(doc.array().toVariantList());

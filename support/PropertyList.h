@@ -38,12 +38,13 @@ public:
     // --- the general reader and writer (no log lines; the error says why) ---
 
     // Serialises a value; a null QByteArray and *error on failure.
-    static QByteArray dataFromPropertyList(const QVariant &value, PlistFormat format, QString *error = nullptr);
+    static QByteArray dataFromPropertyList(const QVariant &value, PlistFormat format,
+                                           QString *error = nullptr);
     // Reads XML or binary property-list bytes (the format is recognised); an
     // invalid QVariant and *error on failure. Hostile input (truncation, cycles,
     // excessive nesting or expansion, bad UTF-8) is refused before parsing.
-    static QVariant propertyListFromData(const QByteArray &data, Mutability mutability, QString *error = nullptr,
-                                         PlistFormat *format = nullptr);
+    static QVariant propertyListFromData(const QByteArray &data, Mutability mutability,
+                                         QString *error = nullptr, PlistFormat *format = nullptr);
 
     // A short text description of a value for log lines ("(null)" for nil).
     static QString describe(const QVariant &value);

@@ -19,7 +19,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (value.isValid()) {
         for (PlistFormat format : {PlistFormat::Xml, PlistFormat::Binary}) {
             const QByteArray again = PropertyList::dataFromPropertyList(value, format);
-            if (!again.isNull() && !PropertyList::propertyListFromData(again, Mutability::Immutable).isValid())
+            if (!again.isNull() &&
+                !PropertyList::propertyListFromData(again, Mutability::Immutable).isValid())
                 std::abort();
         }
     }

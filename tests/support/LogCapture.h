@@ -35,7 +35,8 @@ public:
         std::fflush(stderr);
         QFile in(file_.fileName());
         in.open(QIODevice::ReadOnly);
-        static const QRegularExpression head(QStringLiteral("^\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3}\\[Q [^\\]]*\\] "));
+        static const QRegularExpression head(
+            QStringLiteral("^\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3}\\[Q [^\\]]*\\] "));
         QStringList out;
         for (const QString &line : QString::fromUtf8(in.readAll()).split('\n', Qt::SkipEmptyParts)) {
             const QRegularExpressionMatch m = head.match(line);
@@ -49,7 +50,9 @@ public:
         return out;
     }
     // Lines that start with `prefix`.
-    QStringList matching(const QString &prefix) { return messages().filter(QRegularExpression('^' + QRegularExpression::escape(prefix))); }
+    QStringList matching(const QString &prefix) {
+        return messages().filter(QRegularExpression('^' + QRegularExpression::escape(prefix)));
+    }
 
 private:
     void restore() {

@@ -13,9 +13,10 @@ namespace {
 
 const char *kStringWithName = "Error inside +[NSString(OKVA_plist) stringWithPlistObject:]: ";
 const char *kPlistObjectName = "Error inside -[NSString(OKVA_plist) plistObjectWithMutability:]: ";
-const char *kFromBase64Inside = "Error inside +[NSDictionary(OKVA_plist) fromBase64EncodedString:mutability:]: ";
-const char *kFromBase64Expected =
-    "Error in +[NSDictionary(OKVA_plist) fromBase64EncodedString:mutability:]: expected dictionary but found ";
+const char *kFromBase64Inside =
+    "Error inside +[NSDictionary(OKVA_plist) fromBase64EncodedString:mutability:]: ";
+const char *kFromBase64Expected = "Error in +[NSDictionary(OKVA_plist) fromBase64EncodedString:mutability:]: "
+                                  "expected dictionary but found ";
 const char *kJsonTrace = "-[NSString(OKVA_plist) asJSONObjectValueForKey:] -> jsonInfo: ";
 
 QString jsonUrl(const QByteArray &json) {
@@ -23,12 +24,15 @@ QString jsonUrl(const QByteArray &json) {
 }
 
 TEST(PlistConversions, XmlTextRoundTripsAndFailuresLogTheirOperation) {
-    const QVariantMap attrs{{"rating", 4}, {"tags", QVariantList{"a", "b"}}, {"when", QDateTime::fromSecsSinceEpoch(1700000000, QTimeZone::utc())}};
+    const QVariantMap attrs{{"rating", 4},
+                            {"tags", QVariantList{"a", "b"}},
+                            {"when", QDateTime::fromSecsSinceEpoch(1700000000, QTimeZone::utc())}};
     const QString xml = PropertyList::stringWithPlistObject(attrs);
     ASSERT_FALSE(xml.isNull());
     EXPECT_TRUE(xml.startsWith("<?xml"));
     EXPECT_EQ(PropertyList::plistObject(xml), QVariant(attrs));
-    for (auto m : {Mutability::Immutable, Mutability::MutableContainers, Mutability::MutableContainersAndLeaves})
+    for (auto m :
+         {Mutability::Immutable, Mutability::MutableContainers, Mutability::MutableContainersAndLeaves})
         EXPECT_EQ(PropertyList::plistObjectWithMutability(xml, m), QVariant(attrs));
 
     test::LogCapture log;
@@ -63,13 +67,15 @@ TEST(PlistConversions, Base64OfBinaryListsRoundTripsDespiteLineBreaksAndBlanks) 
     EXPECT_EQ(PropertyList::base64EncodedFromPropertyListWithError(attrs, &error), text);
     EXPECT_TRUE(PropertyList::encodedBase64(QByteArray()).isEmpty());
     EXPECT_FALSE(PropertyList::encodedBase64(QByteArray()).isNull());
-    EXPECT_EQ(PropertyList::encodedBase64(QByteArray(100, 'a')), QString::fromLatin1(QByteArray(100, 'a').toBase64()));
+    EXPECT_EQ(PropertyList::encodedBase64(QByteArray(100, 'a')),
+              QString::fromLatin1(QByteArray(100, 'a').toBase64()));
 }
 
 TEST(PlistConversions, Base64FailuresAreNilWithOneLine) {
     QString error;
-    EXPECT_TRUE(PropertyList::base64EncodedFromPropertyListWithError({{"k", QVariant::fromValue(QSize())}}, &error)
-                    .isNull());
+    EXPECT_TRUE(
+        PropertyList::base64EncodedFromPropertyListWithError({{"k", QVariant::fromValue(QSize())}}, &error)
+            .isNull());
     EXPECT_TRUE(error.contains("base64EncodedFromPropertyListWithError")) << error.toStdString();
     EXPECT_TRUE(PropertyList::asBase64EncodedString({{"k", QVariant()}}).isNull());
 
@@ -96,8 +102,9 @@ TEST(PlistConversions, JsonDataUrlsDecodeWhatFollowsTheLastPrefix) {
     EXPECT_EQ(m.value("id").toInt(), 2);
     EXPECT_EQ(m.value("list"), QVariant(QVariantList{1, 2.5}));
     // Without the prefix, the whole text is the base64.
-    EXPECT_EQ(PropertyList::asJSONObjectFromBase64Encoding(QString::fromLatin1(QByteArray("[true]").toBase64())),
-              QVariant(QVariantList{true}));
+    EXPECT_EQ(
+        PropertyList::asJSONObjectFromBase64Encoding(QString::fromLatin1(QByteArray("[true]").toBase64())),
+        QVariant(QVariantList{true}));
 
     test::LogCapture log;
     EXPECT_EQ(PropertyList::asJSONObjectValueForKey(second, "name"), QVariant("shot"));
@@ -106,14 +113,16 @@ TEST(PlistConversions, JsonDataUrlsDecodeWhatFollowsTheLastPrefix) {
     const QStringList traces = log.matching(kJsonTrace);
     ASSERT_EQ(traces.size(), 3);
     EXPECT_EQ(traces[0].toStdString(),
-              std::string(kJsonTrace) + "{\n    id = 2;\n    list = (\n        1,\n        2.5\n    );\n    name = shot;\n}");
+              std::string(kJsonTrace) +
+                  "{\n    id = 2;\n    list = (\n        1,\n        2.5\n    );\n    name = shot;\n}");
     EXPECT_EQ(traces[2].toStdString(), std::string(kJsonTrace) + "(\n    1,\n    2\n)");
 }
 
 TEST(PlistConversions, BrokenJsonIsNilWithAnErrorLine) {
     test::LogCapture log;
     EXPECT_FALSE(PropertyList::asJSONObjectFromBase64Encoding(jsonUrl("{\"a\": ")).isValid());
-    EXPECT_FALSE(PropertyList::asJSONObjectFromBase64Encoding(jsonUrl("42")).isValid()); // not an object or array
+    EXPECT_FALSE(
+        PropertyList::asJSONObjectFromBase64Encoding(jsonUrl("42")).isValid()); // not an object or array
     EXPECT_FALSE(PropertyList::asJSONObjectFromBase64Encoding("data:application/json;base64,@@@").isValid());
     QByteArray deep(3000, '[');
     deep += QByteArray(3000, ']');

@@ -110,14 +110,15 @@ TEST(PlistHostile, TenThousandLevelsOfNestingAreRefusedInBothFormats) {
 
     // Just inside the limit still reads.
     const int ok = PropertyList::kMaxDepth;
-    const QByteArray fine = "<plist>" + QByteArray("<array>").repeated(ok) + QByteArray("</array>").repeated(ok) +
-                            "</plist>";
+    const QByteArray fine =
+        "<plist>" + QByteArray("<array>").repeated(ok) + QByteArray("</array>").repeated(ok) + "</plist>";
     EXPECT_EQ(read(fine), "VALID");
 }
 
 TEST(PlistHostile, CyclesAndSharedObjectBombsAreRefused) {
     EXPECT_TRUE(read(binary({QByteArray("\xA1", 1) + ref(0)})).contains("contains itself"));
-    EXPECT_TRUE(read(binary({QByteArray("\xA1", 1) + ref(1), QByteArray("\xA1", 1) + ref(0)})).contains("itself"));
+    EXPECT_TRUE(
+        read(binary({QByteArray("\xA1", 1) + ref(1), QByteArray("\xA1", 1) + ref(0)})).contains("itself"));
 
     // 30 arrays each holding the next one 16 times: 16^29 leaves once copied out.
     std::vector<QByteArray> objects;
@@ -177,8 +178,8 @@ TEST(PlistHostile, InvalidUtf8AndWrongRootsAreNilWithALogLine) {
         EXPECT_FALSE(PropertyList::fromBase64EncodedString(PropertyList::encodedBase64(b)).has_value());
     }
     // Roots of every other type.
-    for (const QVariant &root : {QVariant("s"), QVariant(1), QVariant(true), QVariant(QByteArray("d")),
-                                 QVariant(QVariantList{})}) {
+    for (const QVariant &root :
+         {QVariant("s"), QVariant(1), QVariant(true), QVariant(QByteArray("d")), QVariant(QVariantList{})}) {
         const QString text =
             PropertyList::encodedBase64(PropertyList::dataFromPropertyList(root, PlistFormat::Binary));
         EXPECT_FALSE(PropertyList::fromBase64EncodedString(text).has_value());
@@ -186,7 +187,8 @@ TEST(PlistHostile, InvalidUtf8AndWrongRootsAreNilWithALogLine) {
     const QStringList lines = log.messages();
     ASSERT_EQ(lines.size(), bad.size() + 5) << lines.join('\n').toStdString();
     for (qsizetype i = 0; i < bad.size(); ++i)
-        EXPECT_TRUE(lines[i].startsWith("Error inside +[NSDictionary(OKVA_plist) fromBase64EncodedString:mutability:]"));
+        EXPECT_TRUE(lines[i].startsWith(
+            "Error inside +[NSDictionary(OKVA_plist) fromBase64EncodedString:mutability:]"));
     for (qsizetype i = bad.size(); i < lines.size(); ++i)
         EXPECT_TRUE(lines[i].contains("expected dictionary but found"));
 }

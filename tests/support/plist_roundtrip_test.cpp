@@ -14,7 +14,9 @@ using namespace brix;
 
 namespace {
 
-QDateTime utc(qint64 msecs) { return QDateTime::fromMSecsSinceEpoch(msecs, QTimeZone::utc()); }
+QDateTime utc(qint64 msecs) {
+    return QDateTime::fromMSecsSinceEpoch(msecs, QTimeZone::utc());
+}
 
 QVariant roundTrip(const QVariant &value, PlistFormat format) {
     QString error;
@@ -66,7 +68,8 @@ TEST(PlistRoundTrip, EveryValueTypeKeepsTypeAndValueInBothFormats) {
         EXPECT_EQ(back, all);
         EXPECT_EQ(back.keys(), all.keys());
         for (const QString &key : all.keys()) {
-            const int want = all.value(key).typeId() == QMetaType::Int ? QMetaType::LongLong : all.value(key).typeId();
+            const int want =
+                all.value(key).typeId() == QMetaType::Int ? QMetaType::LongLong : all.value(key).typeId();
             EXPECT_EQ(back.value(key).typeId(), want) << key.toStdString();
         }
         EXPECT_EQ(back.value("int min").toLongLong(), std::numeric_limits<qlonglong>::min());
@@ -85,12 +88,12 @@ TEST(PlistRoundTrip, RootsOtherThanDictionariesWork) {
 
 TEST(PlistRoundTrip, DatesKeepTheSecondInXmlAndTheMillisecondInBinary) {
     const QList<QDateTime> dates{
-        utc(1763700000123),  // 2025, with milliseconds
-        utc(978307200000),   // the format's own epoch
-        utc(978307199500),   // half a second before it
-        utc(-14182940000),   // 1969-07-20 20:17:40
-        utc(-14182939250),   // and 750 ms later, before the epoch
-        utc(3124137599999),  // 2068-12-31, near the end of the range
+        utc(1763700000123), // 2025, with milliseconds
+        utc(978307200000),  // the format's own epoch
+        utc(978307199500),  // half a second before it
+        utc(-14182940000),  // 1969-07-20 20:17:40
+        utc(-14182939250),  // and 750 ms later, before the epoch
+        utc(3124137599999), // 2068-12-31, near the end of the range
     };
     for (const QDateTime &when : dates) {
         SCOPED_TRACE(when.toString(Qt::ISODateWithMs).toStdString());
@@ -159,7 +162,8 @@ TEST(PlistRoundTrip, ReadsABinaryListWrittenByAnotherProducer) {
     EXPECT_EQ(m.value("yes").typeId(), QMetaType::Bool);
     EXPECT_TRUE(m.value("yes").toBool());
     EXPECT_FALSE(m.value("no").toBool());
-    EXPECT_EQ(m.value("when").toDateTime(), QDateTime(QDate(2024, 2, 29), QTime(12, 34, 56), QTimeZone::utc()));
+    EXPECT_EQ(m.value("when").toDateTime(),
+              QDateTime(QDate(2024, 2, 29), QTime(12, 34, 56), QTimeZone::utc()));
     QByteArray bytes;
     for (char i = 0; i < 20; ++i)
         bytes.append(i);

@@ -11,7 +11,9 @@ using namespace brix;
 
 namespace {
 
-QString storePath() { return test::testHome() + "/.config/Brix/factory-test.plist"; }
+QString storePath() {
+    return test::testHome() + "/.config/Brix/factory-test.plist";
+}
 
 TEST(PrefsFactory, ResourceFileGivesEveryFallbackAndAUsableMiniSizeList) {
     // Set when this test runs from an installed tree (tests/install).
