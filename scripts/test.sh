@@ -25,13 +25,15 @@ ctest --test-dir build/asan --output-on-failure -j "$jobs"
 
 echo "== TSan build and concurrency tests"
 cmake --preset tsan >/dev/null
-cmake --build --preset tsan -j "$jobs"
+cmake --build --preset tsan -j "$jobs" --target brix_concurrency_tests
 ctest --test-dir build/tsan --output-on-failure -j "$jobs" -L concurrency
 
 if ls tests/fuzz/*.cpp >/dev/null 2>&1; then
   echo "== libFuzzer targets (short runs)"
   cmake --preset fuzz >/dev/null
-  cmake --build --preset fuzz -j "$jobs"
+  fuzz_targets=$(for f in tests/fuzz/fuzz_*.cpp; do basename "$f" .cpp; done)
+  # shellcheck disable=SC2086
+  cmake --build --preset fuzz -j "$jobs" --target $fuzz_targets
   for f in build/fuzz/tests/fuzz/fuzz_*; do
     [ -x "$f" ] || continue
     corpus="tests/fuzz/corpus/$(basename "$f")"
