@@ -21,7 +21,9 @@ namespace {
 
 QString describeIndented(const QVariant &value, int depth);
 
-QString indent(int depth) { return QString(depth * 4, QLatin1Char(' ')); }
+QString indent(int depth) {
+    return QString(depth * 4, QLatin1Char(' '));
+}
 
 QString describeIndented(const QVariant &value, int depth) {
     if (!value.isValid() || value.isNull())
@@ -30,7 +32,8 @@ QString describeIndented(const QVariant &value, int depth) {
     if (type == QMetaType::fromType<QString>())
         return value.toString();
     if (type == QMetaType::fromType<QDateTime>())
-        return DateFormat::format(value.toDateTime(), QStringLiteral("yyyy-MM-dd HH:mm:ss Z"), QStringLiteral("UTC"));
+        return DateFormat::format(value.toDateTime(), QStringLiteral("yyyy-MM-dd HH:mm:ss Z"),
+                                  QStringLiteral("UTC"));
     if (type == QMetaType::fromType<QVariantMap>()) {
         const QVariantMap map = value.toMap();
         QString out = QStringLiteral("{\n");
@@ -145,7 +148,9 @@ QString one(const QByteArray &spec, char conversion, const Arg *arg) {
 
 } // namespace
 
-QString describe(const QVariant &value) { return describeIndented(value, 0); }
+QString describe(const QVariant &value) {
+    return describeIndented(value, 0);
+}
 
 QString format(const char *fmt, std::initializer_list<Arg> args) {
     QString out;
@@ -200,6 +205,8 @@ QString callStackReturnAddresses() {
     return out + QLatin1Char(')');
 }
 
-void log(const QString &line) { Logger::setError(line); }
+void log(const QString &line) {
+    Logger::setError(line);
+}
 
 } // namespace brix::cameratext

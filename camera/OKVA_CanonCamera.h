@@ -51,11 +51,14 @@ inline const QString kOKVA_CanonCameraDidUnload = QStringLiteral("OKVA_CanonCame
 inline const QString kOKVA_CanonCameraListDidUpdate = QStringLiteral("OKVA_CanonCameraListDidUpdate");
 inline const QString kOKVA_CanonCameraAdded = QStringLiteral("OKVA_CanonCameraAdded");
 inline const QString kOKVA_CanonCameraPropertyDidChange = QStringLiteral("OKVA_CanonCameraPropertyDidChange");
-inline const QString kOKVA_CanonCameraPropertiesDidChange = QStringLiteral("OKVA_CanonCameraPropertiesDidChange");
+inline const QString kOKVA_CanonCameraPropertiesDidChange =
+    QStringLiteral("OKVA_CanonCameraPropertiesDidChange");
 inline const QString kOKVA_CanonCameraCommandError = QStringLiteral("OKVA_CanonCameraCommandError");
 inline const QString kOKVA_CanonCameraDownloadProgress = QStringLiteral("OKVA_CanonCameraDownloadProgress");
-inline const QString kOKVA_CanonCameraPhotoDataAvailable = QStringLiteral("OKVA_CanonCameraPhotoDataAvailable");
-inline const QString kOKVA_CanonCameraLiveViewImageUpdate = QStringLiteral("OKVA_CanonCameraLiveViewImageUpdate");
+inline const QString kOKVA_CanonCameraPhotoDataAvailable =
+    QStringLiteral("OKVA_CanonCameraPhotoDataAvailable");
+inline const QString kOKVA_CanonCameraLiveViewImageUpdate =
+    QStringLiteral("OKVA_CanonCameraLiveViewImageUpdate");
 
 inline const QString kOKVA_CanonCameraPropertyName = QStringLiteral("OKVA_CanonCameraPropertyName");
 inline const QString kOKVA_CanonCameraProperty = QStringLiteral("OKVA_CanonCameraProperty");
@@ -251,7 +254,7 @@ private:
     NamedLock liveViewLock_{QStringLiteral("liveViewLock")};
     mutable std::mutex cacheMutex_;
     QMap<QString, QVariantMap> supportedValues_;
-    QList<QVariantMap> commandQueue_; // guarded by queueLock_
+    QList<QVariantMap> commandQueue_;  // guarded by queueLock_
     std::vector<char> liveViewBuffer_; // used only under liveViewLock_
     std::atomic<bool> loaded_{false};
     std::atomic<bool> liveViewRunning_{false};

@@ -61,11 +61,12 @@ protected:
         // delivery may be waiting for the main thread: let it go elsewhere
         // while the main loop keeps running.
         auto gone = std::make_shared<std::atomic<bool>>(false);
-        dispatch::detachThread("sim-teardown", [s = std::move(simulator), d = std::move(sdk), gone]() mutable {
-            d.reset();
-            s.reset();
-            *gone = true;
-        });
+        dispatch::detachThread("sim-teardown",
+                               [s = std::move(simulator), d = std::move(sdk), gone]() mutable {
+                                   d.reset();
+                                   s.reset();
+                                   *gone = true;
+                               });
         waitFor([&] { return gone->load(); });
         NotificationCenter::defaultCenter().removeObserver(token);
         QCoreApplication::processEvents();
@@ -88,7 +89,8 @@ protected:
         posted.clear();
     }
 
-    bool waitFor(const std::function<bool()> &done, std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
+    bool waitFor(const std::function<bool()> &done,
+                 std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
         return processEventsUntil(done, timeout);
     }
     // Runs the main loop for a while for work that must NOT happen.

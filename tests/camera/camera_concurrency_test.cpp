@@ -85,7 +85,8 @@ TEST_F(CameraUnderLoad, ABurstOfFiftyShotsArrivesWholeAndInOrder) {
     ASSERT_TRUE(camera);
     for (int i = 0; i < 50; ++i)
         ASSERT_TRUE(control->pressShutter());
-    ASSERT_TRUE(waitFor([&] { return count(kOKVA_CanonCameraPhotoDataAvailable) == 50; }, std::chrono::seconds(120)));
+    ASSERT_TRUE(
+        waitFor([&] { return count(kOKVA_CanonCameraPhotoDataAvailable) == 50; }, std::chrono::seconds(120)));
 
     const auto shots = named(kOKVA_CanonCameraPhotoDataAvailable);
     std::vector<std::pair<QString, QByteArray>> transfers;
@@ -106,7 +107,8 @@ TEST_F(CameraUnderLoad, ABurstOfFiftyShotsArrivesWholeAndInOrder) {
         digests.insert(QCryptographicHash::hash(data, QCryptographicHash::Sha1));
     }
     EXPECT_EQ(digests.size(), 50u);
-    EXPECT_FALSE(QImage::fromData(shots[49].note.userInfo.value(kOKVA_CanonCameraPhotoData).toByteArray()).isNull());
+    EXPECT_FALSE(
+        QImage::fromData(shots[49].note.userInfo.value(kOKVA_CanonCameraPhotoData).toByteArray()).isNull());
     // Streams were all given back: the only count still held is the camera's own.
     EXPECT_EQ(control->callerReferenceCount(), 1);
 }
