@@ -245,7 +245,7 @@ void OKVA_CanonCamera::updateCameraListAsync() {
             std::lock_guard lk(st.listMutex);
             if (newCameras.isEmpty()) {
                 replaced.swap(st.list);
-            } else if (!std::equal(newCameras.begin(), newCameras.end(), st.list.begin(), st.list.end(),
+            } else if (!std::equal(newCameras.cbegin(), newCameras.cend(), st.list.cbegin(), st.list.cend(),
                                    [](const CameraPtr &a, const CameraPtr &b) { return a->isEqual(b); })) {
                 replaced.swap(st.list);
                 st.list = newCameras;
