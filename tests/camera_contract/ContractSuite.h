@@ -1,6 +1,7 @@
 // What every camera backend promises behind the SDK interface, as one
 // value-parameterised GoogleTest suite. A backend's test folder instantiates it
-// with a Backend record:
+// with a Backend record (ContractSupport.h), in exactly one source file of the
+// test executable, since this header defines the test bodies:
 //
 //   INSTANTIATE_TEST_SUITE_P(Simulator, EdsContract, ::testing::Values(mySimulatorBackend()),
 //                            [](const auto &info) { return info.param.name; });
@@ -11,111 +12,9 @@
 // not have is skipped. A backend needs one camera attached when the suite runs.
 #pragma once
 
-#include "EdsRef.h"
-#include "EdsSdk.h"
-#include "TestSupport.h"
-
-#include <QByteArray>
-#include <QImage>
-
-#include <gtest/gtest.h>
-
-#include <cstring>
-#include <functional>
-#include <memory>
-#include <mutex>
-#include <string>
-#include <thread>
-#include <vector>
+#include "ContractSupport.h"
 
 namespace brix::eds::contract {
-
-struct Backend {
-    std::string name;
-    std::function<std::unique_ptr<EdsSdk>()> make;
-    // The shutter pressed on the body; false when it could not be.
-    std::function<bool(EdsSdk &)> pressShutter;
-    // The cable pulled from the camera that has the session.
-    std::function<bool(EdsSdk &)> unplug;
-    // The next `count` calls of `operation` fail with `code`.
-    std::function<bool(EdsSdk &, const std::string &operation, EdsError code, unsigned count)> injectError;
-    // References the host holds now (0 once everything is released).
-    std::function<long(EdsSdk &)> callerReferences;
-    // Lets live view produce its next frame (advances a clock, or waits).
-    std::function<void()> nextFrame;
-    // Runs after each case, once the sdk is gone.
-    std::function<void()> done;
-};
-
-// Everything the backend called back, with the thread it called on.
-struct EventLog {
-    struct Event {
-        char kind; // 's' state, 'p' property, 'o' object, 'a' camera added
-        EdsUInt32 event;
-        EdsUInt32 a;
-        std::thread::id thread;
-    };
-    std::mutex mutex;
-    std::vector<Event> events;
-    std::vector<EdsBaseRef> items; // directory items offered, retained here
-    EdsSdk *sdk = nullptr;
-
-    void add(Event e) {
-        std::lock_guard lock(mutex);
-        events.push_back(e);
-    }
-    size_t count(char kind, EdsUInt32 event, EdsUInt32 a = 0xFFFFFFFF) {
-        std::lock_guard lock(mutex);
-        size_t n = 0;
-        for (const auto &e : events)
-            n += e.kind == kind && e.event == event && (a == 0xFFFFFFFF || e.a == a);
-        return n;
-    }
-    std::vector<Event> snapshot() {
-        std::lock_guard lock(mutex);
-        return events;
-    }
-
-    static EdsError onState(EdsStateEvent event, EdsUInt32 data, EdsVoid *context) {
-        static_cast<EventLog *>(context)->add({'s', event, data, std::this_thread::get_id()});
-        return EDS_ERR_OK;
-    }
-    static EdsError onProperty(EdsPropertyEvent event, EdsPropertyID id, EdsUInt32, EdsVoid *context) {
-        static_cast<EventLog *>(context)->add({'p', event, id, std::this_thread::get_id()});
-        return EDS_ERR_OK;
-    }
-    static EdsError onObject(EdsObjectEvent event, EdsBaseRef ref, EdsVoid *context) {
-        auto *log = static_cast<EventLog *>(context);
-        if (event == kEdsObjectEvent_DirItemRequestTransfer) {
-            log->sdk->EdsRetain(ref); // the reference is lent for the call
-            std::lock_guard lock(log->mutex);
-            log->items.push_back(ref);
-        }
-        log->add({'o', event, 0, std::this_thread::get_id()});
-        return EDS_ERR_OK;
-    }
-    static EdsError onAdded(EdsVoid *context) {
-        static_cast<EventLog *>(context)->add({'a', 0, 0, std::this_thread::get_id()});
-        return EDS_ERR_OK;
-    }
-};
-
-struct Progress {
-    std::mutex mutex;
-    std::vector<EdsUInt32> percents;
-    std::vector<std::thread::id> threads;
-    EdsUInt32 cancelAt = 1000;
-
-    static EdsError callback(EdsUInt32 percent, EdsVoid *context, EdsBool *cancel) {
-        auto *p = static_cast<Progress *>(context);
-        std::lock_guard lock(p->mutex);
-        p->percents.push_back(percent);
-        p->threads.push_back(std::this_thread::get_id());
-        if (cancel)
-            *cancel = percent >= p->cancelAt;
-        return EDS_ERR_OK;
-    }
-};
 
 class EdsContract : public ::testing::TestWithParam<Backend> {
 protected:
@@ -155,14 +54,17 @@ protected:
         ASSERT_EQ(sdk_->EdsGetChildCount(list.get(), &count), EDS_ERR_OK);
         ASSERT_GE(count, 1u) << "the contract needs one camera attached";
         ASSERT_EQ(sdk_->EdsGetChildAtIndex(list.get(), 0, camera_.receive(*sdk_)), EDS_ERR_OK);
-        ASSERT_EQ(sdk_->EdsSetCameraStateEventHandler(camera_.get(), kEdsStateEvent_All, &EventLog::onState, &log_),
-                  EDS_ERR_OK);
+        ASSERT_EQ(
+            sdk_->EdsSetCameraStateEventHandler(camera_.get(), kEdsStateEvent_All, &EventLog::onState, &log_),
+            EDS_ERR_OK);
         ASSERT_EQ(sdk_->EdsOpenSession(camera_.get()), EDS_ERR_OK);
         sessionOpen_ = true;
-        ASSERT_EQ(sdk_->EdsSetPropertyEventHandler(camera_.get(), kEdsPropertyEvent_All, &EventLog::onProperty, &log_),
+        ASSERT_EQ(sdk_->EdsSetPropertyEventHandler(camera_.get(), kEdsPropertyEvent_All,
+                                                   &EventLog::onProperty, &log_),
                   EDS_ERR_OK);
-        ASSERT_EQ(sdk_->EdsSetObjectEventHandler(camera_.get(), kEdsObjectEvent_All, &EventLog::onObject, &log_),
-                  EDS_ERR_OK);
+        ASSERT_EQ(
+            sdk_->EdsSetObjectEventHandler(camera_.get(), kEdsObjectEvent_All, &EventLog::onObject, &log_),
+            EDS_ERR_OK);
     }
 
     EdsError setUInt32(EdsPropertyID id, EdsUInt32 value) {
@@ -184,10 +86,12 @@ protected:
             before = log_.items.size();
         }
         EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_TakePicture, 0), EDS_ERR_OK);
-        EXPECT_TRUE(test::processEventsUntil([&] {
-            std::lock_guard lock(log_.mutex);
-            return log_.items.size() > before;
-        }, std::chrono::seconds(30)));
+        EXPECT_TRUE(test::processEventsUntil(
+            [&] {
+                std::lock_guard lock(log_.mutex);
+                return log_.items.size() > before;
+            },
+            std::chrono::seconds(30)));
         std::lock_guard lock(log_.mutex);
         return log_.items.size() > before ? log_.items.back() : nullptr;
     }
@@ -197,10 +101,11 @@ protected:
         EXPECT_EQ(sdk_->EdsGetDirectoryItemInfo(item, &info), EDS_ERR_OK);
         QByteArray bytes(qsizetype(info.size), '\0');
         EdsStreamHandle stream;
-        EXPECT_EQ(sdk_->EdsCreateMemoryStreamFromPointer(bytes.data(), info.size, stream.receive(*sdk_)), EDS_ERR_OK);
+        EXPECT_EQ(sdk_->EdsCreateMemoryStreamFromPointer(bytes.data(), info.size, stream.receive(*sdk_)),
+                  EDS_ERR_OK);
         if (progress) {
-            EXPECT_EQ(sdk_->EdsSetProgressCallback(stream.get(), &Progress::callback, kEdsProgressOption_Periodically,
-                                                   progress),
+            EXPECT_EQ(sdk_->EdsSetProgressCallback(stream.get(), &Progress::callback,
+                                                   kEdsProgressOption_Periodically, progress),
                       EDS_ERR_OK);
         }
         const EdsError e = sdk_->EdsDownload(item, info.size, stream.get());
@@ -260,12 +165,14 @@ TEST_P(EdsContract, PropertiesHaveTheirSdkTypesAndEventsArriveOnOneBackendThread
     ASSERT_EQ(sdk_->EdsGetPropertySize(camera_.get(), kEdsPropID_ProductName, 0, &type, &size), EDS_ERR_OK);
     EXPECT_EQ(type, EdsDataType(kEdsDataType_String));
     std::vector<char> name(size + 1, 'x');
-    ASSERT_EQ(sdk_->EdsGetPropertyData(camera_.get(), kEdsPropID_ProductName, 0, size, name.data()), EDS_ERR_OK);
+    ASSERT_EQ(sdk_->EdsGetPropertyData(camera_.get(), kEdsPropID_ProductName, 0, size, name.data()),
+              EDS_ERR_OK);
     EXPECT_EQ(strnlen(name.data(), size), size - 1) << "a string fills its reported size with its NUL";
 
     // A string the host writes reads back the same.
     const char artist[] = "Brix Station \xC3\xA9";
-    ASSERT_EQ(sdk_->EdsSetPropertyData(camera_.get(), kEdsPropID_Artist, 0, sizeof artist, artist), EDS_ERR_OK);
+    ASSERT_EQ(sdk_->EdsSetPropertyData(camera_.get(), kEdsPropID_Artist, 0, sizeof artist, artist),
+              EDS_ERR_OK);
     ASSERT_EQ(sdk_->EdsGetPropertySize(camera_.get(), kEdsPropID_Artist, 0, &type, &size), EDS_ERR_OK);
     std::vector<char> back(size);
     ASSERT_EQ(sdk_->EdsGetPropertyData(camera_.get(), kEdsPropID_Artist, 0, size, back.data()), EDS_ERR_OK);
@@ -276,7 +183,8 @@ TEST_P(EdsContract, PropertiesHaveTheirSdkTypesAndEventsArriveOnOneBackendThread
     ASSERT_EQ(sdk_->EdsGetPropertyDesc(camera_.get(), kEdsPropID_DriveMode, &desc), EDS_ERR_OK);
     ASSERT_GE(desc.numElements, 2);
     const EdsUInt32 drive = getUInt32(kEdsPropID_DriveMode);
-    const EdsUInt32 other = EdsUInt32(desc.propDesc[0]) == drive ? EdsUInt32(desc.propDesc[1]) : EdsUInt32(desc.propDesc[0]);
+    const EdsUInt32 other =
+        EdsUInt32(desc.propDesc[0]) == drive ? EdsUInt32(desc.propDesc[1]) : EdsUInt32(desc.propDesc[0]);
     ASSERT_EQ(setUInt32(kEdsPropID_DriveMode, other), EDS_ERR_OK);
     EXPECT_EQ(getUInt32(kEdsPropID_DriveMode), other);
     ASSERT_TRUE(test::processEventsUntil(
@@ -286,7 +194,8 @@ TEST_P(EdsContract, PropertiesHaveTheirSdkTypesAndEventsArriveOnOneBackendThread
     const auto events = log_.snapshot();
     ASSERT_FALSE(events.empty());
     for (const auto &e : events) {
-        EXPECT_NE(e.thread, std::this_thread::get_id()) << "event " << std::hex << e.event << " on the caller's thread";
+        EXPECT_NE(e.thread, std::this_thread::get_id())
+            << "event " << std::hex << e.event << " on the caller's thread";
         EXPECT_EQ(e.thread, events.front().thread) << "event " << std::hex << e.event << " on another thread";
     }
 }
@@ -340,7 +249,8 @@ TEST_P(EdsContract, DownloadDeliversTheExactBytesWithProgressTo100) {
     QByteArray bytes(qsizetype(info.size), '\0');
     EdsStreamHandle s2;
     ASSERT_EQ(sdk_->EdsCreateMemoryStreamFromPointer(bytes.data(), info.size, s2.receive(*sdk_)), EDS_ERR_OK);
-    ASSERT_EQ(sdk_->EdsSetProgressCallback(s2.get(), &Progress::callback, kEdsProgressOption_Periodically, &cancelling),
+    ASSERT_EQ(sdk_->EdsSetProgressCallback(s2.get(), &Progress::callback, kEdsProgressOption_Periodically,
+                                           &cancelling),
               EDS_ERR_OK);
     EXPECT_EQ(sdk_->EdsDownload(second, info.size, s2.get()), EDS_ERR_OPERATION_CANCELLED);
     EXPECT_EQ(sdk_->EdsDownloadComplete(second), EDS_ERR_OK);
@@ -351,7 +261,8 @@ TEST_P(EdsContract, InjectedErrorsComeBackAsCodesForTheirCount) {
         GTEST_SKIP() << GetParam().name << " cannot inject errors";
     openFirstCamera();
     ASSERT_TRUE(GetParam().injectError(*sdk_, "EdsSendCommand", EDS_ERR_TAKE_PICTURE_AF_NG, 1));
-    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_ExtendShutDownTimer, 0), EDS_ERR_TAKE_PICTURE_AF_NG);
+    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_ExtendShutDownTimer, 0),
+              EDS_ERR_TAKE_PICTURE_AF_NG);
     EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_ExtendShutDownTimer, 0), EDS_ERR_OK);
 
     ASSERT_TRUE(GetParam().injectError(*sdk_, "EdsGetPropertyData", EDS_ERR_DEVICE_BUSY, 2));
@@ -373,7 +284,8 @@ TEST_P(EdsContract, InjectedErrorsComeBackAsCodesForTheirCount) {
     ASSERT_EQ(sdk_->EdsGetDirectoryItemInfo(item, &info), EDS_ERR_OK);
     QByteArray bytes(qsizetype(info.size), '\0');
     EdsStreamHandle stream;
-    ASSERT_EQ(sdk_->EdsCreateMemoryStreamFromPointer(bytes.data(), info.size, stream.receive(*sdk_)), EDS_ERR_OK);
+    ASSERT_EQ(sdk_->EdsCreateMemoryStreamFromPointer(bytes.data(), info.size, stream.receive(*sdk_)),
+              EDS_ERR_OK);
     EXPECT_EQ(sdk_->EdsDownload(item, info.size, stream.get()), EDS_ERR_STREAM_WRITE_ERROR);
     EXPECT_EQ(sdk_->EdsDownloadComplete(item), EDS_ERR_OK);
 }
@@ -442,7 +354,8 @@ TEST_P(EdsContract, LiveViewGivesMovingJpegFramesWithNotReadyBetween) {
     QByteArray buffer(qsizetype(kStreamSize), '\0');
     EdsStreamHandle stream;
     EdsEvfImageHandle image;
-    ASSERT_EQ(sdk_->EdsCreateMemoryStreamFromPointer(buffer.data(), kStreamSize, stream.receive(*sdk_)), EDS_ERR_OK);
+    ASSERT_EQ(sdk_->EdsCreateMemoryStreamFromPointer(buffer.data(), kStreamSize, stream.receive(*sdk_)),
+              EDS_ERR_OK);
     ASSERT_EQ(sdk_->EdsCreateEvfImageRef(stream.get(), image.receive(*sdk_)), EDS_ERR_OK);
     EXPECT_NE(sdk_->EdsDownloadEvfImage(camera_.get(), image.get()), EDS_ERR_OK);
 }

@@ -2,11 +2,11 @@
 // live-view frames come when the test says.
 #pragma once
 
-#include "ContractSuite.h"
+#include "ContractSupport.h"
 #include "Dispatch.h"
 #include "SimulatorControl.h"
 
-namespace brix::eds::test {
+namespace brix::eds::simtest {
 
 inline dispatch::ManualClock &simulatorClock() {
     static dispatch::ManualClock clock;
@@ -31,4 +31,4 @@ inline contract::Backend simulatorBackend() {
     return b;
 }
 
-} // namespace brix::eds::test
+} // namespace brix::eds::simtest
