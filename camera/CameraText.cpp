@@ -9,6 +9,7 @@
 #include <QImage>
 
 #include <cstdio>
+#include <cstring>
 #include <execinfo.h>
 #include <pthread.h>
 #include <unistd.h>

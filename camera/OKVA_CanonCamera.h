@@ -206,6 +206,8 @@ public:
     void queueCameraCommand(eds::EdsCameraCommand command, eds::EdsInt32 parameter);
     void performNextQueuedCameraCommand();
     void performCommandWithDictionary(const QVariantMap &command);
+    // Sends on the caller's thread, without the queue. Returns the SDK's answer,
+    // or EDS_ERR_DEVICE_BUSY when the command lock was not had within 3 s.
     eds::EdsError performCameraCommand(eds::EdsCameraCommand command, eds::EdsInt32 parameter);
     void takePicture();
     void pressShutter(eds::EdsUInt32 parameter);
