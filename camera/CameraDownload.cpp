@@ -104,6 +104,7 @@ EdsError OKVA_CanonCamera::progressHandler(EdsUInt32 percent, void *context, Eds
     logf(kLogProgress, percent);
     if (cancel)
         *cancel = answer ? 1 : 0;
+    letGoOffEventThread(std::move(camera));
     return EDS_ERR_OK;
 }
 

@@ -4,6 +4,7 @@
 #include "CameraClassState.h"
 #include "CameraText.h"
 #include "DateFormat.h"
+#include "Dispatch.h"
 #include "NotificationCenter.h"
 
 #include <QDate>
@@ -338,23 +339,33 @@ bool OKVA_CanonCamera::setHostStorageCapacityAtPath(const QString &path, bool re
 
 // --- events -----------------------------------------------------------------------------------
 
+void OKVA_CanonCamera::letGoOffEventThread(CameraPtr camera) {
+    // The camera may hold the last reference to its SDK, and an SDK cannot be
+    // torn down on the thread that is delivering its events.
+    if (camera && camera.use_count() == 1)
+        dispatch::globalQueue()->async([camera = std::move(camera)]() mutable { camera.reset(); });
+}
+
 EdsError OKVA_CanonCamera::stateEventHandler(EdsStateEvent event, EdsUInt32 data, void *context) {
-    if (CameraPtr camera = cameraForContext(context))
-        return camera->processCameraEvent(event, data);
-    return EDS_ERR_OK;
+    CameraPtr camera = cameraForContext(context);
+    const EdsError err = camera ? camera->processCameraEvent(event, data) : EDS_ERR_OK;
+    letGoOffEventThread(std::move(camera));
+    return err;
 }
 
 EdsError OKVA_CanonCamera::propertyEventHandler(EdsPropertyEvent event, EdsPropertyID id, EdsUInt32 param,
                                                 void *context) {
-    if (CameraPtr camera = cameraForContext(context))
-        return camera->processPropertyEvent(event, id, param);
-    return EDS_ERR_OK;
+    CameraPtr camera = cameraForContext(context);
+    const EdsError err = camera ? camera->processPropertyEvent(event, id, param) : EDS_ERR_OK;
+    letGoOffEventThread(std::move(camera));
+    return err;
 }
 
 EdsError OKVA_CanonCamera::objectEventHandler(EdsObjectEvent event, EdsBaseRef ref, void *context) {
-    if (CameraPtr camera = cameraForContext(context))
-        return camera->processObjectEvent(event, ref);
-    return EDS_ERR_OK;
+    CameraPtr camera = cameraForContext(context);
+    const EdsError err = camera ? camera->processObjectEvent(event, ref) : EDS_ERR_OK;
+    letGoOffEventThread(std::move(camera));
+    return err;
 }
 
 EdsError OKVA_CanonCamera::processCameraEvent(EdsStateEvent event, EdsUInt32 eventData) {

@@ -244,6 +244,8 @@ private:
     static eds::EdsError progressHandler(eds::EdsUInt32 percent, void *context, eds::EdsBool *cancel);
     static eds::EdsError cameraAddedHandler(void *context);
     static CameraPtr cameraForContext(void *context);
+    // Lets a camera go that an SDK callback held, on another thread when it is the last reference.
+    static void letGoOffEventThread(CameraPtr camera);
 
     std::atomic<OKVA_CanonCameraDelegate *> delegate_{nullptr};
     std::shared_ptr<eds::EdsSdk> sdk_;
