@@ -122,7 +122,16 @@ protected:
         CameraPtr camera = list.first();
         if (!camera->load())
             return nullptr;
-        return camera;
+        // Loading switches saving to the host; the body answers with a change
+        // event that reads the value again. Waiting for it keeps that read from
+        // meeting an error a test injects next.
+        const bool settled = waitFor([&] {
+            for (const auto &p : named(kOKVA_CanonCameraPropertyDidChange))
+                if (p.note.userInfo.value(kOKVA_CanonCameraPropertyName).toString() == QLatin1String("SaveTo"))
+                    return true;
+            return false;
+        });
+        return settled ? camera : nullptr;
     }
 
     std::shared_ptr<eds::EdsSdk> simulator;
