@@ -36,6 +36,9 @@ protected:
     virtual std::shared_ptr<eds::EdsSdk> wrap(std::shared_ptr<eds::EdsSdk> simulator) { return simulator; }
 
     void SetUp() override {
+        // The main queue sets itself up on the thread that first posts to it;
+        // make that the main thread rather than a camera thread.
+        dispatch::mainQueue()->sync([] {});
         qputenv("BRIX_SIM_CAMERAS", QByteArray::number(initialCameras()));
         std::string why;
         std::shared_ptr<eds::EdsSdk> sim(eds::createSimulatorSdk(&why));
