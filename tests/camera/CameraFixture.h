@@ -38,7 +38,7 @@ protected:
     void SetUp() override {
         // The main queue sets itself up on the thread that first posts to it;
         // make that the main thread rather than a camera thread.
-        dispatch::mainQueue()->sync([] {});
+        dispatch::mainQueue()->async([] {});
         qputenv("BRIX_SIM_CAMERAS", QByteArray::number(initialCameras()));
         std::string why;
         std::shared_ptr<eds::EdsSdk> sim(eds::createSimulatorSdk(&why));
