@@ -33,8 +33,8 @@ constexpr std::size_t kShotBytes = 25u * 1000u * 1000u;
 class TimingSdk : public ForwardingSdk {
 public:
     using ForwardingSdk::ForwardingSdk;
-    EdsError EdsSetObjectEventHandler(EdsCameraRef camera, EdsObjectEvent event, EdsObjectEventHandler handler,
-                                      EdsVoid *context) override {
+    EdsError EdsSetObjectEventHandler(EdsCameraRef camera, EdsObjectEvent event,
+                                      EdsObjectEventHandler handler, EdsVoid *context) override {
         handler_ = handler;
         context_ = context;
         self = this;
@@ -152,9 +152,11 @@ void BM_DownloadShot25MB(benchmark::State &state) {
         state.SetIterationTime(seconds);
     }
     NotificationCenter::defaultCenter().removeObserver(token);
-    state.counters["in_progress_ms"] = double(station.sdk->progressNs.load()) / 1e6 / double(state.iterations());
+    state.counters["in_progress_ms"] =
+        double(station.sdk->progressNs.load()) / 1e6 / double(state.iterations());
     state.counters["progress_calls"] = double(station.sdk->progressCalls.load()) / double(state.iterations());
-    state.counters["in_EdsDownload_ms"] = double(station.sdk->downloadNs.load()) / 1e6 / double(state.iterations());
+    state.counters["in_EdsDownload_ms"] =
+        double(station.sdk->downloadNs.load()) / 1e6 / double(state.iterations());
     if (size.load() != qsizetype(kShotBytes))
         state.SkipWithError("the shot did not have the asked size");
     state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(kShotBytes));
@@ -165,8 +167,8 @@ void BM_LiveViewFrameRate(benchmark::State &state) {
     Station station;
     station.control->setLiveViewRate(60);
     std::atomic<int> frames{0};
-    auto token = NotificationCenter::defaultCenter().addObserver(kOKVA_CanonCameraLiveViewImageUpdate, {},
-                                                                 [&](const Notification &) { frames.fetch_add(1); });
+    auto token = NotificationCenter::defaultCenter().addObserver(
+        kOKVA_CanonCameraLiveViewImageUpdate, {}, [&](const Notification &) { frames.fetch_add(1); });
     station.camera->liveViewBegin();
     pumpUntil([&] { return frames.load() >= 5; }); // warmed up
     for (auto _ : state) {

@@ -46,8 +46,8 @@ constexpr double kQueueLockSeconds = 30.0;
 constexpr double kCommandLockSeconds = 3.0;
 
 std::chrono::steady_clock::time_point deadlineIn(double seconds) {
-    return std::chrono::steady_clock::now() +
-           std::chrono::duration_cast<std::chrono::steady_clock::duration>(std::chrono::duration<double>(seconds));
+    return std::chrono::steady_clock::now() + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                                                  std::chrono::duration<double>(seconds));
 }
 
 QVariantMap commandDictionary(EdsCameraCommand command, EdsInt32 parameter) {
@@ -158,7 +158,8 @@ void OKVA_CanonCamera::performCommandWithDictionary(const QVariantMap &command) 
         UserInfoBuilder info;
         info.add(kOKVA_CanonCameraCommandDictionary, command)
             .add(kOKVA_CanonCameraCommandErrorKey, QVariant::fromValue(error));
-        NotificationCenter::defaultCenter().postOnMainNoWait(info.make(kOKVA_CanonCameraCommandError, toVariant()));
+        NotificationCenter::defaultCenter().postOnMainNoWait(
+            info.make(kOKVA_CanonCameraCommandError, toVariant()));
     } else {
         logf(kLogSent, descriptionForCommandDictionary(command));
     }
@@ -184,17 +185,25 @@ EdsError OKVA_CanonCamera::performCameraCommand(EdsCameraCommand command, EdsInt
     return err;
 }
 
-void OKVA_CanonCamera::takePicture() { queueCameraCommand(kEdsCameraCommand_TakePicture, 0); }
+void OKVA_CanonCamera::takePicture() {
+    queueCameraCommand(kEdsCameraCommand_TakePicture, 0);
+}
 
 void OKVA_CanonCamera::pressShutter(EdsUInt32 parameter) {
     queueCameraCommand(kEdsCameraCommand_PressShutterButton, static_cast<EdsInt32>(parameter));
 }
 
-void OKVA_CanonCamera::pressShutterHalf() { pressShutter(kEdsCameraCommand_ShutterButton_Halfway); }
+void OKVA_CanonCamera::pressShutterHalf() {
+    pressShutter(kEdsCameraCommand_ShutterButton_Halfway);
+}
 
-void OKVA_CanonCamera::pressShutterFull() { pressShutter(kEdsCameraCommand_ShutterButton_Completely); }
+void OKVA_CanonCamera::pressShutterFull() {
+    pressShutter(kEdsCameraCommand_ShutterButton_Completely);
+}
 
-void OKVA_CanonCamera::releaseShutter() { pressShutter(kEdsCameraCommand_ShutterButton_OFF); }
+void OKVA_CanonCamera::releaseShutter() {
+    pressShutter(kEdsCameraCommand_ShutterButton_OFF);
+}
 
 void OKVA_CanonCamera::liveViewDriveAF(EdsUInt32 parameter) {
     switch (parameter) {
@@ -214,7 +223,9 @@ void OKVA_CanonCamera::liveViewDriveAF(EdsUInt32 parameter) {
     performNextQueuedCameraCommand();
 }
 
-void OKVA_CanonCamera::liveViewDriveAFNear1() { liveViewDriveAF(1); }
+void OKVA_CanonCamera::liveViewDriveAFNear1() {
+    liveViewDriveAF(1);
+}
 
 void OKVA_CanonCamera::liveViewSetZoom(EdsUInt32 zoom) {
     if (zoom != 1 && zoom != 5 && zoom != 10) {

@@ -16,8 +16,8 @@
 namespace brix {
 
 using namespace eds;
-using cameratext::logf;
 using cameratables::errorText;
+using cameratext::logf;
 
 namespace {
 constexpr const char kLogLoadedFrom[] = "EDSDK loaded from: %s";
@@ -39,7 +39,8 @@ constexpr const char kLogNewCamera[] = "detected new camera %@";
 constexpr const char kLogWaitingList[] = "waiting for thread lock on thread: %@\nbackstack:%@";
 constexpr const char kLogGotList[] = "got a lock after waiting %.2f seconds";
 constexpr const char kLogListTimeout[] = "failed to get a lock after waiting %.2f seconds";
-constexpr const char kLogUpdating[] = "got the update thread lock and now detecting cameras on thread: %@\nbackstack:%@";
+constexpr const char kLogUpdating[] =
+    "got the update thread lock and now detecting cameras on thread: %@\nbackstack:%@";
 constexpr const char kLogUnlockingUpdate[] = "unlocking update lock";
 constexpr const char kLogCatchUp[] = "catching up on missed update";
 
@@ -118,9 +119,8 @@ bool OKVA_CanonCamera::initialize(std::shared_ptr<EdsSdk> sdk) {
         std::lock_guard lk(st.sdkMutex);
         if (!st.observingQuit) {
             st.observingQuit = true;
-            QObject::connect(app, &QCoreApplication::aboutToQuit, app, [] {
-                applicationWillTerminate(QString::fromUtf8(kQuitNotificationName));
-            });
+            QObject::connect(app, &QCoreApplication::aboutToQuit, app,
+                             [] { applicationWillTerminate(QString::fromUtf8(kQuitNotificationName)); });
         }
     }
     const EdsError herr = sdk->EdsSetCameraAddedHandler(&cameraAddedHandler, &gClassContext);
@@ -130,7 +130,9 @@ bool OKVA_CanonCamera::initialize(std::shared_ptr<EdsSdk> sdk) {
     return err == EDS_ERR_OK;
 }
 
-std::shared_ptr<EdsSdk> OKVA_CanonCamera::sdk() { return CameraClassState::get().currentSdk(); }
+std::shared_ptr<EdsSdk> OKVA_CanonCamera::sdk() {
+    return CameraClassState::get().currentSdk();
+}
 
 void OKVA_CanonCamera::applicationWillTerminate(const QString &notification) {
     logf(kLogWillTerminate, notification);
@@ -145,7 +147,8 @@ void OKVA_CanonCamera::applicationWillTerminate(const QString &notification) {
 EdsError OKVA_CanonCamera::cameraAddedHandler(void *context) {
     logf(kLogAddedSelf, static_cast<const void *>(context), kClassName);
     updateCameraList();
-    NotificationCenter::defaultCenter().postOnMainNoWait(Notification{kOKVA_CanonCameraAdded, QVariant(), {}, {}});
+    NotificationCenter::defaultCenter().postOnMainNoWait(
+        Notification{kOKVA_CanonCameraAdded, QVariant(), {}, {}});
     logf(kLogAdded);
     return EDS_ERR_OK;
 }
@@ -159,7 +162,9 @@ std::optional<QList<CameraPtr>> OKVA_CanonCamera::cameras() {
     return copy;
 }
 
-void OKVA_CanonCamera::updateCameraList() { dispatch::detachThread("camera-list", [] { updateCameraListAsync(); }); }
+void OKVA_CanonCamera::updateCameraList() {
+    dispatch::detachThread("camera-list", [] { updateCameraListAsync(); });
+}
 
 void OKVA_CanonCamera::updateCameraListAtDate(const QDateTime &date) {
     const qint64 ms = QDateTime::currentDateTime().msecsTo(date);
@@ -205,8 +210,9 @@ void OKVA_CanonCamera::updateCameraListAsync() {
                     continue;
                 }
                 if (CameraPtr camera = initWithCameraRef(child.get())) {
-                    const bool listed = std::any_of(known.begin(), known.end(),
-                                                    [&](const CameraPtr &c) { return c && c->isEqual(*camera); });
+                    const bool listed = std::any_of(known.begin(), known.end(), [&](const CameraPtr &c) {
+                        return c && c->isEqual(*camera);
+                    });
                     if (!listed) {
                         logf(kLogNewCamera, camera->description());
                         newCameras.append(camera);
@@ -239,7 +245,7 @@ void OKVA_CanonCamera::updateCameraListAsync() {
             std::lock_guard lk(st.listMutex);
             if (newCameras.isEmpty()) {
                 replaced.swap(st.list);
-            } else if (!std::equal(newCameras.begin(), newCameras.end(), st.list.begin(), st.list.end(),
+            } else if (!std::equal(newCameras.cbegin(), newCameras.cend(), st.list.cbegin(), st.list.cend(),
                                    [](const CameraPtr &a, const CameraPtr &b) { return a->isEqual(b); })) {
                 replaced.swap(st.list);
                 st.list = newCameras;

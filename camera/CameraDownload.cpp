@@ -46,7 +46,8 @@ EdsError OKVA_CanonCamera::downloadObject(EdsDirectoryItemRef item) {
     EdsDirectoryItemInfo info{};
     sdk_->EdsGetDirectoryItemInfo(item, &info); // an item without info still downloads what it can
     const EdsUInt32 size = static_cast<EdsUInt32>(info.size);
-    const QString fileName = QString::fromUtf8(info.szFileName, qsizetype(strnlen(info.szFileName, sizeof info.szFileName)));
+    const QString fileName =
+        QString::fromUtf8(info.szFileName, qsizetype(strnlen(info.szFileName, sizeof info.szFileName)));
     logf(kLogStarting, size, fileName);
 
     QByteArray buffer;
@@ -62,7 +63,8 @@ EdsError OKVA_CanonCamera::downloadObject(EdsDirectoryItemRef item) {
     if (err != EDS_ERR_OK) {
         logf(kLogStreamError, err);
     } else {
-        const EdsError perr = sdk_->EdsSetProgressCallback(stream.get(), &progressHandler, kEdsProgressOption_Periodically, this);
+        const EdsError perr = sdk_->EdsSetProgressCallback(stream.get(), &progressHandler,
+                                                           kEdsProgressOption_Periodically, this);
         if (perr != EDS_ERR_OK)
             logf(kLogProgressError, perr);
         logf(kLogBeginning);
@@ -77,8 +79,10 @@ EdsError OKVA_CanonCamera::downloadObject(EdsDirectoryItemRef item) {
             } else {
                 logf(kLogComplete);
                 UserInfoBuilder userInfo;
-                userInfo.add(kOKVA_CanonCameraPhotoData, buffer).add(kOKVA_CanonCameraPhotoFilename, fileName);
-                NotificationCenter::defaultCenter().post(userInfo.make(kOKVA_CanonCameraPhotoDataAvailable, toVariant()));
+                userInfo.add(kOKVA_CanonCameraPhotoData, buffer)
+                    .add(kOKVA_CanonCameraPhotoFilename, fileName);
+                NotificationCenter::defaultCenter().post(
+                    userInfo.make(kOKVA_CanonCameraPhotoDataAvailable, toVariant()));
             }
         }
         stream.reset();
@@ -100,6 +104,7 @@ EdsError OKVA_CanonCamera::progressHandler(EdsUInt32 percent, void *context, Eds
     logf(kLogProgress, percent);
     if (cancel)
         *cancel = answer ? 1 : 0;
+    letGoOffEventThread(std::move(camera));
     return EDS_ERR_OK;
 }
 
@@ -160,7 +165,8 @@ void OKVA_CanonCamera::downloadLiveViewImage() {
         // Both are made for this pass and given back at its end.
         EdsStreamHandle stream;
         EdsEvfImageHandle image;
-        EdsError err = sdk_->EdsCreateMemoryStreamFromPointer(buffer->data(), buffer->size(), stream.receive(*sdk_));
+        EdsError err =
+            sdk_->EdsCreateMemoryStreamFromPointer(buffer->data(), buffer->size(), stream.receive(*sdk_));
         if (err != EDS_ERR_OK) {
             logf(kLogMemStreamError, err);
             liveViewRunning_ = false;
@@ -179,8 +185,8 @@ void OKVA_CanonCamera::downloadLiveViewImage() {
             } else {
                 // The frame is compressed data at the start of the buffer; the
                 // decoder stops at its end. Frames come top row first.
-                QImage frame = QImage::fromData(
-                    QByteArrayView(reinterpret_cast<const uchar *>(buffer->data()), qsizetype(buffer->size())));
+                QImage frame = QImage::fromData(QByteArrayView(
+                    reinterpret_cast<const uchar *>(buffer->data()), qsizetype(buffer->size())));
                 if (frame.isNull()) {
                     logf(kLogDecodeError);
                 } else {

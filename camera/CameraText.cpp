@@ -9,6 +9,7 @@
 #include <QImage>
 
 #include <cstdio>
+#include <cstring>
 #include <execinfo.h>
 #include <pthread.h>
 #include <unistd.h>
@@ -21,7 +22,9 @@ namespace {
 
 QString describeIndented(const QVariant &value, int depth);
 
-QString indent(int depth) { return QString(depth * 4, QLatin1Char(' ')); }
+QString indent(int depth) {
+    return QString(depth * 4, QLatin1Char(' '));
+}
 
 QString describeIndented(const QVariant &value, int depth) {
     if (!value.isValid() || value.isNull())
@@ -30,7 +33,8 @@ QString describeIndented(const QVariant &value, int depth) {
     if (type == QMetaType::fromType<QString>())
         return value.toString();
     if (type == QMetaType::fromType<QDateTime>())
-        return DateFormat::format(value.toDateTime(), QStringLiteral("yyyy-MM-dd HH:mm:ss Z"), QStringLiteral("UTC"));
+        return DateFormat::format(value.toDateTime(), QStringLiteral("yyyy-MM-dd HH:mm:ss Z"),
+                                  QStringLiteral("UTC"));
     if (type == QMetaType::fromType<QVariantMap>()) {
         const QVariantMap map = value.toMap();
         QString out = QStringLiteral("{\n");
@@ -145,7 +149,9 @@ QString one(const QByteArray &spec, char conversion, const Arg *arg) {
 
 } // namespace
 
-QString describe(const QVariant &value) { return describeIndented(value, 0); }
+QString describe(const QVariant &value) {
+    return describeIndented(value, 0);
+}
 
 QString format(const char *fmt, std::initializer_list<Arg> args) {
     QString out;
@@ -200,6 +206,8 @@ QString callStackReturnAddresses() {
     return out + QLatin1Char(')');
 }
 
-void log(const QString &line) { Logger::setError(line); }
+void log(const QString &line) {
+    Logger::setError(line);
+}
 
 } // namespace brix::cameratext

@@ -4,6 +4,7 @@
 #include "CameraClassState.h"
 #include "CameraText.h"
 #include "DateFormat.h"
+#include "Dispatch.h"
 #include "NotificationCenter.h"
 
 #include <QDate>
@@ -18,11 +19,11 @@
 namespace brix {
 
 using namespace eds;
-using cameratext::logf;
 using cameratables::dataTypeName;
 using cameratables::displayText;
 using cameratables::errorText;
 using cameratables::propertyName;
+using cameratext::logf;
 
 namespace {
 constexpr const char kLogRetain[] = "retaining a camera with \"after-retain\" retain count of %u";
@@ -30,7 +31,8 @@ constexpr const char kLogRelease[] = "releasing a camera with \"after-release\" 
 constexpr const char kLogDeviceInfoError[] = "got error %x trying to get device info for camera %p";
 constexpr const char kLogModel[] = "loaded camera model \"%@\" (type %d)";
 constexpr const char kLogSetStateHandler[] = "set cameraStateEvent callback";
-constexpr const char kLogSetStateHandlerError[] = "error %x trying to set cameraEventCallback callback for %@";
+constexpr const char kLogSetStateHandlerError[] =
+    "error %x trying to set cameraEventCallback callback for %@";
 constexpr const char kLogLoadStart[] = "%@-%@... start....";
 constexpr const char kLogOpened[] = "opened a session with %@";
 constexpr const char kLogOpenError[] = "error %x trying to open a session with %@";
@@ -43,7 +45,8 @@ constexpr const char kLogClearedState[] = "cleared the cameraStateEventCallback"
 constexpr const char kLogClearedProperty[] = "cleared the propertyEventCallback";
 constexpr const char kLogClearedObject[] = "cleared the objectEventCallback";
 constexpr const char kLogClearStateError[] = "error %x trying to clear cameraEventCallback callback for %@";
-constexpr const char kLogClearPropertyError[] = "error %x trying to clear propertyEventCallback callback for %@";
+constexpr const char kLogClearPropertyError[] =
+    "error %x trying to clear propertyEventCallback callback for %@";
 constexpr const char kLogClearObjectError[] = "error %x trying to clear objectEventCallback callback for %@";
 constexpr const char kLogDestination[] = "Inside %@ => %@...dest = [%i]";
 constexpr const char kLogFsStats[] = "file system stats:\n block size:%ld\n free blocks:%ld";
@@ -129,17 +132,25 @@ CameraClassState &CameraClassState::get() {
     return *state;
 }
 
-bool OKVA_CanonCameraDelegate::cancelDownloadForProgress(EdsUInt32) { return false; }
+bool OKVA_CanonCameraDelegate::cancelDownloadForProgress(EdsUInt32) {
+    return false;
+}
 
-CameraPtr OKVA_CanonCamera::currentCamera() { return CameraClassState::get().currentCamera(); }
+CameraPtr OKVA_CanonCamera::currentCamera() {
+    return CameraClassState::get().currentCamera();
+}
 
-QVariant OKVA_CanonCamera::classObject() { return QVariant::fromValue(OKVA_CanonCameraClass{}); }
+QVariant OKVA_CanonCamera::classObject() {
+    return QVariant::fromValue(OKVA_CanonCameraClass{});
+}
 
 CameraPtr OKVA_CanonCamera::fromVariant(const QVariant &object) {
     return object.canConvert<CameraPtr>() ? object.value<CameraPtr>() : CameraPtr();
 }
 
-QVariant OKVA_CanonCamera::toVariant() { return QVariant::fromValue(shared_from_this()); }
+QVariant OKVA_CanonCamera::toVariant() {
+    return QVariant::fromValue(shared_from_this());
+}
 
 CameraPtr OKVA_CanonCamera::cameraForContext(void *context) {
     auto &st = CameraClassState::get();
@@ -174,8 +185,9 @@ CameraPtr OKVA_CanonCamera::initWithCameraRef(EdsCameraRef cameraRef) {
         logf(kLogDeviceInfoError, err, static_cast<const void *>(cameraRef));
         return camera;
     }
-    camera->modelName_ = QString::fromUtf8(info.szDeviceDescription, qsizetype(strnlen(info.szDeviceDescription,
-                                                                                        sizeof info.szDeviceDescription)));
+    camera->modelName_ =
+        QString::fromUtf8(info.szDeviceDescription,
+                          qsizetype(strnlen(info.szDeviceDescription, sizeof info.szDeviceDescription)));
     camera->subType_ = static_cast<int32_t>(info.deviceSubType);
     logf(kLogModel, camera->modelName_, camera->subType_);
     const EdsError herr =
@@ -202,7 +214,8 @@ OKVA_CanonCamera::~OKVA_CanonCamera() {
     if (ownsStateHandler_ && cameraRef_) {
         CameraPtr current = st.currentCamera();
         if (current && current.get() != this && current->cameraRef_ == cameraRef_ && current->sdk_ == sdk_) {
-            sdk_->EdsSetCameraStateEventHandler(cameraRef_, kEdsStateEvent_All, &stateEventHandler, current.get());
+            sdk_->EdsSetCameraStateEventHandler(cameraRef_, kEdsStateEvent_All, &stateEventHandler,
+                                                current.get());
             current->ownsStateHandler_ = true;
         }
     }
@@ -261,7 +274,8 @@ bool OKVA_CanonCamera::unload() {
 }
 
 void OKVA_CanonCamera::startNotifications() {
-    EdsError err = sdk_->EdsSetPropertyEventHandler(cameraRef_, kEdsPropertyEvent_All, &propertyEventHandler, this);
+    EdsError err =
+        sdk_->EdsSetPropertyEventHandler(cameraRef_, kEdsPropertyEvent_All, &propertyEventHandler, this);
     if (err == EDS_ERR_OK)
         logf(kLogSetProperty);
     else
@@ -325,23 +339,33 @@ bool OKVA_CanonCamera::setHostStorageCapacityAtPath(const QString &path, bool re
 
 // --- events -----------------------------------------------------------------------------------
 
+void OKVA_CanonCamera::letGoOffEventThread(CameraPtr camera) {
+    // The camera may hold the last reference to its SDK, and an SDK cannot be
+    // torn down on the thread that is delivering its events.
+    if (camera && camera.use_count() == 1)
+        dispatch::globalQueue()->async([camera = std::move(camera)]() mutable { camera.reset(); });
+}
+
 EdsError OKVA_CanonCamera::stateEventHandler(EdsStateEvent event, EdsUInt32 data, void *context) {
-    if (CameraPtr camera = cameraForContext(context))
-        return camera->processCameraEvent(event, data);
-    return EDS_ERR_OK;
+    CameraPtr camera = cameraForContext(context);
+    const EdsError err = camera ? camera->processCameraEvent(event, data) : EDS_ERR_OK;
+    letGoOffEventThread(std::move(camera));
+    return err;
 }
 
 EdsError OKVA_CanonCamera::propertyEventHandler(EdsPropertyEvent event, EdsPropertyID id, EdsUInt32 param,
                                                 void *context) {
-    if (CameraPtr camera = cameraForContext(context))
-        return camera->processPropertyEvent(event, id, param);
-    return EDS_ERR_OK;
+    CameraPtr camera = cameraForContext(context);
+    const EdsError err = camera ? camera->processPropertyEvent(event, id, param) : EDS_ERR_OK;
+    letGoOffEventThread(std::move(camera));
+    return err;
 }
 
 EdsError OKVA_CanonCamera::objectEventHandler(EdsObjectEvent event, EdsBaseRef ref, void *context) {
-    if (CameraPtr camera = cameraForContext(context))
-        return camera->processObjectEvent(event, ref);
-    return EDS_ERR_OK;
+    CameraPtr camera = cameraForContext(context);
+    const EdsError err = camera ? camera->processObjectEvent(event, ref) : EDS_ERR_OK;
+    letGoOffEventThread(std::move(camera));
+    return err;
 }
 
 EdsError OKVA_CanonCamera::processCameraEvent(EdsStateEvent event, EdsUInt32 eventData) {
@@ -502,8 +526,8 @@ bool OKVA_CanonCamera::setValue(const QVariant &value, EdsPropertyID propertyID,
         return false;
     if (!waitForCameraLock(3.0))
         return false;
-    const EdsError err =
-        sdk_->EdsSetPropertyData(cameraRef_, propertyID, parameter, EdsUInt32(bytes.size()), bytes.constData());
+    const EdsError err = sdk_->EdsSetPropertyData(cameraRef_, propertyID, parameter, EdsUInt32(bytes.size()),
+                                                  bytes.constData());
     if (err == EDS_ERR_OK)
         logf(kLogSetValue, value, name);
     else
@@ -513,7 +537,8 @@ bool OKVA_CanonCamera::setValue(const QVariant &value, EdsPropertyID propertyID,
 }
 
 bool OKVA_CanonCamera::setStringValue(const QString &text, EdsPropertyID propertyID) {
-    if (propertyID == kEdsPropID_OwnerName || propertyID == kEdsPropID_Artist || propertyID == kEdsPropID_Copyright)
+    if (propertyID == kEdsPropID_OwnerName || propertyID == kEdsPropID_Artist ||
+        propertyID == kEdsPropID_Copyright)
         return setValue(text, propertyID, 0);
     std::optional<QVariantMap> values = cachedSupportedValuesForPropertyID(propertyID);
     if (!values)
@@ -546,10 +571,13 @@ void OKVA_CanonCamera::propertyDidChange(EdsPropertyID propertyID, EdsUInt32 par
         .add(kOKVA_CanonCameraProperty, shown)
         .add(kOKVA_CanonCameraPropertyID, QVariant::fromValue(quint32(propertyID)))
         .add(kOKVA_CanonCameraPropertyValue, raw);
-    NotificationCenter::defaultCenter().postOnMainAndWait(info.make(kOKVA_CanonCameraPropertyDidChange, toVariant()));
+    NotificationCenter::defaultCenter().postOnMainAndWait(
+        info.make(kOKVA_CanonCameraPropertyDidChange, toVariant()));
 }
 
-void OKVA_CanonCamera::updateValueForPropertyID(EdsPropertyID propertyID) { propertyDidChange(propertyID, 0); }
+void OKVA_CanonCamera::updateValueForPropertyID(EdsPropertyID propertyID) {
+    propertyDidChange(propertyID, 0);
+}
 
 std::optional<QVariantMap> OKVA_CanonCamera::supportedValuesForPropertyID(EdsPropertyID propertyID) {
     const QString name = propertyName(propertyID);
@@ -582,7 +610,8 @@ std::optional<QVariantMap> OKVA_CanonCamera::supportedValuesForPropertyID(EdsPro
     return values;
 }
 
-void OKVA_CanonCamera::setSupportedValues(const std::optional<QVariantMap> &values, EdsPropertyID propertyID) {
+void OKVA_CanonCamera::setSupportedValues(const std::optional<QVariantMap> &values,
+                                          EdsPropertyID propertyID) {
     if (!values)
         return;
     const QString name = propertyName(propertyID);
@@ -598,7 +627,8 @@ void OKVA_CanonCamera::setSupportedValues(const std::optional<QVariantMap> &valu
         info.make(kOKVA_CanonCameraPropertiesDidChange, toVariant()));
 }
 
-std::optional<QVariantMap> OKVA_CanonCamera::cachedSupportedValuesForPropertyID(EdsPropertyID propertyID) const {
+std::optional<QVariantMap>
+OKVA_CanonCamera::cachedSupportedValuesForPropertyID(EdsPropertyID propertyID) const {
     const QString name = propertyName(propertyID);
     std::lock_guard lk(cacheMutex_);
     auto it = supportedValues_.find(name);
@@ -609,25 +639,43 @@ std::optional<QVariantMap> OKVA_CanonCamera::cachedSupportedValuesForPropertyID(
 
 void OKVA_CanonCamera::getDeviceProperties() {
     static constexpr EdsPropertyID kOrder[] = {
-        kEdsPropID_AEMode,       kEdsPropID_AFMode,         kEdsPropID_Av,
-        kEdsPropID_Tv,           kEdsPropID_ISOSpeed,       kEdsPropID_WhiteBalance,
-        kEdsPropID_ExposureCompensation, kEdsPropID_DriveMode, kEdsPropID_MeteringMode,
-        kEdsPropID_ImageQuality, kEdsPropID_BatteryLevel,   kEdsPropID_BatteryQuality,
-        kEdsPropID_FirmwareVersion, kEdsPropID_LensName,    kEdsPropID_Copyright,
-        kEdsPropID_OwnerName,    kEdsPropID_Artist,         kEdsPropID_DateTime,
+        kEdsPropID_AEMode,
+        kEdsPropID_AFMode,
+        kEdsPropID_Av,
+        kEdsPropID_Tv,
+        kEdsPropID_ISOSpeed,
+        kEdsPropID_WhiteBalance,
+        kEdsPropID_ExposureCompensation,
+        kEdsPropID_DriveMode,
+        kEdsPropID_MeteringMode,
+        kEdsPropID_ImageQuality,
+        kEdsPropID_BatteryLevel,
+        kEdsPropID_BatteryQuality,
+        kEdsPropID_FirmwareVersion,
+        kEdsPropID_LensName,
+        kEdsPropID_Copyright,
+        kEdsPropID_OwnerName,
+        kEdsPropID_Artist,
+        kEdsPropID_DateTime,
     };
     for (EdsPropertyID id : kOrder)
         propertyDidChange(id, 0);
 }
 
-QVariant OKVA_CanonCamera::cameraClock() { return valueForPropertyID(kEdsPropID_DateTime, 0); }
+QVariant OKVA_CanonCamera::cameraClock() {
+    return valueForPropertyID(kEdsPropID_DateTime, 0);
+}
 
-bool OKVA_CanonCamera::setCameraClock(const QDateTime &date) { return setValue(date, kEdsPropID_DateTime, 0); }
+bool OKVA_CanonCamera::setCameraClock(const QDateTime &date) {
+    return setValue(date, kEdsPropID_DateTime, 0);
+}
 
-bool OKVA_CanonCamera::setOwnerName(const QString &name) { return setValue(name, kEdsPropID_OwnerName, 0); }
+bool OKVA_CanonCamera::setOwnerName(const QString &name) {
+    return setValue(name, kEdsPropID_OwnerName, 0);
+}
 
-EdsError OKVA_CanonCamera::setProperty(EdsBaseRef ref, EdsPropertyID propertyID, EdsInt32 parameter, EdsUInt32 size,
-                                       const void *data) {
+EdsError OKVA_CanonCamera::setProperty(EdsBaseRef ref, EdsPropertyID propertyID, EdsInt32 parameter,
+                                       EdsUInt32 size, const void *data) {
     const EdsError err = sdk_->EdsSetPropertyData(ref, propertyID, parameter, size, data);
     if (err != EDS_ERR_OK)
         logf(kLogBareSetError, err);
@@ -683,7 +731,8 @@ QDateTime OKVA_CanonCamera::dateForEDSTime(const EdsTime *time) {
     // "+HHMM" / "-HHMM"
     int offset = 0;
     if (zone.size() == 5 && (zone[0] == QLatin1Char('+') || zone[0] == QLatin1Char('-'))) {
-        offset = (zone.mid(1, 2).toInt() * 3600 + zone.mid(3, 2).toInt() * 60) * (zone[0] == QLatin1Char('-') ? -1 : 1);
+        offset = (zone.mid(1, 2).toInt() * 3600 + zone.mid(3, 2).toInt() * 60) *
+                 (zone[0] == QLatin1Char('-') ? -1 : 1);
     }
     const QDate day(int(time->year), int(time->month), int(time->day));
     const QTime clock(int(time->hour), int(time->minute), int(time->second));

@@ -51,11 +51,14 @@ inline const QString kOKVA_CanonCameraDidUnload = QStringLiteral("OKVA_CanonCame
 inline const QString kOKVA_CanonCameraListDidUpdate = QStringLiteral("OKVA_CanonCameraListDidUpdate");
 inline const QString kOKVA_CanonCameraAdded = QStringLiteral("OKVA_CanonCameraAdded");
 inline const QString kOKVA_CanonCameraPropertyDidChange = QStringLiteral("OKVA_CanonCameraPropertyDidChange");
-inline const QString kOKVA_CanonCameraPropertiesDidChange = QStringLiteral("OKVA_CanonCameraPropertiesDidChange");
+inline const QString kOKVA_CanonCameraPropertiesDidChange =
+    QStringLiteral("OKVA_CanonCameraPropertiesDidChange");
 inline const QString kOKVA_CanonCameraCommandError = QStringLiteral("OKVA_CanonCameraCommandError");
 inline const QString kOKVA_CanonCameraDownloadProgress = QStringLiteral("OKVA_CanonCameraDownloadProgress");
-inline const QString kOKVA_CanonCameraPhotoDataAvailable = QStringLiteral("OKVA_CanonCameraPhotoDataAvailable");
-inline const QString kOKVA_CanonCameraLiveViewImageUpdate = QStringLiteral("OKVA_CanonCameraLiveViewImageUpdate");
+inline const QString kOKVA_CanonCameraPhotoDataAvailable =
+    QStringLiteral("OKVA_CanonCameraPhotoDataAvailable");
+inline const QString kOKVA_CanonCameraLiveViewImageUpdate =
+    QStringLiteral("OKVA_CanonCameraLiveViewImageUpdate");
 
 inline const QString kOKVA_CanonCameraPropertyName = QStringLiteral("OKVA_CanonCameraPropertyName");
 inline const QString kOKVA_CanonCameraProperty = QStringLiteral("OKVA_CanonCameraProperty");
@@ -203,6 +206,8 @@ public:
     void queueCameraCommand(eds::EdsCameraCommand command, eds::EdsInt32 parameter);
     void performNextQueuedCameraCommand();
     void performCommandWithDictionary(const QVariantMap &command);
+    // Sends on the caller's thread, without the queue. Returns the SDK's answer,
+    // or EDS_ERR_DEVICE_BUSY when the command lock was not had within 3 s.
     eds::EdsError performCameraCommand(eds::EdsCameraCommand command, eds::EdsInt32 parameter);
     void takePicture();
     void pressShutter(eds::EdsUInt32 parameter);
@@ -239,6 +244,8 @@ private:
     static eds::EdsError progressHandler(eds::EdsUInt32 percent, void *context, eds::EdsBool *cancel);
     static eds::EdsError cameraAddedHandler(void *context);
     static CameraPtr cameraForContext(void *context);
+    // Lets a camera go that an SDK callback held, on another thread when it is the last reference.
+    static void letGoOffEventThread(CameraPtr camera);
 
     std::atomic<OKVA_CanonCameraDelegate *> delegate_{nullptr};
     std::shared_ptr<eds::EdsSdk> sdk_;
@@ -251,7 +258,7 @@ private:
     NamedLock liveViewLock_{QStringLiteral("liveViewLock")};
     mutable std::mutex cacheMutex_;
     QMap<QString, QVariantMap> supportedValues_;
-    QList<QVariantMap> commandQueue_; // guarded by queueLock_
+    QList<QVariantMap> commandQueue_;  // guarded by queueLock_
     std::vector<char> liveViewBuffer_; // used only under liveViewLock_
     std::atomic<bool> loaded_{false};
     std::atomic<bool> liveViewRunning_{false};

@@ -22,7 +22,12 @@ public:
     bool tryLock() { return m_.try_lock(); }
     // Waits at most `seconds` for the lock; true when taken.
     bool lockBeforeSeconds(double seconds) {
-        return m_.try_lock_for(std::chrono::duration<double>(seconds < 0 ? 0 : seconds));
+        // A deadline on the system clock waits in pthread_mutex_timedlock; the
+        // steady-clock form waits in pthread_mutex_clocklock, which the thread
+        // sanitizer does not see, so it would lose track of who holds the lock.
+        const auto wait = std::chrono::duration_cast<std::chrono::system_clock::duration>(
+            std::chrono::duration<double>(seconds < 0 ? 0 : seconds));
+        return m_.try_lock_until(std::chrono::system_clock::now() + wait);
     }
     void lock() { m_.lock(); }
     void unlock() { m_.unlock(); }

@@ -36,6 +36,9 @@ protected:
     virtual std::shared_ptr<eds::EdsSdk> wrap(std::shared_ptr<eds::EdsSdk> simulator) { return simulator; }
 
     void SetUp() override {
+        // The main queue sets itself up on the thread that first posts to it;
+        // make that the main thread rather than a camera thread.
+        dispatch::mainQueue()->async([] {});
         qputenv("BRIX_SIM_CAMERAS", QByteArray::number(initialCameras()));
         std::string why;
         std::shared_ptr<eds::EdsSdk> sim(eds::createSimulatorSdk(&why));
@@ -61,11 +64,12 @@ protected:
         // delivery may be waiting for the main thread: let it go elsewhere
         // while the main loop keeps running.
         auto gone = std::make_shared<std::atomic<bool>>(false);
-        dispatch::detachThread("sim-teardown", [s = std::move(simulator), d = std::move(sdk), gone]() mutable {
-            d.reset();
-            s.reset();
-            *gone = true;
-        });
+        dispatch::detachThread("sim-teardown",
+                               [s = std::move(simulator), d = std::move(sdk), gone]() mutable {
+                                   d.reset();
+                                   s.reset();
+                                   *gone = true;
+                               });
         waitFor([&] { return gone->load(); });
         NotificationCenter::defaultCenter().removeObserver(token);
         QCoreApplication::processEvents();
@@ -88,7 +92,8 @@ protected:
         posted.clear();
     }
 
-    bool waitFor(const std::function<bool()> &done, std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
+    bool waitFor(const std::function<bool()> &done,
+                 std::chrono::milliseconds timeout = std::chrono::seconds(20)) {
         return processEventsUntil(done, timeout);
     }
     // Runs the main loop for a while for work that must NOT happen.
@@ -120,7 +125,16 @@ protected:
         CameraPtr camera = list.first();
         if (!camera->load())
             return nullptr;
-        return camera;
+        // Loading switches saving to the host; the body answers with a change
+        // event that reads the value again. Waiting for it keeps that read from
+        // meeting an error a test injects next.
+        const bool settled = waitFor([&] {
+            for (const auto &p : named(kOKVA_CanonCameraPropertyDidChange))
+                if (p.note.userInfo.value(kOKVA_CanonCameraPropertyName).toString() == QLatin1String("SaveTo"))
+                    return true;
+            return false;
+        });
+        return settled ? camera : nullptr;
     }
 
     std::shared_ptr<eds::EdsSdk> simulator;

@@ -210,8 +210,9 @@ TEST_F(Properties, BodyChangesReachTheMainThreadWithValueAndSupportedValues) {
     }));
     for (const auto &p : named(kOKVA_CanonCameraPropertiesDidChange)) {
         EXPECT_TRUE(p.onMain);
-        EXPECT_EQ(p.note.userInfoOrder, (QStringList{kOKVA_CanonCameraPropertyName, kOKVA_CanonCameraProperties,
-                                                     kOKVA_CanonCameraPropertyID}));
+        EXPECT_EQ(p.note.userInfoOrder,
+                  (QStringList{kOKVA_CanonCameraPropertyName, kOKVA_CanonCameraProperties,
+                               kOKVA_CanonCameraPropertyID}));
         const auto id = p.note.userInfo.value(kOKVA_CanonCameraPropertyID).toUInt();
         const auto cached = camera->cachedSupportedValuesForPropertyID(id);
         ASSERT_TRUE(cached);
@@ -394,8 +395,9 @@ TEST_F(Commands, LensDriveAndZoomTakeOnlyTheirValues) {
     ASSERT_TRUE(waitFor([&] { return count(kOKVA_CanonCameraCommandError) == 1; }));
     settle();
     ASSERT_EQ(count(kOKVA_CanonCameraCommandError), 1u);
-    const QVariantMap sent =
-        named(kOKVA_CanonCameraCommandError)[0].note.userInfo.value(kOKVA_CanonCameraCommandDictionary).toMap();
+    const QVariantMap sent = named(kOKVA_CanonCameraCommandError)[0]
+                                 .note.userInfo.value(kOKVA_CanonCameraCommandDictionary)
+                                 .toMap();
     EXPECT_EQ(sent.value(kCommandNumber).toUInt(), kEdsCameraCommand_DriveLensEvf);
     EXPECT_EQ(sent.value(kCommandParam).toUInt(), 0x8003u);
 
@@ -419,7 +421,8 @@ TEST_F(Download, AShotArrivesOnTheEventThreadAfterProgressOnTheMainThread) {
     const Posted shot = named(kOKVA_CanonCameraPhotoDataAvailable)[0];
     EXPECT_FALSE(shot.onMain);
     EXPECT_EQ(shot.camera(), camera);
-    EXPECT_EQ(shot.note.userInfoOrder, (QStringList{kOKVA_CanonCameraPhotoData, kOKVA_CanonCameraPhotoFilename}));
+    EXPECT_EQ(shot.note.userInfoOrder,
+              (QStringList{kOKVA_CanonCameraPhotoData, kOKVA_CanonCameraPhotoFilename}));
     EXPECT_EQ(shot.note.userInfo.value(kOKVA_CanonCameraPhotoFilename).toString(), "IMG_0001.JPG");
     const QByteArray data = shot.note.userInfo.value(kOKVA_CanonCameraPhotoData).toByteArray();
     ASSERT_GT(data.size(), 4);
@@ -457,8 +460,9 @@ TEST_F(Download, ACancelledOrFailedTransferPostsNothingAndTheNextShotArrives) {
     ASSERT_TRUE(waitFor([&] { return count(kOKVA_CanonCameraPhotoDataAvailable) == 1; }));
     settle();
     ASSERT_EQ(count(kOKVA_CanonCameraPhotoDataAvailable), 1u);
-    EXPECT_EQ(named(kOKVA_CanonCameraPhotoDataAvailable)[0].note.userInfo.value(kOKVA_CanonCameraPhotoFilename),
-              "IMG_0003.JPG");
+    EXPECT_EQ(
+        named(kOKVA_CanonCameraPhotoDataAvailable)[0].note.userInfo.value(kOKVA_CanonCameraPhotoFilename),
+        "IMG_0003.JPG");
     EXPECT_EQ(delegate.asked.load(), 1); // the cancelled transfer asked once
 }
 
@@ -509,6 +513,22 @@ TEST_F(Disappearance, UnplugTellsTheMainThreadAndAPlugLoadsAgain) {
     EXPECT_EQ(named(kOKVA_CanonCameraPhotoDataAvailable)[0].camera(), again);
     center.removeObserver(onUnload);
     center.removeObserver(onList);
+}
+
+TEST_F(Disappearance, AListUpdateWhileLoadedDoesNotSwallowTheDisappearance) {
+    CameraPtr camera = loadFirstCamera();
+    ASSERT_TRUE(camera);
+    // The update makes a second object for the same body and drops it again.
+    OKVA_CanonCamera::updateCameraList();
+    ASSERT_TRUE(waitFor([&] {
+        auto c = OKVA_CanonCamera::cameras();
+        return c && c->isEmpty();
+    }));
+    clearPosted();
+    ASSERT_TRUE(control->unplug());
+    ASSERT_TRUE(waitFor([&] { return count(kOKVA_CanonCameraDidUnload) == 1; }));
+    EXPECT_EQ(named(kOKVA_CanonCameraDidUnload)[0].camera(), camera);
+    EXPECT_FALSE(camera->isLoaded());
 }
 
 // --- live view ------------------------------------------------------------------------------------
