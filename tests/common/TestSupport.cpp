@@ -3,7 +3,9 @@
 #include <QCoreApplication>
 #include <QElapsedTimer>
 
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -41,6 +43,12 @@ bool PrivateBus::start() {
     if (pid_ < 0)
         return false;
     if (pid_ == 0) {
+        // The bus ends with the test process however it ends, and it holds
+        // none of the test runner's pipes open after that.
+        ::prctl(PR_SET_PDEATHSIG, SIGTERM);
+        int devnull = ::open("/dev/null", O_WRONLY);
+        if (devnull >= 0)
+            ::dup2(devnull, 2);
         ::dup2(fds[1], 1);
         ::close(fds[0]);
         ::close(fds[1]);
