@@ -3,6 +3,7 @@
 #include "EdsSdk.h"
 
 #include <QByteArray>
+#include <QString>
 #include <QtGlobal>
 
 namespace brix::eds {
