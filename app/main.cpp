@@ -3,10 +3,12 @@
 #include "BundleInfo.h"
 #include "CommandLine.h"
 #include "Dispatch.h"
+#include "EdsSdk.h"
 #include "Logger.h"
 #include "MainWindow.h"
 #include "Paths.h"
 #include "SignalWatcher.h"
+#include "SimulatorControl.h"
 
 #include <QApplication>
 #include <QCoreApplication>
@@ -60,6 +62,29 @@ int main(int argc, char **argv) {
                          .arg(bundle::kName, bundle::kShortVersion,
                               options.headless ? QStringLiteral("headless") : QStringLiteral("window")));
 
+    // The camera backend; the simulator is also driven from outside over D-Bus.
+    std::string backendWhy;
+    std::unique_ptr<eds::EdsSdk> cameraSdk = eds::createSdk(options.cameraBackend.toStdString(), &backendWhy);
+    std::unique_ptr<QObject> simulatorControl;
+    if (!cameraSdk) {
+        Logger::setError(QStringLiteral("camera backend \"%1\" is not available: %2")
+                             .arg(options.cameraBackend.isEmpty()
+                                      ? qEnvironmentVariable("BRIX_CAMERA_BACKEND", QStringLiteral("auto"))
+                                      : options.cameraBackend,
+                                  QString::fromStdString(backendWhy)));
+    } else {
+        Logger::setError(QStringLiteral("camera backend: %1").arg(QLatin1String(cameraSdk->backendName())));
+        if (eds::simulatorControl(*cameraSdk)) {
+            QString why;
+            simulatorControl = eds::exportSimulatorControl(*cameraSdk, &why);
+            if (simulatorControl)
+                Logger::setError(QStringLiteral("simulator control on the session bus as %1")
+                                     .arg(QLatin1String(eds::kSimulatorBusName)));
+            else
+                Logger::setError(QStringLiteral("simulator control not exported: %1").arg(why));
+        }
+    }
+
     std::unique_ptr<MainWindow> window;
     if (!options.headless) {
         window = std::make_unique<MainWindow>();
@@ -70,5 +95,7 @@ int main(int argc, char **argv) {
     Logger::setError(QStringLiteral("%1 ended with status %2").arg(bundle::kName).arg(status));
     Logger::flush();
     window.reset();
+    simulatorControl.reset();
+    cameraSdk.reset();
     return status;
 }

@@ -1,10 +1,16 @@
 // Test main: one application object for the whole run (the main queue is its
-// event loop) and a fresh temporary HOME with its own XDG folders for each test.
+// event loop), a private D-Bus session bus for the whole run (so that no test
+// talks to the desktop's bus), and a fresh temporary HOME with its own XDG
+// folders for each test.
 #include "Dispatch.h"
+#include "TestSupport.h"
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QProcess>
 #include <QTemporaryDir>
+
+#include <cstdio>
 
 #include <gtest/gtest.h>
 
@@ -35,8 +41,18 @@ private:
 
 int main(int argc, char **argv) {
     brix::dispatch::setMainThread();
-    QCoreApplication app(argc, argv);
     ::testing::InitGoogleTest(&argc, argv);
+    // Listing tests must not start a bus.
+    if (::testing::GTEST_FLAG(list_tests)) {
+        QCoreApplication app(argc, argv);
+        return RUN_ALL_TESTS();
+    }
+    brix::test::PrivateBus bus;
+    if (!bus.start()) {
+        std::fprintf(stderr, "test main: could not start a private dbus-daemon\n");
+        return 1;
+    }
+    QCoreApplication app(argc, argv);
     ::testing::UnitTest::GetInstance()->listeners().Append(new FreshHome);
     return RUN_ALL_TESTS();
 }

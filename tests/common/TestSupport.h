@@ -3,6 +3,7 @@
 
 #include "Dispatch.h"
 
+#include <QProcess>
 #include <QString>
 
 #include <chrono>
@@ -19,5 +20,21 @@ void drain(const dispatch::QueuePtr &queue);
 
 // The temporary HOME of the running test.
 QString testHome();
+
+// A private session bus (dbus-daemon) that lives as long as this object.
+// start() points DBUS_SESSION_BUS_ADDRESS at it, for this process and its children.
+class PrivateBus {
+public:
+    PrivateBus() = default;
+    ~PrivateBus();
+    PrivateBus(const PrivateBus &) = delete;
+    PrivateBus &operator=(const PrivateBus &) = delete;
+    bool start();
+    QString address() const { return address_; }
+
+private:
+    QProcess daemon_;
+    QString address_;
+};
 
 } // namespace brix::test

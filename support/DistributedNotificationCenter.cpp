@@ -1,0 +1,242 @@
+#include "DistributedNotificationCenter.h"
+
+#include "Logger.h"
+
+#include <QDBusArgument>
+#include <QDBusMessage>
+#include <QDBusMetaType>
+#include <QDBusObjectPath>
+#include <QDBusSignature>
+#include <QDBusVariant>
+#include <QDateTime>
+
+#include <atomic>
+
+namespace brix {
+
+namespace {
+
+constexpr const char *kSignature = "ssa{sv}";
+
+bool fail(QString *why, const QString &text) {
+    if (why)
+        *why = text;
+    return false;
+}
+
+} // namespace
+
+DistributedNotificationCenter &DistributedNotificationCenter::defaultCenter() {
+    // Lives for the process: senders on other threads may post during shutdown.
+    static auto *center = new DistributedNotificationCenter(QDBusConnection::sessionBus());
+    return *center;
+}
+
+DistributedNotificationCenter::DistributedNotificationCenter(const QDBusConnection &connection, QObject *parent)
+    : QObject(parent), connection_(connection) {}
+
+bool DistributedNotificationCenter::isConnected() const { return connection_.isConnected(); }
+
+QVariant DistributedNotificationCenter::toWire(const QVariant &value, int depth) {
+    if (depth > kMaxDepth)
+        return {};
+    switch (value.metaType().id()) {
+    case QMetaType::QString:
+    case QMetaType::Bool:
+    case QMetaType::Int:
+    case QMetaType::UInt:
+    case QMetaType::LongLong:
+    case QMetaType::ULongLong:
+    case QMetaType::UShort:
+    case QMetaType::Short:
+    case QMetaType::UChar:
+    case QMetaType::Double:
+    case QMetaType::QByteArray:
+        return value;
+    case QMetaType::Float:
+        return QVariant(double(value.toFloat()));
+    case QMetaType::Long:
+        return QVariant(qlonglong(value.toLongLong()));
+    case QMetaType::ULong:
+        return QVariant(qulonglong(value.toULongLong()));
+    case QMetaType::QDateTime:
+        // D-Bus has no date type; ISO 8601 with the offset keeps the instant.
+        return QVariant(value.toDateTime().toOffsetFromUtc(value.toDateTime().offsetFromUtc()).toString(Qt::ISODateWithMs));
+    case QMetaType::QStringList:
+    case QMetaType::QVariantList: {
+        QVariantList out;
+        for (const QVariant &element : value.toList()) {
+            QVariant wire = toWire(element, depth + 1);
+            if (!wire.isValid())
+                return {};
+            out << wire;
+        }
+        return QVariant::fromValue(out);
+    }
+    case QMetaType::QVariantMap: {
+        QVariantMap out;
+        const QVariantMap in = value.toMap();
+        for (auto it = in.begin(); it != in.end(); ++it) {
+            QVariant wire = toWire(it.value(), depth + 1);
+            if (!wire.isValid())
+                return {};
+            out.insert(it.key(), wire);
+        }
+        return QVariant::fromValue(out);
+    }
+    default:
+        return {};
+    }
+}
+
+bool DistributedNotificationCenter::fromWire(const QVariant &wire, QVariant &out, QString *why, int depth) {
+    if (depth > kMaxDepth)
+        return fail(why, QStringLiteral("nested deeper than %1 levels").arg(kMaxDepth));
+    const int type = wire.metaType().id();
+    if (type == qMetaTypeId<QDBusVariant>())
+        return fromWire(wire.value<QDBusVariant>().variant(), out, why, depth + 1);
+    if (type == qMetaTypeId<QDBusObjectPath>()) {
+        out = wire.value<QDBusObjectPath>().path();
+        return true;
+    }
+    if (type == qMetaTypeId<QDBusSignature>()) {
+        out = wire.value<QDBusSignature>().signature();
+        return true;
+    }
+    if (type != qMetaTypeId<QDBusArgument>()) {
+        out = wire; // a basic type, already decoded
+        return true;
+    }
+    const QDBusArgument arg = wire.value<QDBusArgument>();
+    switch (arg.currentType()) {
+    case QDBusArgument::ArrayType: {
+        if (arg.currentSignature() == QLatin1String("ay")) {
+            QByteArray bytes;
+            arg >> bytes;
+            out = bytes;
+            return true;
+        }
+        QVariantList list;
+        arg.beginArray();
+        while (!arg.atEnd()) {
+            if (list.size() >= kMaxElements)
+                return fail(why, QStringLiteral("an array of more than %1 elements").arg(kMaxElements));
+            QVariant element;
+            if (!fromWire(arg.asVariant(), element, why, depth + 1))
+                return false;
+            list << element;
+        }
+        arg.endArray();
+        out = list;
+        return true;
+    }
+    case QDBusArgument::MapType: {
+        QVariantMap map;
+        arg.beginMap();
+        qsizetype count = 0;
+        while (!arg.atEnd()) {
+            if (++count > kMaxElements)
+                return fail(why, QStringLiteral("a dictionary of more than %1 entries").arg(kMaxElements));
+            arg.beginMapEntry();
+            QVariant key = arg.asVariant();
+            QVariant value;
+            bool ok = fromWire(arg.asVariant(), value, why, depth + 1);
+            arg.endMapEntry();
+            if (!ok)
+                return false;
+            if (key.metaType().id() != QMetaType::QString)
+                return fail(why, QStringLiteral("a dictionary key that is not a string"));
+            map.insert(key.toString(), value);
+        }
+        arg.endMap();
+        out = map;
+        return true;
+    }
+    case QDBusArgument::VariantType: {
+        QDBusVariant inner;
+        arg >> inner;
+        return fromWire(inner.variant(), out, why, depth + 1);
+    }
+    case QDBusArgument::BasicType:
+        out = arg.asVariant();
+        return true;
+    default:
+        return fail(why, QStringLiteral("a value of D-Bus signature %1").arg(arg.currentSignature()));
+    }
+}
+
+bool DistributedNotificationCenter::post(const QString &name, const QString &object, const QVariantMap &userInfo) {
+    if (!connection_.isConnected()) {
+        static std::atomic<bool> told{false};
+        if (!told.exchange(true))
+            Logger::setError(QStringLiteral("no session bus: notification %1 (and later ones) not sent").arg(name));
+        return false;
+    }
+    QVariant wire = toWire(userInfo);
+    if (!wire.isValid()) {
+        Logger::setError(QStringLiteral("notification %1 not sent: its user info holds a value that cannot travel").arg(name));
+        return false;
+    }
+    QDBusMessage signal = QDBusMessage::createSignal(kPath, kInterface, kMember);
+    signal << name << object << wire;
+    if (!connection_.send(signal)) {
+        Logger::setError(QStringLiteral("notification %1 not sent: %2").arg(name, connection_.lastError().message()));
+        return false;
+    }
+    return true;
+}
+
+DistributedNotificationCenter::Token DistributedNotificationCenter::addObserver(const QString &name, Observer observer) {
+    Token token = ++nextToken_;
+    observers_[token] = Registration{name, std::move(observer)};
+    if (subscribedNames_[name]++ == 0) {
+        bool ok = connection_.connect(QString(), kPath, kInterface, kMember, QStringList{name}, QString(), this,
+                                      SLOT(handleSignal(QDBusMessage)));
+        if (!ok)
+            Logger::setError(QStringLiteral("could not observe notification %1 on the session bus").arg(name));
+    }
+    return token;
+}
+
+void DistributedNotificationCenter::removeObserver(Token token) {
+    auto it = observers_.find(token);
+    if (it == observers_.end())
+        return;
+    const QString name = it->second.name;
+    observers_.erase(it);
+    if (--subscribedNames_[name] == 0) {
+        subscribedNames_.erase(name);
+        connection_.disconnect(QString(), kPath, kInterface, kMember, QStringList{name}, QString(), this,
+                               SLOT(handleSignal(QDBusMessage)));
+    }
+}
+
+void DistributedNotificationCenter::handleSignal(const QDBusMessage &message) {
+    if (message.signature() != QLatin1String(kSignature)) {
+        Logger::setError(QStringLiteral("ignored a malformed notification from %1: arguments (%2), expected (%3)")
+                             .arg(message.service(), message.signature(), QLatin1String(kSignature)));
+        return;
+    }
+    const QVariantList args = message.arguments();
+    Message m;
+    m.name = args.value(0).toString();
+    m.object = args.value(1).toString();
+    QVariant info;
+    QString why;
+    if (!fromWire(args.value(2), info, &why)) {
+        Logger::setError(QStringLiteral("ignored notification %1 from %2: its user info holds %3")
+                             .arg(m.name.left(200), message.service(), why));
+        return;
+    }
+    m.userInfo = info.toMap();
+    // Copy first: an observer may add or remove observers.
+    std::vector<Observer> targets;
+    for (const auto &[token, reg] : observers_) {
+        if (reg.name == m.name)
+            targets.push_back(reg.observer);
+    }
+    for (const auto &observer : targets)
+        observer(m);
+}
+
+} // namespace brix

@@ -1,0 +1,79 @@
+// Machine-wide notifications between the Brix applications, carried as a D-Bus
+// signal on the session bus: path /com/lumetra/brix/DistributedNotificationCenter,
+// interface com.lumetra.brix.DistributedNotificationCenter, member Post,
+// arguments (s name, s object, a{sv} userInfo). "No object" is the empty string.
+//
+// Threads: post() may be called from any thread (QtDBus sends are thread-safe);
+// observers are called on the main thread. Incoming messages are checked before
+// an observer sees them: anything malformed is logged and dropped.
+// Ownership: the centre is a process-wide singleton; observers are removed with
+// their token.
+#pragma once
+
+#include <QDBusConnection>
+#include <QObject>
+#include <QString>
+#include <QVariant>
+#include <QVariantMap>
+
+#include <functional>
+#include <map>
+
+class QDBusMessage;
+
+namespace brix {
+
+class DistributedNotificationCenter : public QObject {
+    Q_OBJECT
+public:
+    static constexpr const char *kPath = "/com/lumetra/brix/DistributedNotificationCenter";
+    static constexpr const char *kInterface = "com.lumetra.brix.DistributedNotificationCenter";
+    static constexpr const char *kMember = "Post";
+    // Limits on what an incoming message may carry; larger ones are refused.
+    static constexpr int kMaxDepth = 32;
+    static constexpr qsizetype kMaxElements = 1'000'000;
+
+    struct Message {
+        QString name;
+        QString object; // empty = no object
+        QVariantMap userInfo;
+    };
+    using Observer = std::function<void(const Message &)>;
+    using Token = quint64;
+
+    static DistributedNotificationCenter &defaultCenter();
+
+    // Uses the given connection (tests pass a private bus).
+    explicit DistributedNotificationCenter(const QDBusConnection &connection, QObject *parent = nullptr);
+
+    bool isConnected() const;
+
+    // Broadcasts the notification. Returns false when there is no bus or the
+    // payload cannot be put on the wire (the reason is logged).
+    bool post(const QString &name, const QString &object, const QVariantMap &userInfo);
+
+    // Observes one notification name (matched by the bus on arg0).
+    Token addObserver(const QString &name, Observer observer);
+    void removeObserver(Token token);
+
+    // Converts a property-list value to what goes on the wire, and back.
+    // toWire answers an invalid QVariant for values that cannot travel.
+    static QVariant toWire(const QVariant &value, int depth = 0);
+    // fromWire answers false (with `why`) for values nested too deep or too large.
+    static bool fromWire(const QVariant &wire, QVariant &out, QString *why, int depth = 0);
+
+private slots:
+    void handleSignal(const QDBusMessage &message);
+
+private:
+    struct Registration {
+        QString name;
+        Observer observer;
+    };
+    QDBusConnection connection_;
+    std::map<Token, Registration> observers_;
+    std::map<QString, int> subscribedNames_;
+    Token nextToken_ = 0;
+};
+
+} // namespace brix

@@ -1,0 +1,1 @@
+brix_test_folder(camera_sdk LIBS brix_camera_sdk brix_support)

@@ -1,0 +1,96 @@
+#include "DistributedNotificationCenter.h"
+#include "TestSupport.h"
+
+#include <QDBusConnection>
+#include <QDBusMessage>
+#include <QDBusVariant>
+#include <QDateTime>
+#include <QPoint>
+
+#include <gtest/gtest.h>
+
+using namespace brix;
+using Message = DistributedNotificationCenter::Message;
+
+namespace {
+
+struct Listener {
+    explicit Listener(const QString &name) {
+        token = DistributedNotificationCenter::defaultCenter().addObserver(name, [this](const Message &m) { got.push_back(m); });
+    }
+    ~Listener() { DistributedNotificationCenter::defaultCenter().removeObserver(token); }
+    bool waitFor(size_t n) { return test::processEventsUntil([&] { return got.size() >= n; }); }
+    DistributedNotificationCenter::Token token;
+    std::vector<Message> got;
+};
+
+QDBusMessage rawPost(const QVariantList &args) {
+    QDBusMessage m = QDBusMessage::createSignal(DistributedNotificationCenter::kPath,
+                                                DistributedNotificationCenter::kInterface,
+                                                DistributedNotificationCenter::kMember);
+    m.setArguments(args);
+    return m;
+}
+
+} // namespace
+
+TEST(DistributedNotifications, EveryPropertyListValueCrossesTheBus) {
+    Listener l("rt.values");
+    const QDateTime when = QDateTime::fromSecsSinceEpoch(1735689599, Qt::UTC);
+    QVariantMap info{{"s", "text"},
+                     {"b", true},
+                     {"i", -5},
+                     {"u", 7u},
+                     {"x", qint64(1) << 40},
+                     {"d", 2.5},
+                     {"data", QByteArray("\x00\xff", 2)},
+                     {"when", when},
+                     {"list", QVariantList{1, "two", QVariantList{3}}},
+                     {"map", QVariantMap{{"inner", QVariantMap{{"k", "v"}}}}}};
+    ASSERT_TRUE(DistributedNotificationCenter::defaultCenter().post("rt.values", "obj", info));
+    ASSERT_TRUE(l.waitFor(1));
+    const QVariantMap got = l.got[0].userInfo;
+    EXPECT_EQ(l.got[0].object, "obj");
+    EXPECT_EQ(got.value("s").toString(), "text");
+    EXPECT_EQ(got.value("b").metaType().id(), QMetaType::Bool);
+    EXPECT_EQ(got.value("i").toInt(), -5);
+    EXPECT_EQ(got.value("u").metaType().id(), QMetaType::UInt);
+    EXPECT_EQ(got.value("x").toLongLong(), qint64(1) << 40);
+    EXPECT_EQ(got.value("d").toDouble(), 2.5);
+    EXPECT_EQ(got.value("data").toByteArray(), QByteArray("\x00\xff", 2));
+    EXPECT_EQ(QDateTime::fromString(got.value("when").toString(), Qt::ISODateWithMs), when);
+    EXPECT_EQ(got.value("list").toList().value(2).toList().value(0).toInt(), 3);
+    EXPECT_EQ(got.value("map").toMap().value("inner").toMap().value("k").toString(), "v");
+}
+
+TEST(DistributedNotifications, MalformedAndHostileMessagesAreDroppedAndLaterOnesStillArrive) {
+    Listener l("hostile");
+    // The hostile sender is another application with its own connection.
+    QDBusConnection bus = QDBusConnection::connectToBus(QDBusConnection::SessionBus, "hostile-sender");
+    // Wrong argument types, too few arguments, a dictionary keyed by numbers.
+    bus.send(rawPost({QString("hostile"), 5}));
+    bus.send(rawPost({QString("hostile")}));
+    QVariantMap deep{{"leaf", 1}};
+    for (int i = 0; i < 20; ++i) // legal on the bus, deeper than the station accepts
+        deep = QVariantMap{{"d", deep}};
+    bus.send(rawPost({QString("hostile"), QString(), QVariant::fromValue(deep)}));
+    // Large but legal: a 10 MB string and a 100,000-element array arrive intact.
+    QVariantList many;
+    for (int i = 0; i < 100000; ++i)
+        many << i;
+    ASSERT_TRUE(DistributedNotificationCenter::defaultCenter().post("hostile", "", {{"big", QString(10'000'000, 'x')}}));
+    ASSERT_TRUE(DistributedNotificationCenter::defaultCenter().post("hostile", "", {{"many", many}}));
+    ASSERT_TRUE(DistributedNotificationCenter::defaultCenter().post("hostile", "", {{"last", true}}));
+    ASSERT_TRUE(l.waitFor(3));
+    test::processEventsUntil([] { return false; }, std::chrono::milliseconds(100));
+    ASSERT_EQ(l.got.size(), 3u);
+    EXPECT_EQ(l.got[0].userInfo.value("big").toString().size(), 10'000'000);
+    EXPECT_EQ(l.got[1].userInfo.value("many").toList().size(), 100000);
+    EXPECT_TRUE(l.got[2].userInfo.value("last").toBool());
+    QDBusConnection::disconnectFromBus("hostile-sender");
+}
+
+TEST(DistributedNotifications, ValuesThatCannotTravelAreRefused) {
+    EXPECT_FALSE(DistributedNotificationCenter::toWire(QVariant::fromValue(QPoint(1, 2))).isValid());
+    EXPECT_FALSE(DistributedNotificationCenter::defaultCenter().post("x", "", QVariantMap{{"p", QVariant::fromValue(QPoint(1, 2))}}));
+}
