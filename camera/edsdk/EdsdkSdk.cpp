@@ -79,6 +79,8 @@ public:
         job.run = [&] { result = fn(); };
         std::unique_lock lock(mutex_);
         mailbox_.push_back(&job);
+        // The library's thread may be waiting inside a progress callback.
+        cv_.notify_all();
         lock.unlock();
         sdkQueue_->async([self = shared_from_this()] { self->drainMailbox(); });
         lock.lock();

@@ -83,8 +83,16 @@ Registration *registration(EdsBaseRef ref, Kind kind, EdsUInt32 event, void *han
     return slot.get();
 }
 
+// Queues an event for the next EdsGetEvent. Dropped when its handler has
+// gone or the simulator is being torn down; an object reference is retained
+// while it waits. The simulator never holds its own lock while it calls us,
+// so calling it under ours cannot deadlock.
 void enqueue(Registration *reg, EdsUInt32 event, EdsUInt32 a, EdsUInt32 b, EdsBaseRef ref) {
     std::lock_guard lock(state().mutex);
+    if (!state().sim || !reg->handler)
+        return;
+    if (ref)
+        state().sim->EdsRetain(ref);
     state().pending.push_back({reg, reg->generation, event, a, b, ref});
 }
 
@@ -102,10 +110,6 @@ EdsError queueProperty(EdsPropertyEvent event, EdsPropertyID id, EdsUInt32 param
     return EDS_ERR_OK;
 }
 EdsError queueObject(EdsObjectEvent event, EdsBaseRef ref, EdsVoid *context) {
-    if (ref) {
-        if (auto s = sim())
-            s->EdsRetain(ref);
-    }
     enqueue(static_cast<Registration *>(context), event, 0, 0, ref);
     return EDS_ERR_OK;
 }
@@ -125,6 +129,13 @@ extern "C" {
 __attribute__((visibility("default"))) SimulatorControl *BrixSimulatorControl(void) {
     auto s = ensureSim();
     return s ? simulatorControl(*s) : nullptr;
+}
+
+// Events waiting for the next EdsGetEvent, so tests can tell "queued" from
+// "delivered".
+__attribute__((visibility("default"))) unsigned BrixSimulatorPendingEvents(void) {
+    std::lock_guard lock(state().mutex);
+    return unsigned(state().pending.size());
 }
 
 EdsError EdsInitializeSDK(void) {
