@@ -14,8 +14,7 @@
 namespace brix::eds {
 
 // `Kind` only keeps handles of different reference kinds apart at compile time.
-template <typename Kind>
-class EdsRef {
+template <typename Kind> class EdsRef {
 public:
     EdsRef() = default;
     ~EdsRef() { reset(); }

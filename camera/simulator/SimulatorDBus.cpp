@@ -12,7 +12,8 @@ std::unique_ptr<QObject> exportSimulatorControl(EdsSdk &sdk, QString *why) {
     SimulatorControl *control = simulatorControl(sdk);
     if (!control) {
         if (why)
-            *why = QStringLiteral("the %1 backend is not the simulator").arg(QString::fromUtf8(sdk.backendName()));
+            *why = QStringLiteral("the %1 backend is not the simulator")
+                       .arg(QString::fromUtf8(sdk.backendName()));
         return nullptr;
     }
     auto object = std::make_unique<sim::SimulatorDBus>(*control, QDBusConnection::sessionBus());
@@ -42,7 +43,8 @@ bool SimulatorDBus::exportOnBus(QString *why) {
     if (!connection_.registerObject(QString::fromLatin1(kSimulatorObjectPath), this,
                                     QDBusConnection::ExportAllSlots)) {
         if (why)
-            *why = QStringLiteral("could not register %1 on the session bus").arg(QLatin1String(kSimulatorObjectPath));
+            *why = QStringLiteral("could not register %1 on the session bus")
+                       .arg(QLatin1String(kSimulatorObjectPath));
         return false;
     }
     registered_ = true;

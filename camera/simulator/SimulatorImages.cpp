@@ -110,7 +110,8 @@ void putLE32(QByteArray &b, int at, uint32_t v) {
 
 } // namespace
 
-QByteArray renderShotJpeg(unsigned shotNumber, const QDateTime &when, const QString &model, const QString &fileName) {
+QByteArray renderShotJpeg(unsigned shotNumber, const QDateTime &when, const QString &model,
+                          const QString &fileName) {
     QImage img(kShotWidth, kShotHeight, QImage::Format_RGB888);
     // A gradient whose tint changes from shot to shot.
     const int tint = int((shotNumber * 47) % 256);

@@ -21,7 +21,8 @@ inline constexpr int kLiveViewWidth = 1024;
 inline constexpr int kLiveViewHeight = 680;
 
 // A JPEG showing the shot number, the time and the camera's model and file name.
-QByteArray renderShotJpeg(unsigned shotNumber, const QDateTime &when, const QString &model, const QString &fileName);
+QByteArray renderShotJpeg(unsigned shotNumber, const QDateTime &when, const QString &model,
+                          const QString &fileName);
 // One live-view frame; the pattern moves with the frame index.
 QByteArray renderLiveViewJpeg(uint64_t frameIndex, const QString &model);
 // The JPEG grown to exactly `bytes` with comment segments after its first

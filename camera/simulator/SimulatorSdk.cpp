@@ -21,10 +21,12 @@ std::unique_ptr<EdsSdk> createSimulatorSdk(std::string *why) {
         if (ok && n >= 0 && n <= 16)
             cameras = n;
         else
-            Logger::setError(QStringLiteral("simulator: ignoring BRIX_SIM_CAMERAS=\"%1\" (want 0 to 16), using 1")
-                                 .arg(qEnvironmentVariable("BRIX_SIM_CAMERAS")));
+            Logger::setError(
+                QStringLiteral("simulator: ignoring BRIX_SIM_CAMERAS=\"%1\" (want 0 to 16), using 1")
+                    .arg(qEnvironmentVariable("BRIX_SIM_CAMERAS")));
     }
-    auto sdk = std::make_unique<sim::SimulatorSdk>(cameras, qEnvironmentVariable("BRIX_SIM_MODEL").toStdString());
+    auto sdk =
+        std::make_unique<sim::SimulatorSdk>(cameras, qEnvironmentVariable("BRIX_SIM_MODEL").toStdString());
     if (qEnvironmentVariableIsSet("BRIX_SIM_EVF_FPS")) {
         bool ok = false;
         const double fps = qEnvironmentVariable("BRIX_SIM_EVF_FPS").toDouble(&ok);
@@ -54,11 +56,12 @@ const std::vector<EdsInt32> kAEModes = {0, 1, 2, 3, 4, 9};
 const std::vector<EdsInt32> kApertures = {0x20, 0x23, 0x25, 0x28, 0x2C, 0x2D, 0x30, 0x33, 0x35, 0x38,
                                           0x3B, 0x3D, 0x40, 0x43, 0x45, 0x48, 0x4B, 0x4D, 0x50};
 const std::vector<EdsInt32> kShutterSpeeds = {
-    0x10, 0x13, 0x15, 0x18, 0x1B, 0x1D, 0x20, 0x23, 0x25, 0x28, 0x2B, 0x2D, 0x30, 0x33, 0x35, 0x38, 0x3B, 0x3D, 0x40,
-    0x43, 0x45, 0x48, 0x4B, 0x4D, 0x50, 0x53, 0x55, 0x58, 0x5B, 0x5D, 0x60, 0x63, 0x65, 0x68, 0x6B, 0x6D, 0x70, 0x73,
-    0x75, 0x78, 0x7B, 0x7D, 0x80, 0x83, 0x85, 0x88, 0x8B, 0x8D, 0x90, 0x93, 0x95, 0x98, 0x9B, 0x9D, 0xA0};
-const std::vector<EdsInt32> kIsoSpeeds = {0,    0x48, 0x4B, 0x4D, 0x50, 0x53, 0x55, 0x58, 0x5B, 0x5D,
-                                          0x60, 0x63, 0x65, 0x68, 0x70, 0x78, 0x80, 0x88};
+    0x10, 0x13, 0x15, 0x18, 0x1B, 0x1D, 0x20, 0x23, 0x25, 0x28, 0x2B, 0x2D, 0x30, 0x33,
+    0x35, 0x38, 0x3B, 0x3D, 0x40, 0x43, 0x45, 0x48, 0x4B, 0x4D, 0x50, 0x53, 0x55, 0x58,
+    0x5B, 0x5D, 0x60, 0x63, 0x65, 0x68, 0x6B, 0x6D, 0x70, 0x73, 0x75, 0x78, 0x7B, 0x7D,
+    0x80, 0x83, 0x85, 0x88, 0x8B, 0x8D, 0x90, 0x93, 0x95, 0x98, 0x9B, 0x9D, 0xA0};
+const std::vector<EdsInt32> kIsoSpeeds = {0,    0x48, 0x4B, 0x4D, 0x50, 0x53, 0x55, 0x58, 0x5B,
+                                          0x5D, 0x60, 0x63, 0x65, 0x68, 0x70, 0x78, 0x80, 0x88};
 const std::vector<EdsInt32> kCompensations = {0xE8, 0xEB, 0xED, 0xF0, 0xF3, 0xF5, 0xF8, 0xFB, 0xFD, 0x00,
                                               0x03, 0x05, 0x08, 0x0B, 0x0D, 0x10, 0x13, 0x15, 0x18};
 const std::vector<EdsInt32> kWhiteBalances = {0, 1, 8, 2, 3, 4, 5, 6, 9};
@@ -75,9 +78,10 @@ const std::vector<EdsInt32> kEvfZooms = {1, 5, 10};
 // Properties whose supported values follow the AE mode, with the value the
 // body falls back to when its current one is no longer allowed.
 const std::map<EdsPropertyID, EdsUInt32> kAEDependent = {
-    {kEdsPropID_Av, 0x30},         {kEdsPropID_Tv, 0x68},          {kEdsPropID_ISOSpeed, 0},
-    {kEdsPropID_ExposureCompensation, 0}, {kEdsPropID_WhiteBalance, 0}, {kEdsPropID_MeteringMode, 3},
-    {kEdsPropID_AFMode, 0},        {kPropColorSpace, 1},
+    {kEdsPropID_Av, 0x30},        {kEdsPropID_Tv, 0x68},
+    {kEdsPropID_ISOSpeed, 0},     {kEdsPropID_ExposureCompensation, 0},
+    {kEdsPropID_WhiteBalance, 0}, {kEdsPropID_MeteringMode, 3},
+    {kEdsPropID_AFMode, 0},       {kPropColorSpace, 1},
 };
 
 // Properties that the SDK may write only with a listed value.
@@ -117,13 +121,32 @@ const std::map<std::string, EdsCameraCommand> kCommandNames = {
 };
 
 const char *const kOperations[] = {
-    "EdsInitializeSDK",   "EdsTerminateSDK",       "EdsSetCameraAddedHandler",      "EdsGetCameraList",
-    "EdsGetChildCount",   "EdsGetChildAtIndex",    "EdsGetDeviceInfo",              "EdsOpenSession",
-    "EdsCloseSession",    "EdsSetCameraStateEventHandler", "EdsSetPropertyEventHandler", "EdsSetObjectEventHandler",
-    "EdsGetPropertySize", "EdsGetPropertyData",    "EdsSetPropertyData",            "EdsGetPropertyDesc",
-    "EdsSendCommand",     "EdsSendStatusCommand",  "EdsSetCapacity",                "EdsGetDirectoryItemInfo",
-    "EdsCreateMemoryStreamFromPointer", "EdsSetProgressCallback", "EdsDownload",    "EdsDownloadComplete",
-    "EdsCreateEvfImageRef", "EdsDownloadEvfImage",
+    "EdsInitializeSDK",
+    "EdsTerminateSDK",
+    "EdsSetCameraAddedHandler",
+    "EdsGetCameraList",
+    "EdsGetChildCount",
+    "EdsGetChildAtIndex",
+    "EdsGetDeviceInfo",
+    "EdsOpenSession",
+    "EdsCloseSession",
+    "EdsSetCameraStateEventHandler",
+    "EdsSetPropertyEventHandler",
+    "EdsSetObjectEventHandler",
+    "EdsGetPropertySize",
+    "EdsGetPropertyData",
+    "EdsSetPropertyData",
+    "EdsGetPropertyDesc",
+    "EdsSendCommand",
+    "EdsSendStatusCommand",
+    "EdsSetCapacity",
+    "EdsGetDirectoryItemInfo",
+    "EdsCreateMemoryStreamFromPointer",
+    "EdsSetProgressCallback",
+    "EdsDownload",
+    "EdsDownloadComplete",
+    "EdsCreateEvfImageRef",
+    "EdsDownloadEvfImage",
 };
 
 const char *commandName(EdsCameraCommand command) {
@@ -133,8 +156,7 @@ const char *commandName(EdsCameraCommand command) {
     return nullptr;
 }
 
-template <typename Fn>
-struct Handler {
+template <typename Fn> struct Handler {
     Fn fn = nullptr;
     EdsVoid *context = nullptr;
     EdsUInt32 event = 0;
@@ -249,7 +271,8 @@ SimulatorSdk::~SimulatorSdk() {
     Lock lock(mutex_);
     const long leaked = totalRefs_ - internalRefs_;
     if (leaked != 0)
-        Logger::setError(QStringLiteral("simulator: %1 references were still held by the host at the end").arg(leaked));
+        Logger::setError(
+            QStringLiteral("simulator: %1 references were still held by the host at the end").arg(leaked));
     for (const Object *o : objects_)
         delete o;
     objects_.clear();
@@ -257,8 +280,7 @@ SimulatorSdk::~SimulatorSdk() {
 
 // --- bookkeeping (mutex_ held) ------------------------------------------------
 
-template <typename T>
-T *SimulatorSdk::find(EdsBaseRef ref) const {
+template <typename T> T *SimulatorSdk::find(EdsBaseRef ref) const {
     auto *o = reinterpret_cast<Object *>(ref);
     if (!o || !objects_.count(o))
         return nullptr;
@@ -467,13 +489,15 @@ EdsError SimulatorSdk::changeValueLocked(Camera *camera, EdsPropertyID id, EdsUI
                 postPropertyEvent(camera, kEdsPropertyEvent_PropertyDescChanged, dep);
             Prop &p = camera->props.at(dep);
             if (!now.empty() && std::find(now.begin(), now.end(), EdsInt32(p.value)) == now.end()) {
-                p.value = std::find(now.begin(), now.end(), EdsInt32(fallback)) != now.end() ? fallback
-                                                                                             : EdsUInt32(now.front());
+                p.value = std::find(now.begin(), now.end(), EdsInt32(fallback)) != now.end()
+                              ? fallback
+                              : EdsUInt32(now.front());
                 postPropertyEvent(camera, kEdsPropertyEvent_PropertyChanged, dep);
             }
         }
     }
-    if (id == kEdsPropID_Evf_OutputDevice && (value & kEdsEvfOutputDevice_PC) && !(old & kEdsEvfOutputDevice_PC)) {
+    if (id == kEdsPropID_Evf_OutputDevice && (value & kEdsEvfOutputDevice_PC) &&
+        !(old & kEdsEvfOutputDevice_PC)) {
         camera->evfStart = dispatch::now();
         camera->evfLastFrame = -1;
     }
@@ -703,8 +727,13 @@ EdsUInt32 sizeOf(const Prop &p) {
 EdsTime timeRecord(const QDateTime &t) {
     const QDate d = t.date();
     const QTime tm = t.time();
-    return EdsTime{EdsUInt32(d.year()), EdsUInt32(d.month()),  EdsUInt32(d.day()), EdsUInt32(tm.hour()),
-                   EdsUInt32(tm.minute()), EdsUInt32(tm.second()), 0};
+    return EdsTime{EdsUInt32(d.year()),
+                   EdsUInt32(d.month()),
+                   EdsUInt32(d.day()),
+                   EdsUInt32(tm.hour()),
+                   EdsUInt32(tm.minute()),
+                   EdsUInt32(tm.second()),
+                   0};
 }
 
 } // namespace
@@ -727,7 +756,8 @@ EdsError SimulatorSdk::EdsGetPropertySize(EdsBaseRef ref, EdsPropertyID id, EdsI
     return EDS_ERR_OK;
 }
 
-EdsError SimulatorSdk::EdsGetPropertyData(EdsBaseRef ref, EdsPropertyID id, EdsInt32, EdsUInt32 size, EdsVoid *out) {
+EdsError SimulatorSdk::EdsGetPropertyData(EdsBaseRef ref, EdsPropertyID id, EdsInt32, EdsUInt32 size,
+                                          EdsVoid *out) {
     Lock lock(mutex_);
     if (EdsError e = takeInjection("EdsGetPropertyData"))
         return e;
@@ -830,7 +860,8 @@ EdsError SimulatorSdk::EdsSendCommand(EdsCameraRef ref, EdsCameraCommand command
     auto *c = find<Camera>(ref);
     if (EdsError e = checkCamera(c, true, true))
         return e;
-    const bool bulbMode = c->props.at(kEdsPropID_AEMode).value == kAEBulb || c->props.at(kEdsPropID_Tv).value == kTvBulb;
+    const bool bulbMode =
+        c->props.at(kEdsPropID_AEMode).value == kAEBulb || c->props.at(kEdsPropID_Tv).value == kTvBulb;
     const bool liveView = c->props.at(kEdsPropID_Evf_OutputDevice).value & kEdsEvfOutputDevice_PC;
     switch (command) {
     case kEdsCameraCommand_TakePicture:
@@ -862,8 +893,9 @@ EdsError SimulatorSdk::EdsSendCommand(EdsCameraRef ref, EdsCameraCommand command
                 c->bulb = false;
                 shootLocked(c);
             }
-            c->shutter = param == kEdsCameraCommand_ShutterButton_OFF ? kEdsCameraCommand_ShutterButton_OFF
-                                                                      : kEdsCameraCommand_ShutterButton_Halfway;
+            c->shutter = param == kEdsCameraCommand_ShutterButton_OFF
+                             ? kEdsCameraCommand_ShutterButton_OFF
+                             : kEdsCameraCommand_ShutterButton_Halfway;
             return EDS_ERR_OK;
         case kEdsCameraCommand_ShutterButton_Completely:
         case kEdsCameraCommand_ShutterButton_Completely_NonAF:
@@ -948,6 +980,9 @@ void SimulatorSdk::shootLocked(Camera *camera) {
     camera->fileCounter = camera->fileCounter % 9999 + 1;
     if (closing_)
         return;
+    // Where the shot goes is decided when it is taken, not when it is written.
+    if (!(camera->props.at(kEdsPropID_SaveTo).value & kEdsSaveTo_Host))
+        return; // on the card only: the host is not told
     retainLocked(camera, true);
     post([this, camera, shotNumber, file = camera->fileCounter, ext = shotExtension_, bytes = shotBytes_,
           model = camera->model, offset = camera->clockOffsetMs] {
@@ -955,19 +990,21 @@ void SimulatorSdk::shootLocked(Camera *camera) {
     });
 }
 
-void SimulatorSdk::deliverShot(Camera *camera, unsigned shotNumber, unsigned fileNumber, std::string extension,
-                               uint64_t bytes, std::string model, int64_t clockOffsetMs) {
+void SimulatorSdk::deliverShot(Camera *camera, unsigned shotNumber, unsigned fileNumber,
+                               std::string extension, uint64_t bytes, std::string model,
+                               int64_t clockOffsetMs) {
     const QDateTime when = cameraNow(clockOffsetMs);
-    const QString fileName =
-        QStringLiteral("IMG_%1.%2").arg(fileNumber, 4, 10, QLatin1Char('0')).arg(QString::fromStdString(extension));
+    const QString fileName = QStringLiteral("IMG_%1.%2")
+                                 .arg(fileNumber, 4, 10, QLatin1Char('0'))
+                                 .arg(QString::fromStdString(extension));
     const QString modelName = QString::fromStdString(model);
     const QByteArray jpeg = renderShotJpeg(shotNumber, when, modelName, fileName);
     QByteArray data = extension == "CR2" ? makeRawFile(jpeg, bytes, modelName) : padJpeg(jpeg, bytes);
 
     Lock lock(mutex_);
-    const bool toHost = camera->props.at(kEdsPropID_SaveTo).value & kEdsSaveTo_Host;
-    if (closing_ || !camera->attached || !toHost || data.isEmpty()) {
-        // A shot saved to the card only stays there; the host is not told.
+    if (closing_ || !camera->attached || data.isEmpty()) {
+        if (data.isEmpty())
+            Logger::setError(QStringLiteral("simulator: could not render shot %1").arg(shotNumber));
         releaseLocked(camera, true);
         return;
     }
@@ -1024,8 +1061,8 @@ EdsError SimulatorSdk::EdsCreateMemoryStreamFromPointer(EdsVoid *buffer, EdsUInt
     return EDS_ERR_OK;
 }
 
-EdsError SimulatorSdk::EdsSetProgressCallback(EdsBaseRef ref, EdsProgressCallback fn, EdsProgressOption option,
-                                              EdsVoid *context) {
+EdsError SimulatorSdk::EdsSetProgressCallback(EdsBaseRef ref, EdsProgressCallback fn,
+                                              EdsProgressOption option, EdsVoid *context) {
     Lock lock(mutex_);
     if (EdsError e = takeInjection("EdsSetProgressCallback"))
         return e;
@@ -1072,8 +1109,9 @@ EdsError SimulatorSdk::EdsDownload(EdsDirectoryItemRef itemRef, EdsUInt64 readSi
             std::memcpy(dest + done, data.constData() + done, n);
         done += n;
         const EdsUInt32 percent = readSize ? EdsUInt32(done * 100 / readSize) : 100;
-        const bool report = option == kEdsProgressOption_Periodically ? percent != reported
-                                                                      : (option == kEdsProgressOption_Done && done == readSize);
+        const bool report = option == kEdsProgressOption_Periodically
+                                ? percent != reported
+                                : (option == kEdsProgressOption_Done && done == readSize);
         if (report) {
             reported = percent;
             EdsBool cancel = 0;
@@ -1171,8 +1209,12 @@ int SimulatorSdk::plug(const std::string &model, int subtype) {
     c->subtype = subtype >= 0 ? EdsUInt32(subtype) : (isLegacyModelName(c->model) ? 0u : 1u);
     c->port = "usb:001," + std::to_string(nextPort_++);
     const bool legacy = c->subtype == 0;
-    auto num = [c](EdsPropertyID id, EdsDataType type, EdsUInt32 value) { c->props[id] = Prop{type, value, {}}; };
-    auto str = [c](EdsPropertyID id, std::string text) { c->props[id] = Prop{kEdsDataType_String, 0, std::move(text)}; };
+    auto num = [c](EdsPropertyID id, EdsDataType type, EdsUInt32 value) {
+        c->props[id] = Prop{type, value, {}};
+    };
+    auto str = [c](EdsPropertyID id, std::string text) {
+        c->props[id] = Prop{kEdsDataType_String, 0, std::move(text)};
+    };
     str(kEdsPropID_ProductName, c->model);
     str(kEdsPropID_OwnerName, "");
     num(kEdsPropID_DateTime, kEdsDataType_Time, 0);
@@ -1309,8 +1351,8 @@ bool SimulatorSdk::injectError(const std::string &operation, EdsError code, unsi
     if (!isCommand) {
         if (name.rfind("Eds", 0) != 0)
             name = "Eds" + name;
-        if (std::find_if(std::begin(kOperations), std::end(kOperations), [&](const char *op) { return name == op; }) ==
-            std::end(kOperations))
+        if (std::find_if(std::begin(kOperations), std::end(kOperations),
+                         [&](const char *op) { return name == op; }) == std::end(kOperations))
             return false;
     }
     Lock lock(mutex_);

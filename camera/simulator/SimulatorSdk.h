@@ -68,12 +68,14 @@ public:
     EdsError EdsSendStatusCommand(EdsCameraRef inCameraRef, EdsCameraStatusCommand inStatusCommand,
                                   EdsInt32 inParam) override;
     EdsError EdsSetCapacity(EdsCameraRef inCameraRef, EdsCapacity inCapacity) override;
-    EdsError EdsGetDirectoryItemInfo(EdsDirectoryItemRef inDirItemRef, EdsDirectoryItemInfo *outDirItemInfo) override;
+    EdsError EdsGetDirectoryItemInfo(EdsDirectoryItemRef inDirItemRef,
+                                     EdsDirectoryItemInfo *outDirItemInfo) override;
     EdsError EdsCreateMemoryStreamFromPointer(EdsVoid *inUserBuffer, EdsUInt64 inBufferSize,
                                               EdsStreamRef *outStream) override;
     EdsError EdsSetProgressCallback(EdsBaseRef inRef, EdsProgressCallback inProgressFunc,
                                     EdsProgressOption inProgressOption, EdsVoid *inContext) override;
-    EdsError EdsDownload(EdsDirectoryItemRef inDirItemRef, EdsUInt64 inReadSize, EdsStreamRef outStream) override;
+    EdsError EdsDownload(EdsDirectoryItemRef inDirItemRef, EdsUInt64 inReadSize,
+                         EdsStreamRef outStream) override;
     EdsError EdsDownloadComplete(EdsDirectoryItemRef inDirItemRef) override;
     EdsError EdsCreateEvfImageRef(EdsStreamRef inStreamRef, EdsEvfImageRef *outEvfImageRef) override;
     EdsError EdsDownloadEvfImage(EdsCameraRef inCameraRef, EdsEvfImageRef inEvfImageRef) override;
@@ -109,8 +111,7 @@ private:
     using Lock = std::unique_lock<std::mutex>;
 
     // All below with mutex_ held.
-    template <typename T>
-    T *find(EdsBaseRef ref) const;
+    template <typename T> T *find(EdsBaseRef ref) const;
     void addObject(Object *object, bool internal);
     EdsUInt32 retainLocked(Object *object, bool internal);
     EdsUInt32 releaseLocked(Object *object, bool internal);

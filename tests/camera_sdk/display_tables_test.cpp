@@ -97,7 +97,8 @@ TEST(DisplayTables, SignedWhiteBalanceAndSharedEvfTable) {
               "Setting the white balance by clicking image coordinates");
     EXPECT_EQ(stringForPropertyID(kEdsPropID_WhiteBalance, 7), "unknown");
     EXPECT_EQ(stringForPropertyID(0x502, 8), "Shade");
-    EXPECT_EQ(stringForPropertyID(kEdsPropID_WhiteBalance, 6), "Manual (set by shooting a white card or paper)");
+    EXPECT_EQ(stringForPropertyID(kEdsPropID_WhiteBalance, 6),
+              "Manual (set by shooting a white card or paper)");
 }
 
 TEST(DisplayTables, OtherTablesFallBackAsTheyShould) {

@@ -1,0 +1,1 @@
+target_link_libraries(simulator_bench PRIVATE brix_camera_simulator brix_camera_sdk Qt6::Gui)

@@ -1,0 +1,378 @@
+// What every camera backend promises behind the SDK interface, as one
+// value-parameterised GoogleTest suite. A backend's test folder instantiates it
+// with a Backend record (ContractSupport.h), in exactly one source file of the
+// test executable, since this header defines the test bodies:
+//
+//   INSTANTIATE_TEST_SUITE_P(Simulator, EdsContract, ::testing::Values(mySimulatorBackend()),
+//                            [](const auto &info) { return info.param.name; });
+//
+// The record's optional drivers stand for what a person would do at the camera
+// (press the shutter, pull the cable) and for test-only hooks (error
+// injection, reference accounting); a case that needs a driver the backend does
+// not have is skipped. A backend needs one camera attached when the suite runs.
+#pragma once
+
+#include "ContractSupport.h"
+
+namespace brix::eds::contract {
+
+class EdsContract : public ::testing::TestWithParam<Backend> {
+protected:
+    void SetUp() override {
+        sdk_ = GetParam().make();
+        ASSERT_TRUE(sdk_);
+        log_.sdk = sdk_.get();
+        ASSERT_EQ(sdk_->EdsInitializeSDK(), EDS_ERR_OK);
+    }
+
+    void TearDown() override {
+        if (camera_) {
+            sdk_->EdsSetCameraStateEventHandler(camera_.get(), kEdsStateEvent_All, nullptr, nullptr);
+            sdk_->EdsSetPropertyEventHandler(camera_.get(), kEdsPropertyEvent_All, nullptr, nullptr);
+            sdk_->EdsSetObjectEventHandler(camera_.get(), kEdsObjectEvent_All, nullptr, nullptr);
+            if (sessionOpen_)
+                sdk_->EdsCloseSession(camera_.get());
+        }
+        for (EdsBaseRef item : log_.items)
+            sdk_->EdsRelease(item);
+        log_.items.clear();
+        camera_.reset();
+        if (GetParam().callerReferences) {
+            EXPECT_EQ(GetParam().callerReferences(*sdk_), 0) << "references were not balanced";
+        }
+        sdk_->EdsTerminateSDK();
+        sdk_.reset();
+        if (GetParam().done)
+            GetParam().done();
+    }
+
+    // The first camera of the list, with a session and all three handlers.
+    void openFirstCamera() {
+        EdsCameraListHandle list;
+        ASSERT_EQ(sdk_->EdsGetCameraList(list.receive(*sdk_)), EDS_ERR_OK);
+        EdsUInt32 count = 0;
+        ASSERT_EQ(sdk_->EdsGetChildCount(list.get(), &count), EDS_ERR_OK);
+        ASSERT_GE(count, 1u) << "the contract needs one camera attached";
+        ASSERT_EQ(sdk_->EdsGetChildAtIndex(list.get(), 0, camera_.receive(*sdk_)), EDS_ERR_OK);
+        ASSERT_EQ(
+            sdk_->EdsSetCameraStateEventHandler(camera_.get(), kEdsStateEvent_All, &EventLog::onState, &log_),
+            EDS_ERR_OK);
+        ASSERT_EQ(sdk_->EdsOpenSession(camera_.get()), EDS_ERR_OK);
+        sessionOpen_ = true;
+        ASSERT_EQ(sdk_->EdsSetPropertyEventHandler(camera_.get(), kEdsPropertyEvent_All,
+                                                   &EventLog::onProperty, &log_),
+                  EDS_ERR_OK);
+        ASSERT_EQ(
+            sdk_->EdsSetObjectEventHandler(camera_.get(), kEdsObjectEvent_All, &EventLog::onObject, &log_),
+            EDS_ERR_OK);
+    }
+
+    EdsError setUInt32(EdsPropertyID id, EdsUInt32 value) {
+        return sdk_->EdsSetPropertyData(camera_.get(), id, 0, sizeof value, &value);
+    }
+    EdsUInt32 getUInt32(EdsPropertyID id) {
+        EdsUInt32 value = 0xDEADBEEF;
+        EXPECT_EQ(sdk_->EdsGetPropertyData(camera_.get(), id, 0, sizeof value, &value), EDS_ERR_OK);
+        return value;
+    }
+
+    // Saves to the host and takes one picture; returns the offered item (owned by log_).
+    EdsBaseRef shootToHost() {
+        EXPECT_EQ(setUInt32(kEdsPropID_SaveTo, kEdsSaveTo_Host), EDS_ERR_OK);
+        EXPECT_EQ(sdk_->EdsSetCapacity(camera_.get(), EdsCapacity{0x7FFFFFFF, 512, 1}), EDS_ERR_OK);
+        size_t before;
+        {
+            std::lock_guard lock(log_.mutex);
+            before = log_.items.size();
+        }
+        EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_TakePicture, 0), EDS_ERR_OK);
+        EXPECT_TRUE(test::processEventsUntil(
+            [&] {
+                std::lock_guard lock(log_.mutex);
+                return log_.items.size() > before;
+            },
+            std::chrono::seconds(30)));
+        std::lock_guard lock(log_.mutex);
+        return log_.items.size() > before ? log_.items.back() : nullptr;
+    }
+
+    QByteArray download(EdsBaseRef item, Progress *progress) {
+        EdsDirectoryItemInfo info{};
+        EXPECT_EQ(sdk_->EdsGetDirectoryItemInfo(item, &info), EDS_ERR_OK);
+        QByteArray bytes(qsizetype(info.size), '\0');
+        EdsStreamHandle stream;
+        EXPECT_EQ(sdk_->EdsCreateMemoryStreamFromPointer(bytes.data(), info.size, stream.receive(*sdk_)),
+                  EDS_ERR_OK);
+        if (progress) {
+            EXPECT_EQ(sdk_->EdsSetProgressCallback(stream.get(), &Progress::callback,
+                                                   kEdsProgressOption_Periodically, progress),
+                      EDS_ERR_OK);
+        }
+        const EdsError e = sdk_->EdsDownload(item, info.size, stream.get());
+        EXPECT_EQ(e, EDS_ERR_OK);
+        return e == EDS_ERR_OK ? bytes : QByteArray();
+    }
+
+    std::unique_ptr<EdsSdk> sdk_;
+    EventLog log_;
+    EdsCameraHandle camera_;
+    bool sessionOpen_ = false;
+};
+
+TEST_P(EdsContract, CameraListDeviceInfoAndBadArgumentsAnswerWithCodes) {
+    EdsCameraListHandle list;
+    ASSERT_EQ(sdk_->EdsGetCameraList(list.receive(*sdk_)), EDS_ERR_OK);
+    EdsUInt32 count = 0;
+    ASSERT_EQ(sdk_->EdsGetChildCount(list.get(), &count), EDS_ERR_OK);
+    ASSERT_GE(count, 1u);
+    EdsCameraHandle camera;
+    ASSERT_EQ(sdk_->EdsGetChildAtIndex(list.get(), 0, camera.receive(*sdk_)), EDS_ERR_OK);
+    EdsDeviceInfo info;
+    std::memset(&info, 0x7F, sizeof info);
+    ASSERT_EQ(sdk_->EdsGetDeviceInfo(camera.get(), &info), EDS_ERR_OK);
+    const size_t len = strnlen(info.szDeviceDescription, EDS_MAX_NAME);
+    EXPECT_GT(len, 0u);
+    EXPECT_LT(len, EDS_MAX_NAME) << "the model name is NUL-terminated";
+
+    // The same body twice is the same reference: identity is the reference.
+    EdsCameraHandle again;
+    ASSERT_EQ(sdk_->EdsGetChildAtIndex(list.get(), 0, again.receive(*sdk_)), EDS_ERR_OK);
+    EXPECT_EQ(again.get(), camera.get());
+
+    EdsBaseRef none = nullptr;
+    EXPECT_NE(sdk_->EdsGetChildAtIndex(list.get(), EdsInt32(count), &none), EDS_ERR_OK);
+    EXPECT_NE(sdk_->EdsGetChildAtIndex(list.get(), -1, &none), EDS_ERR_OK);
+    EXPECT_EQ(none, nullptr);
+    // Property access needs a session.
+    EdsUInt32 value = 0;
+    EXPECT_NE(sdk_->EdsGetPropertyData(camera.get(), kEdsPropID_AEMode, 0, sizeof value, &value), EDS_ERR_OK);
+}
+
+TEST_P(EdsContract, PropertiesHaveTheirSdkTypesAndEventsArriveOnOneBackendThread) {
+    openFirstCamera();
+    EdsDataType type = 0;
+    EdsUInt32 size = 0;
+    ASSERT_EQ(sdk_->EdsGetPropertySize(camera_.get(), kEdsPropID_Tv, 0, &type, &size), EDS_ERR_OK);
+    EXPECT_TRUE(type == kEdsDataType_UInt32 || type == kEdsDataType_Int32);
+    EXPECT_EQ(size, 4u);
+    ASSERT_EQ(sdk_->EdsGetPropertySize(camera_.get(), kEdsPropID_DateTime, 0, &type, &size), EDS_ERR_OK);
+    EXPECT_EQ(type, EdsDataType(kEdsDataType_Time));
+    EXPECT_EQ(size, sizeof(EdsTime));
+    EdsTime t{};
+    ASSERT_EQ(sdk_->EdsGetPropertyData(camera_.get(), kEdsPropID_DateTime, 0, size, &t), EDS_ERR_OK);
+    EXPECT_GE(t.year, 2000u);
+    EXPECT_TRUE(t.month >= 1 && t.month <= 12);
+    ASSERT_EQ(sdk_->EdsGetPropertySize(camera_.get(), kEdsPropID_ProductName, 0, &type, &size), EDS_ERR_OK);
+    EXPECT_EQ(type, EdsDataType(kEdsDataType_String));
+    std::vector<char> name(size + 1, 'x');
+    ASSERT_EQ(sdk_->EdsGetPropertyData(camera_.get(), kEdsPropID_ProductName, 0, size, name.data()),
+              EDS_ERR_OK);
+    EXPECT_EQ(strnlen(name.data(), size), size - 1) << "a string fills its reported size with its NUL";
+
+    // A string the host writes reads back the same.
+    const char artist[] = "Brix Station \xC3\xA9";
+    ASSERT_EQ(sdk_->EdsSetPropertyData(camera_.get(), kEdsPropID_Artist, 0, sizeof artist, artist),
+              EDS_ERR_OK);
+    ASSERT_EQ(sdk_->EdsGetPropertySize(camera_.get(), kEdsPropID_Artist, 0, &type, &size), EDS_ERR_OK);
+    std::vector<char> back(size);
+    ASSERT_EQ(sdk_->EdsGetPropertyData(camera_.get(), kEdsPropID_Artist, 0, size, back.data()), EDS_ERR_OK);
+    EXPECT_STREQ(back.data(), artist);
+
+    // A change by the host is reported as 0x101 for that property.
+    EdsPropertyDesc desc{};
+    ASSERT_EQ(sdk_->EdsGetPropertyDesc(camera_.get(), kEdsPropID_DriveMode, &desc), EDS_ERR_OK);
+    ASSERT_GE(desc.numElements, 2);
+    const EdsUInt32 drive = getUInt32(kEdsPropID_DriveMode);
+    const EdsUInt32 other =
+        EdsUInt32(desc.propDesc[0]) == drive ? EdsUInt32(desc.propDesc[1]) : EdsUInt32(desc.propDesc[0]);
+    ASSERT_EQ(setUInt32(kEdsPropID_DriveMode, other), EDS_ERR_OK);
+    EXPECT_EQ(getUInt32(kEdsPropID_DriveMode), other);
+    ASSERT_TRUE(test::processEventsUntil(
+        [&] { return log_.count('p', kEdsPropertyEvent_PropertyChanged, kEdsPropID_DriveMode) > 0; }));
+    ASSERT_NE(shootToHost(), nullptr);
+
+    const auto events = log_.snapshot();
+    ASSERT_FALSE(events.empty());
+    for (const auto &e : events) {
+        EXPECT_NE(e.thread, std::this_thread::get_id())
+            << "event " << std::hex << e.event << " on the caller's thread";
+        EXPECT_EQ(e.thread, events.front().thread) << "event " << std::hex << e.event << " on another thread";
+    }
+}
+
+TEST_P(EdsContract, DownloadDeliversTheExactBytesWithProgressTo100) {
+    openFirstCamera();
+    EdsBaseRef item = shootToHost();
+    ASSERT_NE(item, nullptr);
+    EdsDirectoryItemInfo info{};
+    ASSERT_EQ(sdk_->EdsGetDirectoryItemInfo(item, &info), EDS_ERR_OK);
+    const QString fileName = QString::fromUtf8(info.szFileName);
+    EXPECT_TRUE(fileName.endsWith(".JPG") || fileName.endsWith(".CR2")) << fileName.toStdString();
+    ASSERT_GT(info.size, 0u);
+
+    Progress progress;
+    const QByteArray first = download(item, &progress);
+    ASSERT_EQ(first.size(), qsizetype(info.size));
+    {
+        std::lock_guard lock(progress.mutex);
+        ASSERT_FALSE(progress.percents.empty());
+        EXPECT_EQ(progress.percents.back(), 100u);
+        for (size_t i = 1; i < progress.percents.size(); ++i)
+            EXPECT_LE(progress.percents[i - 1], progress.percents[i]);
+        for (auto id : progress.threads)
+            EXPECT_EQ(id, std::this_thread::get_id()) << "progress runs on the downloading thread";
+    }
+    if (fileName.endsWith(".JPG")) {
+        EXPECT_EQ(uchar(first[0]), 0xFF);
+        EXPECT_EQ(uchar(first[1]), 0xD8);
+        EXPECT_EQ(uchar(first[first.size() - 2]), 0xFF);
+        EXPECT_EQ(uchar(first[first.size() - 1]), 0xD9);
+        EXPECT_FALSE(QImage::fromData(first).isNull());
+    }
+    // A second transfer of the same item gives the same bytes.
+    EXPECT_EQ(download(item, nullptr), first);
+    EXPECT_EQ(sdk_->EdsDownloadComplete(item), EDS_ERR_OK);
+
+    // A download into a stream too small for it fails with a code and writes nothing past it.
+    EdsBaseRef second = shootToHost();
+    ASSERT_NE(second, nullptr);
+    ASSERT_EQ(sdk_->EdsGetDirectoryItemInfo(second, &info), EDS_ERR_OK);
+    QByteArray small(16 + 8, '\x5A');
+    EdsStreamHandle stream;
+    ASSERT_EQ(sdk_->EdsCreateMemoryStreamFromPointer(small.data(), 16, stream.receive(*sdk_)), EDS_ERR_OK);
+    EXPECT_NE(sdk_->EdsDownload(second, info.size, stream.get()), EDS_ERR_OK);
+    EXPECT_EQ(small.mid(16), QByteArray(8, '\x5A'));
+
+    // Cancelling from the progress callback stops the transfer with a code.
+    Progress cancelling;
+    cancelling.cancelAt = 1;
+    QByteArray bytes(qsizetype(info.size), '\0');
+    EdsStreamHandle s2;
+    ASSERT_EQ(sdk_->EdsCreateMemoryStreamFromPointer(bytes.data(), info.size, s2.receive(*sdk_)), EDS_ERR_OK);
+    ASSERT_EQ(sdk_->EdsSetProgressCallback(s2.get(), &Progress::callback, kEdsProgressOption_Periodically,
+                                           &cancelling),
+              EDS_ERR_OK);
+    EXPECT_EQ(sdk_->EdsDownload(second, info.size, s2.get()), EDS_ERR_OPERATION_CANCELLED);
+    EXPECT_EQ(sdk_->EdsDownloadComplete(second), EDS_ERR_OK);
+}
+
+TEST_P(EdsContract, InjectedErrorsComeBackAsCodesForTheirCount) {
+    if (!GetParam().injectError)
+        GTEST_SKIP() << GetParam().name << " cannot inject errors";
+    openFirstCamera();
+    ASSERT_TRUE(GetParam().injectError(*sdk_, "EdsSendCommand", EDS_ERR_TAKE_PICTURE_AF_NG, 1));
+    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_ExtendShutDownTimer, 0),
+              EDS_ERR_TAKE_PICTURE_AF_NG);
+    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_ExtendShutDownTimer, 0), EDS_ERR_OK);
+
+    ASSERT_TRUE(GetParam().injectError(*sdk_, "EdsGetPropertyData", EDS_ERR_DEVICE_BUSY, 2));
+    EdsUInt32 v = 0;
+    EXPECT_EQ(sdk_->EdsGetPropertyData(camera_.get(), kEdsPropID_Av, 0, 4, &v), EDS_ERR_DEVICE_BUSY);
+    EXPECT_EQ(sdk_->EdsGetPropertyData(camera_.get(), kEdsPropID_Av, 0, 4, &v), EDS_ERR_DEVICE_BUSY);
+    EXPECT_EQ(sdk_->EdsGetPropertyData(camera_.get(), kEdsPropID_Av, 0, 4, &v), EDS_ERR_OK);
+
+    // An injected failure of a creating call hands out nothing to release.
+    ASSERT_TRUE(GetParam().injectError(*sdk_, "EdsGetCameraList", EDS_ERR_COMM_DISCONNECTED, 1));
+    EdsCameraListHandle list;
+    EXPECT_EQ(sdk_->EdsGetCameraList(list.receive(*sdk_)), EDS_ERR_COMM_DISCONNECTED);
+    EXPECT_FALSE(list);
+
+    ASSERT_TRUE(GetParam().injectError(*sdk_, "EdsDownload", EDS_ERR_STREAM_WRITE_ERROR, 1));
+    EdsBaseRef item = shootToHost();
+    ASSERT_NE(item, nullptr);
+    EdsDirectoryItemInfo info{};
+    ASSERT_EQ(sdk_->EdsGetDirectoryItemInfo(item, &info), EDS_ERR_OK);
+    QByteArray bytes(qsizetype(info.size), '\0');
+    EdsStreamHandle stream;
+    ASSERT_EQ(sdk_->EdsCreateMemoryStreamFromPointer(bytes.data(), info.size, stream.receive(*sdk_)),
+              EDS_ERR_OK);
+    EXPECT_EQ(sdk_->EdsDownload(item, info.size, stream.get()), EDS_ERR_STREAM_WRITE_ERROR);
+    EXPECT_EQ(sdk_->EdsDownloadComplete(item), EDS_ERR_OK);
+}
+
+TEST_P(EdsContract, UnplugDuringASessionReportsShutdownAndLaterCallsFail) {
+    if (!GetParam().unplug)
+        GTEST_SKIP() << GetParam().name << " cannot unplug its camera";
+    openFirstCamera();
+    ASSERT_TRUE(GetParam().unplug(*sdk_));
+    ASSERT_TRUE(test::processEventsUntil([&] { return log_.count('s', kEdsStateEvent_Shutdown) == 1; }));
+    for (const auto &e : log_.snapshot())
+        EXPECT_NE(e.thread, std::this_thread::get_id());
+    EdsUInt32 v = 0;
+    EXPECT_NE(sdk_->EdsGetPropertyData(camera_.get(), kEdsPropID_Av, 0, 4, &v), EDS_ERR_OK);
+    EXPECT_NE(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_TakePicture, 0), EDS_ERR_OK);
+    // The gone camera is no longer listed, and closing its session still works.
+    EdsCameraListHandle list;
+    ASSERT_EQ(sdk_->EdsGetCameraList(list.receive(*sdk_)), EDS_ERR_OK);
+    EdsUInt32 count = 99;
+    ASSERT_EQ(sdk_->EdsGetChildCount(list.get(), &count), EDS_ERR_OK);
+    for (EdsUInt32 i = 0; i < count; ++i) {
+        EdsCameraHandle c;
+        ASSERT_EQ(sdk_->EdsGetChildAtIndex(list.get(), EdsInt32(i), c.receive(*sdk_)), EDS_ERR_OK);
+        EXPECT_NE(c.get(), camera_.get());
+    }
+    EXPECT_EQ(sdk_->EdsCloseSession(camera_.get()), EDS_ERR_OK);
+    sessionOpen_ = false;
+}
+
+TEST_P(EdsContract, LiveViewGivesMovingJpegFramesWithNotReadyBetween) {
+    openFirstCamera();
+    ASSERT_EQ(setUInt32(kEdsPropID_Evf_Mode, kEdsEvfMode_Enabled), EDS_ERR_OK);
+    const EdsUInt32 device = getUInt32(kEdsPropID_Evf_OutputDevice);
+    ASSERT_EQ(setUInt32(kEdsPropID_Evf_OutputDevice, device | kEdsEvfOutputDevice_PC), EDS_ERR_OK);
+    EXPECT_TRUE(test::processEventsUntil(
+        [&] { return log_.count('p', kEdsPropertyEvent_PropertyChanged, kEdsPropID_Evf_OutputDevice) > 0; }));
+
+    constexpr size_t kStreamSize = 0x200000;
+    auto frame = [&](QByteArray *out) -> EdsError {
+        QByteArray buffer(qsizetype(kStreamSize), '\0');
+        EdsStreamHandle stream;
+        EdsEvfImageHandle image;
+        EXPECT_EQ(sdk_->EdsCreateMemoryStreamFromPointer(buffer.data(), kStreamSize, stream.receive(*sdk_)),
+                  EDS_ERR_OK);
+        EXPECT_EQ(sdk_->EdsCreateEvfImageRef(stream.get(), image.receive(*sdk_)), EDS_ERR_OK);
+        EdsError e = EDS_ERR_OBJECT_NOTREADY;
+        for (int tries = 0; tries < 2000 && e == EDS_ERR_OBJECT_NOTREADY; ++tries) {
+            e = sdk_->EdsDownloadEvfImage(camera_.get(), image.get());
+            if (e == EDS_ERR_OBJECT_NOTREADY && GetParam().nextFrame)
+                GetParam().nextFrame();
+        }
+        *out = buffer;
+        return e;
+    };
+    QByteArray a, b;
+    ASSERT_EQ(frame(&a), EDS_ERR_OK);
+    ASSERT_EQ(frame(&b), EDS_ERR_OK);
+    const QImage ia = QImage::fromData(a), ib = QImage::fromData(b);
+    ASSERT_FALSE(ia.isNull());
+    ASSERT_FALSE(ib.isNull());
+    EXPECT_GE(ia.width(), 640);
+    EXPECT_NE(ia, ib) << "the picture moves from frame to frame";
+
+    // Without the host bit there are no frames.
+    ASSERT_EQ(setUInt32(kEdsPropID_Evf_OutputDevice, device & ~kEdsEvfOutputDevice_PC), EDS_ERR_OK);
+    QByteArray buffer(qsizetype(kStreamSize), '\0');
+    EdsStreamHandle stream;
+    EdsEvfImageHandle image;
+    ASSERT_EQ(sdk_->EdsCreateMemoryStreamFromPointer(buffer.data(), kStreamSize, stream.receive(*sdk_)),
+              EDS_ERR_OK);
+    ASSERT_EQ(sdk_->EdsCreateEvfImageRef(stream.get(), image.receive(*sdk_)), EDS_ERR_OK);
+    EXPECT_NE(sdk_->EdsDownloadEvfImage(camera_.get(), image.get()), EDS_ERR_OK);
+}
+
+TEST_P(EdsContract, RetainAndReleaseReportCounts) {
+    EdsCameraListHandle list;
+    ASSERT_EQ(sdk_->EdsGetCameraList(list.receive(*sdk_)), EDS_ERR_OK);
+    const EdsUInt32 up = sdk_->EdsRetain(list.get());
+    EXPECT_GE(up, 2u);
+    EXPECT_EQ(sdk_->EdsRelease(list.get()), up - 1);
+    if (GetParam().callerReferences) {
+        EXPECT_EQ(GetParam().callerReferences(*sdk_), 1);
+    }
+    list.reset();
+    if (GetParam().callerReferences) {
+        EXPECT_EQ(GetParam().callerReferences(*sdk_), 0);
+    }
+}
+
+} // namespace brix::eds::contract

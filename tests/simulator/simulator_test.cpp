@@ -1,0 +1,337 @@
+// What the simulated body does beyond the common backend contract: AE-mode
+// dependent settings, legacy bodies, shot files and names, live-view timing,
+// refusals, plugging, and reference bookkeeping.
+#include "SimulatorBackend.h"
+
+#include "EdsRef.h"
+#include "SimulatorControl.h"
+#include "TestSupport.h"
+
+#include <QImage>
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+using namespace brix;
+using namespace brix::eds;
+
+namespace {
+
+class Simulator : public ::testing::Test {
+protected:
+    void SetUp() override {
+        dispatch::setClock(&clock_);
+        sdk_ = createSimulatorSdk();
+        control_ = simulatorControl(*sdk_);
+        ASSERT_NE(control_, nullptr);
+        log_.sdk = sdk_.get();
+        ASSERT_EQ(sdk_->EdsInitializeSDK(), EDS_ERR_OK);
+    }
+    void TearDown() override {
+        for (EdsBaseRef item : log_.items)
+            sdk_->EdsRelease(item);
+        camera_.reset();
+        EXPECT_EQ(control_->callerReferenceCount(), 0);
+        sdk_.reset();
+        dispatch::setClock(nullptr);
+    }
+
+    // Opens a session with the camera at `index` and registers every handler.
+    void open(int index = 0) {
+        EdsCameraListHandle list;
+        ASSERT_EQ(sdk_->EdsGetCameraList(list.receive(*sdk_)), EDS_ERR_OK);
+        ASSERT_EQ(sdk_->EdsGetChildAtIndex(list.get(), index, camera_.receive(*sdk_)), EDS_ERR_OK);
+        ASSERT_EQ(sdk_->EdsOpenSession(camera_.get()), EDS_ERR_OK);
+        sdk_->EdsSetCameraStateEventHandler(camera_.get(), kEdsStateEvent_All, &contract::EventLog::onState,
+                                            &log_);
+        sdk_->EdsSetPropertyEventHandler(camera_.get(), kEdsPropertyEvent_All,
+                                         &contract::EventLog::onProperty, &log_);
+        sdk_->EdsSetObjectEventHandler(camera_.get(), kEdsObjectEvent_All, &contract::EventLog::onObject,
+                                       &log_);
+    }
+    EdsError set(EdsPropertyID id, EdsUInt32 v) {
+        return sdk_->EdsSetPropertyData(camera_.get(), id, 0, 4, &v);
+    }
+    EdsUInt32 get(EdsPropertyID id) {
+        EdsUInt32 v = 0;
+        EXPECT_EQ(sdk_->EdsGetPropertyData(camera_.get(), id, 0, 4, &v), EDS_ERR_OK);
+        return v;
+    }
+    std::vector<EdsInt32> desc(EdsPropertyID id) {
+        EdsPropertyDesc d{};
+        EXPECT_EQ(sdk_->EdsGetPropertyDesc(camera_.get(), id, &d), EDS_ERR_OK);
+        return {d.propDesc, d.propDesc + d.numElements};
+    }
+    bool waitForItems(size_t n) {
+        return test::processEventsUntil(
+            [&] {
+                std::lock_guard lock(log_.mutex);
+                return log_.items.size() >= n;
+            },
+            std::chrono::seconds(30));
+    }
+    QByteArray download(EdsBaseRef item, EdsDirectoryItemInfo *info) {
+        EXPECT_EQ(sdk_->EdsGetDirectoryItemInfo(item, info), EDS_ERR_OK);
+        QByteArray bytes(qsizetype(info->size), '\0');
+        EdsStreamHandle stream;
+        EXPECT_EQ(sdk_->EdsCreateMemoryStreamFromPointer(bytes.data(), info->size, stream.receive(*sdk_)),
+                  EDS_ERR_OK);
+        EXPECT_EQ(sdk_->EdsDownload(item, info->size, stream.get()), EDS_ERR_OK);
+        EXPECT_EQ(sdk_->EdsDownloadComplete(item), EDS_ERR_OK);
+        return bytes;
+    }
+
+    dispatch::ManualClock clock_;
+    std::unique_ptr<EdsSdk> sdk_;
+    SimulatorControl *control_ = nullptr;
+    contract::EventLog log_;
+    EdsCameraHandle camera_;
+};
+
+bool contains(const std::vector<EdsInt32> &v, EdsInt32 x) {
+    return std::find(v.begin(), v.end(), x) != v.end();
+}
+
+} // namespace
+
+TEST_F(Simulator, TheAEModeDecidesWhichExposureSettingsTheHostMayChange) {
+    open();
+    EXPECT_EQ(get(kEdsPropID_AEMode), 3u); // manual: everything is the host's
+    EXPECT_TRUE(contains(desc(kEdsPropID_Av), 0x30));
+    EXPECT_TRUE(contains(desc(kEdsPropID_Tv), 0xA0));
+    EXPECT_FALSE(contains(desc(kEdsPropID_Tv), 0x0C));
+
+    // Program AE: the body picks aperture and speed.
+    ASSERT_EQ(set(kEdsPropID_AEMode, 0), EDS_ERR_OK);
+    EXPECT_TRUE(desc(kEdsPropID_Av).empty());
+    EXPECT_TRUE(desc(kEdsPropID_Tv).empty());
+    EXPECT_EQ(set(kEdsPropID_Av, 0x30), EDS_ERR_INVALID_PARAMETER);
+    ASSERT_TRUE(test::processEventsUntil([&] {
+        return log_.count('p', kEdsPropertyEvent_PropertyDescChanged, kEdsPropID_Av) == 1 &&
+               log_.count('p', kEdsPropertyEvent_PropertyDescChanged, kEdsPropID_Tv) == 1;
+    }));
+    EXPECT_EQ(log_.count('p', kEdsPropertyEvent_PropertyDescChanged, kEdsPropID_ISOSpeed), 0u);
+
+    // Bulb: the speed is bulb and nothing else.
+    ASSERT_EQ(set(kEdsPropID_AEMode, 4), EDS_ERR_OK);
+    EXPECT_EQ(desc(kEdsPropID_Tv), std::vector<EdsInt32>{0x0C});
+    EXPECT_EQ(get(kEdsPropID_Tv), 0x0Cu);
+    ASSERT_TRUE(test::processEventsUntil(
+        [&] { return log_.count('p', kEdsPropertyEvent_PropertyChanged, kEdsPropID_Tv) == 1; }));
+
+    // Back to manual: the speed leaves bulb for an allowed one.
+    ASSERT_EQ(set(kEdsPropID_AEMode, 3), EDS_ERR_OK);
+    EXPECT_NE(get(kEdsPropID_Tv), 0x0Cu);
+    EXPECT_TRUE(contains(desc(kEdsPropID_Tv), EdsInt32(get(kEdsPropID_Tv))));
+
+    // The dial turned on the body to full auto takes ISO and colour away too.
+    ASSERT_EQ(control_->setProperty(kEdsPropID_AEMode, 9), EDS_ERR_OK);
+    EXPECT_TRUE(desc(kEdsPropID_ISOSpeed).empty());
+    EXPECT_TRUE(desc(kEdsPropID_WhiteBalance).empty());
+    EXPECT_FALSE(desc(kEdsPropID_ImageQuality).empty());
+    EXPECT_EQ(control_->property(kEdsPropID_AEMode).toUInt(), 9u);
+    EXPECT_EQ(set(kEdsPropID_AEMode, 7), EDS_ERR_INVALID_PARAMETER); // not on this dial
+
+    // Values set from outside replace a description and say so.
+    ASSERT_EQ(control_->setSupportedValues(kEdsPropID_DriveMode, {0, 0x11}), EDS_ERR_OK);
+    EXPECT_EQ(desc(kEdsPropID_DriveMode), (std::vector<EdsInt32>{0, 0x11}));
+    EXPECT_TRUE(test::processEventsUntil(
+        [&] { return log_.count('p', kEdsPropertyEvent_PropertyDescChanged, kEdsPropID_DriveMode) == 1; }));
+    // Read-only values are the body's.
+    EXPECT_EQ(set(kEdsPropID_BatteryLevel, 10), EDS_ERR_NOT_SUPPORTED);
+    ASSERT_EQ(control_->setProperty(kEdsPropID_BatteryLevel, 0xFFFFFFFF), EDS_ERR_OK);
+    EXPECT_EQ(get(kEdsPropID_BatteryLevel), 0xFFFFFFFFu);
+}
+
+TEST_F(Simulator, ALegacyBodyAnswersOnlyWhileItsControlsAreLocked) {
+    EXPECT_TRUE(SimulatorControl::isLegacyModelName("canon eos 40d"));
+    EXPECT_FALSE(SimulatorControl::isLegacyModelName(kSimulatorDefaultModel));
+    ASSERT_EQ(control_->plug("Canon EOS 40D", -1), 2);
+    open(1);
+    EdsDeviceInfo info{};
+    ASSERT_EQ(sdk_->EdsGetDeviceInfo(camera_.get(), &info), EDS_ERR_OK);
+    EXPECT_STREQ(info.szDeviceDescription, "Canon EOS 40D");
+    EXPECT_EQ(info.deviceSubType, 0u);
+
+    EdsUInt32 v = 0;
+    EXPECT_EQ(sdk_->EdsGetPropertyData(camera_.get(), kEdsPropID_Av, 0, 4, &v), EDS_ERR_DEVICE_BUSY);
+    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_ExtendShutDownTimer, 0),
+              EDS_ERR_DEVICE_BUSY);
+    ASSERT_EQ(sdk_->EdsSendStatusCommand(camera_.get(), kEdsCameraStatusCommand_UILock, 0), EDS_ERR_OK);
+    EXPECT_EQ(sdk_->EdsGetPropertyData(camera_.get(), kEdsPropID_Av, 0, 4, &v), EDS_ERR_OK);
+    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_ExtendShutDownTimer, 0), EDS_ERR_OK);
+    ASSERT_EQ(sdk_->EdsSendStatusCommand(camera_.get(), kEdsCameraStatusCommand_UIUnLock, 0), EDS_ERR_OK);
+    EXPECT_EQ(sdk_->EdsGetPropertyData(camera_.get(), kEdsPropID_Av, 0, 4, &v), EDS_ERR_DEVICE_BUSY);
+    EXPECT_EQ(sdk_->EdsCloseSession(camera_.get()), EDS_ERR_OK);
+}
+
+TEST_F(Simulator, ShotsAreRealFilesNamedInOrderAndSizedAsAsked) {
+    open();
+    ASSERT_EQ(set(kEdsPropID_SaveTo, kEdsSaveTo_Host), EDS_ERR_OK);
+    constexpr uint64_t k30MB = 30ull * 1024 * 1024;
+    ASSERT_TRUE(control_->setShotFormat("jpg", k30MB));
+    ASSERT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_TakePicture, 0), EDS_ERR_OK);
+    ASSERT_TRUE(waitForItems(1));
+    EdsDirectoryItemInfo info{};
+    QByteArray jpeg = download(log_.items[0], &info);
+    EXPECT_STREQ(info.szFileName, "IMG_0001.JPG");
+    ASSERT_EQ(uint64_t(jpeg.size()), k30MB);
+    EXPECT_EQ(jpeg.right(2), QByteArray("\xFF\xD9"));
+    const QImage picture = QImage::fromData(jpeg, "JPEG");
+    EXPECT_EQ(picture.size(), QSize(1620, 1080));
+    jpeg.clear();
+
+    ASSERT_TRUE(control_->setShotFormat("CR2", 3'000'000));
+    ASSERT_TRUE(control_->pressShutter()); // the body's own button
+    ASSERT_TRUE(waitForItems(2));
+    const QByteArray raw = download(log_.items[1], &info);
+    EXPECT_STREQ(info.szFileName, "IMG_0002.CR2");
+    EXPECT_EQ(raw.size(), 3'000'000);
+    EXPECT_TRUE(raw.startsWith(QByteArray("II*\0", 4)));
+    EXPECT_EQ(raw.mid(8, 2), QByteArray("CR"));
+    EXPECT_NE(raw.right(2), QByteArray("\xFF\xD9"));
+    EXPECT_FALSE(control_->setShotFormat("NEF", 0));
+
+    // Saved to the card only: counted, but the host is not offered it.
+    ASSERT_TRUE(control_->setShotFormat("JPG", 0));
+    ASSERT_EQ(set(kEdsPropID_SaveTo, kEdsSaveTo_Camera), EDS_ERR_OK);
+    ASSERT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_TakePicture, 0), EDS_ERR_OK);
+    ASSERT_EQ(set(kEdsPropID_SaveTo, kEdsSaveTo_Host), EDS_ERR_OK);
+    ASSERT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_TakePicture, 0), EDS_ERR_OK);
+    ASSERT_TRUE(waitForItems(3));
+    EXPECT_EQ(control_->shotCount(), 4u);
+    const QByteArray third = download(log_.items[2], &info);
+    EXPECT_EQ(third.size(), qsizetype(info.size));
+    EXPECT_STREQ(info.szFileName, "IMG_0004.JPG"); // the card's counter went on
+}
+
+TEST_F(Simulator, LiveViewFramesFollowTheClockAndAnswerNotReadyBetween) {
+    open();
+    control_->setLiveViewRate(10);
+    QByteArray buffer(0x200000, '\0');
+    EdsStreamHandle stream;
+    EdsEvfImageHandle image;
+    ASSERT_EQ(sdk_->EdsCreateMemoryStreamFromPointer(buffer.data(), buffer.size(), stream.receive(*sdk_)),
+              EDS_ERR_OK);
+    ASSERT_EQ(sdk_->EdsCreateEvfImageRef(stream.get(), image.receive(*sdk_)), EDS_ERR_OK);
+    EXPECT_EQ(sdk_->EdsDownloadEvfImage(camera_.get(), image.get()), EDS_ERR_OBJECT_NOTREADY); // not started
+
+    ASSERT_EQ(set(kEdsPropID_Evf_OutputDevice, kEdsEvfOutputDevice_TFT | kEdsEvfOutputDevice_PC), EDS_ERR_OK);
+    ASSERT_EQ(sdk_->EdsDownloadEvfImage(camera_.get(), image.get()), EDS_ERR_OK);
+    const QImage frame = QImage::fromData(buffer);
+    EXPECT_EQ(frame.size(), QSize(1024, 680));
+    EXPECT_EQ(sdk_->EdsDownloadEvfImage(camera_.get(), image.get()), EDS_ERR_OBJECT_NOTREADY);
+    clock_.advanceSeconds(0.05);
+    EXPECT_EQ(sdk_->EdsDownloadEvfImage(camera_.get(), image.get()), EDS_ERR_OBJECT_NOTREADY);
+    clock_.advanceSeconds(0.05);
+    EXPECT_EQ(sdk_->EdsDownloadEvfImage(camera_.get(), image.get()), EDS_ERR_OK);
+
+    // Live-view commands need live view.
+    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_DriveLensEvf, 0x8002), EDS_ERR_OK);
+    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_DriveLensEvf, 7),
+              EDS_ERR_INVALID_PARAMETER);
+    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_DoEvfAf, 1), EDS_ERR_OK);
+    ASSERT_EQ(set(kEdsPropID_Evf_OutputDevice, kEdsEvfOutputDevice_TFT), EDS_ERR_OK);
+    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_DoEvfAf, 1), 0xA005u);
+    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_DoClickWBEvf, 0), 0xA005u);
+}
+
+TEST_F(Simulator, ShutterButtonBulbAndInjectedRefusals) {
+    open();
+    ASSERT_EQ(set(kEdsPropID_SaveTo, kEdsSaveTo_Host), EDS_ERR_OK);
+    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_BulbStart, 0),
+              0xA005u); // manual, not bulb
+    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_PressShutterButton, 2),
+              EDS_ERR_INVALID_PARAMETER);
+
+    // Fully pressed: one shot; a take-picture meanwhile is refused as busy.
+    ASSERT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_PressShutterButton,
+                                   kEdsCameraCommand_ShutterButton_Halfway),
+              EDS_ERR_OK);
+    ASSERT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_PressShutterButton,
+                                   kEdsCameraCommand_ShutterButton_Completely_NonAF),
+              EDS_ERR_OK);
+    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_TakePicture, 0), EDS_ERR_DEVICE_BUSY);
+    ASSERT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_PressShutterButton,
+                                   kEdsCameraCommand_ShutterButton_OFF),
+              EDS_ERR_OK);
+    EXPECT_EQ(control_->shotCount(), 1u);
+
+    // Bulb: the exposure is one shot, made when it ends.
+    ASSERT_EQ(set(kEdsPropID_AEMode, 4), EDS_ERR_OK);
+    ASSERT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_BulbStart, 0), EDS_ERR_OK);
+    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_BulbStart, 0), EDS_ERR_DEVICE_BUSY);
+    EXPECT_EQ(control_->shotCount(), 1u);
+    ASSERT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_BulbEnd, 0), EDS_ERR_OK);
+    EXPECT_EQ(control_->shotCount(), 2u);
+    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_BulbEnd, 0), 0xA005u);
+
+    // A refusal aimed at one command leaves the others alone.
+    ASSERT_TRUE(control_->injectError("TakePicture", EDS_ERR_TAKE_PICTURE_AF_NG, 1));
+    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_ExtendShutDownTimer, 0), EDS_ERR_OK);
+    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_TakePicture, 0),
+              EDS_ERR_TAKE_PICTURE_AF_NG);
+    EXPECT_EQ(control_->shotCount(), 2u);
+    // The prefix may be left out; a count of 0 withdraws an injection.
+    ASSERT_TRUE(control_->injectError("OpenSession", EDS_ERR_DEVICE_BUSY, 5));
+    ASSERT_TRUE(control_->injectError("EdsOpenSession", EDS_ERR_DEVICE_BUSY, 0));
+    EXPECT_FALSE(control_->injectError("EdsFrobnicate", 1, 1));
+    ASSERT_TRUE(waitForItems(2));
+    for (EdsBaseRef item : log_.items)
+        EXPECT_EQ(sdk_->EdsDownloadComplete(item), EDS_ERR_OK);
+}
+
+TEST_F(Simulator, PluggingCallsTheAddedHandlerOnTheEventQueueAndReferencesBalance) {
+    const long objectsAtStart = control_->liveObjectCount();
+    struct Added {
+        std::atomic<int> calls{0};
+        std::atomic<bool> onEventQueue{true};
+    } added;
+    ASSERT_EQ(sdk_->EdsSetCameraAddedHandler(
+                  [](EdsVoid *context) -> EdsError {
+                      auto *a = static_cast<Added *>(context);
+                      if (std::strcmp(dispatch::currentQueueLabel(), kSimulatorEventQueueLabel) != 0)
+                          a->onEventQueue = false;
+                      ++a->calls;
+                      return EDS_ERR_OK;
+                  },
+                  &added),
+              EDS_ERR_OK);
+    EXPECT_EQ(control_->plug("Canon EOS R5", -1), 2);
+    ASSERT_TRUE(test::processEventsUntil([&] { return added.calls == 1; }));
+    EXPECT_TRUE(added.onEventQueue);
+
+    // A list taken now keeps the new body alive after it is unplugged.
+    EdsCameraListHandle list;
+    ASSERT_EQ(sdk_->EdsGetCameraList(list.receive(*sdk_)), EDS_ERR_OK);
+    EdsCameraHandle r5;
+    ASSERT_EQ(sdk_->EdsGetChildAtIndex(list.get(), 1, r5.receive(*sdk_)), EDS_ERR_OK);
+    EXPECT_TRUE(control_->unplug());
+    EdsDeviceInfo info{};
+    EXPECT_EQ(sdk_->EdsGetDeviceInfo(r5.get(), &info), EDS_ERR_OK);
+    EXPECT_STREQ(info.szDeviceDescription, "Canon EOS R5");
+    EXPECT_EQ(sdk_->EdsOpenSession(r5.get()), EDS_ERR_DEVICE_NOT_FOUND);
+    // Giving back a count the host never had is refused, not obeyed.
+    const EdsBaseRef raw = r5.get();
+    EXPECT_EQ(control_->callerReferenceCount(), 2);
+    r5.reset();
+    list.reset();
+    EXPECT_EQ(sdk_->EdsRelease(raw), 0xFFFFFFFFu); // gone with its last count
+    int notAReference = 0;
+    EXPECT_EQ(sdk_->EdsRetain(reinterpret_cast<EdsBaseRef>(&notAReference)), 0xFFFFFFFFu);
+    EXPECT_EQ(control_->liveObjectCount(), objectsAtStart);
+
+    EdsCameraListHandle again;
+    ASSERT_EQ(sdk_->EdsGetCameraList(again.receive(*sdk_)), EDS_ERR_OK);
+    EdsCameraHandle first;
+    ASSERT_EQ(sdk_->EdsGetChildAtIndex(again.get(), 0, first.receive(*sdk_)), EDS_ERR_OK);
+    EXPECT_EQ(sdk_->EdsRelease(again.get()), 0u); // the list goes, the child handle stays valid
+    (void)again.take();
+    EXPECT_EQ(sdk_->EdsRelease(first.get()), 1u); // the bus still holds the body
+    (void)first.take();
+    EXPECT_EQ(sdk_->EdsRelease(first.get()), 0xFFFFFFFFu);
+    EXPECT_EQ(sdk_->EdsTerminateSDK(), EDS_ERR_OK);
+    EdsCameraListHandle none;
+    EXPECT_NE(sdk_->EdsGetCameraList(none.receive(*sdk_)), EDS_ERR_OK);
+}
