@@ -41,6 +41,20 @@ public:
         return fn ? fn() : 0;
     }
 
+    // The library's own timers (live-view frames) on a manual clock, or back on the real one.
+    static void useManualClock(bool on) {
+        using Fn = void (*)(int);
+        static Fn fn = reinterpret_cast<Fn>(::dlsym(handle(), "BrixSimulatorUseManualClock"));
+        if (fn)
+            fn(on ? 1 : 0);
+    }
+    static void advanceClock(double seconds) {
+        using Fn = void (*)(double);
+        static Fn fn = reinterpret_cast<Fn>(::dlsym(handle(), "BrixSimulatorAdvanceClock"));
+        if (fn)
+            fn(seconds);
+    }
+
 private:
     static void *handle() {
         static void *h = ::dlopen(BRIX_EDSDK_SIM_LIBRARY, RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);

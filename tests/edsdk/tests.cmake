@@ -6,7 +6,7 @@ set(_edsdk_out ${CMAKE_CURRENT_BINARY_DIR}/edsdk)
 add_library(EDSDK-incomplete SHARED ${CMAKE_CURRENT_LIST_DIR}/library/IncompleteEdsdk.c)
 set_target_properties(EDSDK-incomplete PROPERTIES C_VISIBILITY_PRESET hidden LIBRARY_OUTPUT_DIRECTORY ${_edsdk_out})
 
-set(_edsdk_libs brix_camera_edsdk brix_camera brix_support)
+set(_edsdk_libs brix_camera_edsdk brix_camera brix_support Qt6::Gui)
 set(_edsdk_defs BRIX_EDSDK_INCOMPLETE_LIBRARY="$<TARGET_FILE:EDSDK-incomplete>")
 set(_edsdk_deps EDSDK-incomplete)
 
@@ -25,7 +25,7 @@ endif()
 
 brix_test_folder(edsdk LIBS ${_edsdk_libs})
 foreach(_t test_edsdk test_edsdk_concurrency)
-  target_include_directories(${_t} PRIVATE ${CMAKE_SOURCE_DIR}/camera/edsdk)
+  target_include_directories(${_t} PRIVATE ${CMAKE_SOURCE_DIR}/camera/edsdk ${CMAKE_CURRENT_SOURCE_DIR}/camera_contract)
   target_compile_definitions(${_t} PRIVATE ${_edsdk_defs})
   add_dependencies(${_t} ${_edsdk_deps})
 endforeach()

@@ -11,6 +11,7 @@
 //
 // Threads: any; the state below is guarded by one mutex, never held while
 // the simulator or an application handler runs.
+#include "Dispatch.h"
 #include "EdsdkAbi.h"
 #include "SimulatorControl.h"
 
@@ -121,6 +122,11 @@ void releaseQueued(EdsSdk &s, std::deque<Event> &events) {
     events.clear();
 }
 
+brix::dispatch::ManualClock &manualClock() {
+    static auto *clock = new brix::dispatch::ManualClock;
+    return *clock;
+}
+
 } // namespace
 
 extern "C" {
@@ -136,6 +142,17 @@ __attribute__((visibility("default"))) SimulatorControl *BrixSimulatorControl(vo
 __attribute__((visibility("default"))) unsigned BrixSimulatorPendingEvents(void) {
     std::lock_guard lock(state().mutex);
     return unsigned(state().pending.size());
+}
+
+// The library's own timers (live-view frames) on a manual clock, so tests
+// decide when the next frame is due; `on` = 0 gives the real clock back.
+// This library keeps its own copy of the timer service, apart from the program's.
+__attribute__((visibility("default"))) void BrixSimulatorUseManualClock(int on) {
+    brix::dispatch::setClock(on ? &manualClock() : nullptr);
+}
+
+__attribute__((visibility("default"))) void BrixSimulatorAdvanceClock(double seconds) {
+    manualClock().advanceSeconds(seconds);
 }
 
 EdsError EdsInitializeSDK(void) {
