@@ -3,7 +3,7 @@
 
 #include "Dispatch.h"
 
-#include <QProcess>
+#include <sys/types.h>
 #include <QString>
 
 #include <chrono>
@@ -33,7 +33,7 @@ public:
     QString address() const { return address_; }
 
 private:
-    QProcess daemon_;
+    pid_t pid_ = -1;
     QString address_;
 };
 
