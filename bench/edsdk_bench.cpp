@@ -66,7 +66,9 @@ struct Session {
         state.SkipWithError("backend not available");
         return false;
     }
-    void set(EdsPropertyID id, EdsUInt32 v) { sdk->EdsSetPropertyData(camera.get(), id, 0, 4, &v); }
+    void set(EdsPropertyID id, EdsUInt32 v) {
+        sdk->EdsSetPropertyData(camera.get(), id, 0, 4, &v);
+    }
 };
 
 void BM_PropertyRead(benchmark::State &state) {
@@ -118,7 +120,11 @@ void BM_PropertyEventLatency(benchmark::State &state) {
     }
     state.SetLabel(state.range(0) == kSimulator ? "simulator" : "edsdk");
 }
-BENCHMARK(BM_PropertyEventLatency)->Arg(kSimulator)->Arg(kEdsdk)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_PropertyEventLatency)
+    ->Arg(kSimulator)
+    ->Arg(kEdsdk)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
 
 struct Catcher : Waiter {
     EdsSdk *sdk = nullptr;

@@ -70,11 +70,13 @@ EdsError EdsSetPropertyData(EdsBaseRef inRef, EdsPropertyID inPropertyID, EdsInt
                             EdsUInt32 inPropertySize, const EdsVoid *inPropertyData);
 EdsError EdsGetPropertyDesc(EdsBaseRef inRef, EdsPropertyID inPropertyID, EdsPropertyDesc *outPropertyDesc);
 EdsError EdsSendCommand(EdsCameraRef inCameraRef, EdsCameraCommand inCommand, EdsInt32 inParam);
-EdsError EdsSendStatusCommand(EdsCameraRef inCameraRef, EdsCameraStatusCommand inStatusCommand, EdsInt32 inParam);
+EdsError EdsSendStatusCommand(EdsCameraRef inCameraRef, EdsCameraStatusCommand inStatusCommand,
+                              EdsInt32 inParam);
 // The capacity record travels by value (12 bytes: two integer registers on x86_64).
 EdsError EdsSetCapacity(EdsCameraRef inCameraRef, EdsCapacity inCapacity);
 EdsError EdsGetDirectoryItemInfo(EdsDirectoryItemRef inDirItemRef, EdsDirectoryItemInfo *outDirItemInfo);
-EdsError EdsCreateMemoryStreamFromPointer(EdsVoid *inUserBuffer, EdsUInt64 inBufferSize, EdsStreamRef *outStream);
+EdsError EdsCreateMemoryStreamFromPointer(EdsVoid *inUserBuffer, EdsUInt64 inBufferSize,
+                                          EdsStreamRef *outStream);
 EdsError EdsSetProgressCallback(EdsBaseRef inRef, EdsProgressCallback inProgressFunc,
                                 EdsProgressOption inProgressOption, EdsVoid *inContext);
 EdsError EdsDownload(EdsDirectoryItemRef inDirItemRef, EdsUInt64 inReadSize, EdsStreamRef outStream);
@@ -90,37 +92,37 @@ EdsError EdsGetEvent(void);
 
 namespace brix::eds {
 
-// Every function the station resolves, in one list: the table's members, the
-// loader's dlsym loop and the tests all expand it.
-#define BRIX_EDSDK_FUNCTIONS(X)                                                                                  \
-    X(EdsInitializeSDK)                                                                                          \
-    X(EdsTerminateSDK)                                                                                           \
-    X(EdsSetCameraAddedHandler)                                                                                  \
-    X(EdsGetCameraList)                                                                                          \
-    X(EdsGetChildCount)                                                                                          \
-    X(EdsGetChildAtIndex)                                                                                        \
-    X(EdsGetDeviceInfo)                                                                                          \
-    X(EdsRetain)                                                                                                 \
-    X(EdsRelease)                                                                                                \
-    X(EdsOpenSession)                                                                                            \
-    X(EdsCloseSession)                                                                                           \
-    X(EdsSetCameraStateEventHandler)                                                                             \
-    X(EdsSetPropertyEventHandler)                                                                                \
-    X(EdsSetObjectEventHandler)                                                                                  \
-    X(EdsGetPropertySize)                                                                                        \
-    X(EdsGetPropertyData)                                                                                        \
-    X(EdsSetPropertyData)                                                                                        \
-    X(EdsGetPropertyDesc)                                                                                        \
-    X(EdsSendCommand)                                                                                            \
-    X(EdsSendStatusCommand)                                                                                      \
-    X(EdsSetCapacity)                                                                                            \
-    X(EdsGetDirectoryItemInfo)                                                                                   \
-    X(EdsCreateMemoryStreamFromPointer)                                                                          \
-    X(EdsSetProgressCallback)                                                                                    \
-    X(EdsDownload)                                                                                               \
-    X(EdsDownloadComplete)                                                                                       \
-    X(EdsCreateEvfImageRef)                                                                                      \
-    X(EdsDownloadEvfImage)                                                                                       \
+// Every function the station resolves, in one list: the table's members and
+// the loader's dlsym loop both expand it.
+#define BRIX_EDSDK_FUNCTIONS(X)                                                                              \
+    X(EdsInitializeSDK)                                                                                      \
+    X(EdsTerminateSDK)                                                                                       \
+    X(EdsSetCameraAddedHandler)                                                                              \
+    X(EdsGetCameraList)                                                                                      \
+    X(EdsGetChildCount)                                                                                      \
+    X(EdsGetChildAtIndex)                                                                                    \
+    X(EdsGetDeviceInfo)                                                                                      \
+    X(EdsRetain)                                                                                             \
+    X(EdsRelease)                                                                                            \
+    X(EdsOpenSession)                                                                                        \
+    X(EdsCloseSession)                                                                                       \
+    X(EdsSetCameraStateEventHandler)                                                                         \
+    X(EdsSetPropertyEventHandler)                                                                            \
+    X(EdsSetObjectEventHandler)                                                                              \
+    X(EdsGetPropertySize)                                                                                    \
+    X(EdsGetPropertyData)                                                                                    \
+    X(EdsSetPropertyData)                                                                                    \
+    X(EdsGetPropertyDesc)                                                                                    \
+    X(EdsSendCommand)                                                                                        \
+    X(EdsSendStatusCommand)                                                                                  \
+    X(EdsSetCapacity)                                                                                        \
+    X(EdsGetDirectoryItemInfo)                                                                               \
+    X(EdsCreateMemoryStreamFromPointer)                                                                      \
+    X(EdsSetProgressCallback)                                                                                \
+    X(EdsDownload)                                                                                           \
+    X(EdsDownloadComplete)                                                                                   \
+    X(EdsCreateEvfImageRef)                                                                                  \
+    X(EdsDownloadEvfImage)                                                                                   \
     X(EdsGetEvent)
 
 // The resolved entry points of one loaded library. Each member has exactly the
@@ -130,11 +132,6 @@ struct EdsdkFunctions {
     BRIX_EDSDK_FUNCTIONS(BRIX_EDSDK_MEMBER)
 #undef BRIX_EDSDK_MEMBER
 };
-
-// Number of functions in the table.
-#define BRIX_EDSDK_COUNT(name) +1
-inline constexpr int kEdsdkFunctionCount = 0 BRIX_EDSDK_FUNCTIONS(BRIX_EDSDK_COUNT);
-#undef BRIX_EDSDK_COUNT
 
 // The records as the library lays them out on LP64: sizes and every offset.
 static_assert(sizeof(void *) == 8, "the library exists for LP64 targets only");

@@ -13,7 +13,9 @@ namespace brix::eds {
 
 namespace {
 
-QString q(const std::string &s) { return QString::fromStdString(s); }
+QString q(const std::string &s) {
+    return QString::fromStdString(s);
+}
 
 // The folder of the running executable, from the kernel's own record.
 QString executableFolder() {
@@ -66,14 +68,14 @@ std::unique_ptr<EdsdkLibrary> EdsdkLibrary::openFile(const std::string &fileOrNa
     lib->handle_ = handle;
     std::string missing;
     // dlsym answers void*; the table's member type says what it really is.
-#define BRIX_EDSDK_RESOLVE(name)                                                                                 \
-    if (missing.empty()) {                                                                                       \
-        ::dlerror();                                                                                             \
-        void *symbol = ::dlsym(handle, #name);                                                                   \
-        if (symbol)                                                                                              \
-            lib->functions_.name = reinterpret_cast<decltype(lib->functions_.name)>(symbol);                     \
-        else                                                                                                     \
-            missing = #name;                                                                                     \
+#define BRIX_EDSDK_RESOLVE(name)                                                                             \
+    if (missing.empty()) {                                                                                   \
+        ::dlerror();                                                                                         \
+        void *symbol = ::dlsym(handle, #name);                                                               \
+        if (symbol)                                                                                          \
+            lib->functions_.name = reinterpret_cast<decltype(lib->functions_.name)>(symbol);                 \
+        else                                                                                                 \
+            missing = #name;                                                                                 \
     }
     BRIX_EDSDK_FUNCTIONS(BRIX_EDSDK_RESOLVE)
 #undef BRIX_EDSDK_RESOLVE

@@ -17,7 +17,8 @@ namespace brix::eds {
 namespace {
 
 inline constexpr const char *kPumpError = "EdsGetEvent returned error 0X%1";
-inline constexpr const char *kTerminatedOnRelease = "edsdk backend released with the SDK still initialised; terminating it";
+inline constexpr const char *kTerminatedOnRelease =
+    "edsdk backend released with the SDK still initialised; terminating it";
 
 class Core;
 
@@ -60,7 +61,8 @@ struct Job {
 class Core : public std::enable_shared_from_this<Core> {
 public:
     explicit Core(std::unique_ptr<EdsdkLibrary> library)
-        : library_(std::move(library)), f(library_->functions()), sdkQueue_(dispatch::makeSerialQueue(kEdsdkQueueLabel)),
+        : library_(std::move(library)), f(library_->functions()),
+          sdkQueue_(dispatch::makeSerialQueue(kEdsdkQueueLabel)),
           eventQueue_(dispatch::makeSerialQueue(kEdsdkEventQueueLabel)) {}
 
     const std::string &path() const { return library_->path(); }
@@ -388,7 +390,8 @@ enum Kind { kAdded, kState, kProperty, kObject };
 
 class EdsdkSdk final : public EdsSdk {
 public:
-    explicit EdsdkSdk(std::unique_ptr<EdsdkLibrary> library) : core_(std::make_shared<Core>(std::move(library))) {}
+    explicit EdsdkSdk(std::unique_ptr<EdsdkLibrary> library)
+        : core_(std::make_shared<Core>(std::move(library))) {}
 
     ~EdsdkSdk() override {
         core_->call([this] {
@@ -420,7 +423,8 @@ public:
         Registration *reg = core_->registration(nullptr, kAdded, 0);
         core_->update(reg, context, [handler](Registration &r) { r.added = handler; });
         return core_->call([&] {
-            return core_->f.EdsSetCameraAddedHandler(handler ? &Core::onCameraAdded : nullptr, handler ? reg : nullptr);
+            return core_->f.EdsSetCameraAddedHandler(handler ? &Core::onCameraAdded : nullptr,
+                                                     handler ? reg : nullptr);
         });
     }
 
@@ -454,26 +458,26 @@ public:
         return core_->call([&] { return core_->f.EdsCloseSession(camera); });
     }
 
-    EdsError EdsSetCameraStateEventHandler(EdsCameraRef camera, EdsStateEvent event, EdsStateEventHandler handler,
-                                           EdsVoid *context) override {
+    EdsError EdsSetCameraStateEventHandler(EdsCameraRef camera, EdsStateEvent event,
+                                           EdsStateEventHandler handler, EdsVoid *context) override {
         Registration *reg = core_->registration(camera, kState, event);
         core_->update(reg, context, [handler](Registration &r) { r.state = handler; });
         return core_->call([&] {
-            return core_->f.EdsSetCameraStateEventHandler(camera, event, handler ? &Core::onStateEvent : nullptr,
-                                                          handler ? reg : nullptr);
+            return core_->f.EdsSetCameraStateEventHandler(
+                camera, event, handler ? &Core::onStateEvent : nullptr, handler ? reg : nullptr);
         });
     }
-    EdsError EdsSetPropertyEventHandler(EdsCameraRef camera, EdsPropertyEvent event, EdsPropertyEventHandler handler,
-                                        EdsVoid *context) override {
+    EdsError EdsSetPropertyEventHandler(EdsCameraRef camera, EdsPropertyEvent event,
+                                        EdsPropertyEventHandler handler, EdsVoid *context) override {
         Registration *reg = core_->registration(camera, kProperty, event);
         core_->update(reg, context, [handler](Registration &r) { r.property = handler; });
         return core_->call([&] {
-            return core_->f.EdsSetPropertyEventHandler(camera, event, handler ? &Core::onPropertyEvent : nullptr,
-                                                       handler ? reg : nullptr);
+            return core_->f.EdsSetPropertyEventHandler(
+                camera, event, handler ? &Core::onPropertyEvent : nullptr, handler ? reg : nullptr);
         });
     }
-    EdsError EdsSetObjectEventHandler(EdsCameraRef camera, EdsObjectEvent event, EdsObjectEventHandler handler,
-                                      EdsVoid *context) override {
+    EdsError EdsSetObjectEventHandler(EdsCameraRef camera, EdsObjectEvent event,
+                                      EdsObjectEventHandler handler, EdsVoid *context) override {
         Registration *reg = core_->registration(camera, kObject, event);
         core_->update(reg, context, [handler](Registration &r) { r.object = handler; });
         return core_->call([&] {
@@ -501,7 +505,8 @@ public:
     EdsError EdsSendCommand(EdsCameraRef camera, EdsCameraCommand command, EdsInt32 param) override {
         return core_->call([&] { return core_->f.EdsSendCommand(camera, command, param); });
     }
-    EdsError EdsSendStatusCommand(EdsCameraRef camera, EdsCameraStatusCommand command, EdsInt32 param) override {
+    EdsError EdsSendStatusCommand(EdsCameraRef camera, EdsCameraStatusCommand command,
+                                  EdsInt32 param) override {
         return core_->call([&] { return core_->f.EdsSendStatusCommand(camera, command, param); });
     }
     EdsError EdsSetCapacity(EdsCameraRef camera, EdsCapacity capacity) override {

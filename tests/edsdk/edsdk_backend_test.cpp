@@ -68,7 +68,8 @@ TEST(EdsdkBackend, IsFoundThroughTheFolderInTheEnvironmentAndSaysWhereItLoadedFr
     // The path the dynamic loader gives for the image: the link, unless an
     // earlier test in this process loaded the same file under another name.
     const std::string path = chosen->libraryPath();
-    EXPECT_TRUE(path == link.toStdString() || path == BRIX_EDSDK_SIM_LIBRARY || path.find("/test_edsdk-") != std::string::npos)
+    EXPECT_TRUE(path == link.toStdString() || path == BRIX_EDSDK_SIM_LIBRARY ||
+                path.find("/test_edsdk-") != std::string::npos)
         << path;
     EXPECT_NE(log.text().find("EDSDK loaded from: " + path + "\n"), std::string::npos) << log.text();
     // `auto` prefers Canon's library when it loads.
@@ -145,7 +146,8 @@ TEST(EdsdkBackend, EventsQueuedForAHandlerThatIsClearedAreDropped) {
     PropertyProbe probe;
     std::promise<void> release;
     probe.release = release.get_future().share();
-    ASSERT_EQ(sdk->EdsSetPropertyEventHandler(camera, kEdsPropertyEvent_All, &onProperty, &probe), EDS_ERR_OK);
+    ASSERT_EQ(sdk->EdsSetPropertyEventHandler(camera, kEdsPropertyEvent_All, &onProperty, &probe),
+              EDS_ERR_OK);
     AddedProbe marker;
     ASSERT_EQ(sdk->EdsSetCameraAddedHandler(&onAdded, &marker), EDS_ERR_OK);
 

@@ -18,7 +18,8 @@ namespace {
 // Sets an environment variable for one scope.
 class ScopedEnv {
 public:
-    ScopedEnv(const char *name, const QByteArray &value) : name_(name), old_(qgetenv(name)), had_(qEnvironmentVariableIsSet(name)) {
+    ScopedEnv(const char *name, const QByteArray &value)
+        : name_(name), old_(qgetenv(name)), had_(qEnvironmentVariableIsSet(name)) {
         qputenv(name, value);
     }
     ~ScopedEnv() {
@@ -48,7 +49,8 @@ TEST(EdsdkLoader, MissingLibraryIsRefusedWithTheReasonAndTheBackendIsNotAvailabl
     EXPECT_NE(why.find(missing.toStdString()), std::string::npos) << why;
     EXPECT_NE(why.find(kEdsdkLibraryName), std::string::npos) << why;
     const std::string text = log.text();
-    EXPECT_NE(text.find("EDSDK could not be loaded from " + missing.toStdString() + ": "), std::string::npos) << text;
+    EXPECT_NE(text.find("EDSDK could not be loaded from " + missing.toStdString() + ": "), std::string::npos)
+        << text;
     EXPECT_NE(text.find("EDSDK not available: "), std::string::npos) << text;
     EXPECT_EQ(text.find("EDSDK loaded"), std::string::npos) << text;
 

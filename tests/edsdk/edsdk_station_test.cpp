@@ -56,7 +56,8 @@ private:
 #ifdef BRIX_EDSDK_SIM_LIBRARY
 TEST(EdsdkStation, LoadsTheLibraryFromTheEnvironmentAndRunsOnIt) {
     Station station(BRIX_EDSDK_SIM_LIBRARY);
-    ASSERT_TRUE(station.waitForLog(QByteArray("EDSDK loaded from: ") + BRIX_EDSDK_SIM_LIBRARY)) << station.log().constData();
+    ASSERT_TRUE(station.waitForLog(QByteArray("EDSDK loaded from: ") + BRIX_EDSDK_SIM_LIBRARY))
+        << station.log().constData();
     ASSERT_TRUE(station.waitForLog("camera backend: edsdk")) << station.log().constData();
     EXPECT_TRUE(station.running());
     EXPECT_EQ(station.terminate(), 0) << station.log().constData();

@@ -1,8 +1,10 @@
 /* libEDSDK-incomplete.so: exports every name the station resolves except
  * EdsDownloadEvfImage, as an older or damaged library might. The loader must
  * refuse it before calling anything, so the bodies never run. */
-#define BRIX_EXPORT(name)                                                                                           \
-    __attribute__((visibility("default"))) unsigned name(void) { return 0x2u; }
+#define BRIX_EXPORT(name)                                                                                    \
+    __attribute__((visibility("default"))) unsigned name(void) {                                             \
+        return 0x2u;                                                                                         \
+    }
 
 BRIX_EXPORT(EdsInitializeSDK)
 BRIX_EXPORT(EdsTerminateSDK)

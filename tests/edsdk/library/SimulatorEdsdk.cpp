@@ -230,16 +230,18 @@ EdsError EdsSetCameraStateEventHandler(EdsCameraRef camera, EdsStateEvent event,
     if (!s)
         return kNotInitialised;
     Registration *reg = registration(camera, kState, event, reinterpret_cast<void *>(handler), context);
-    return s->EdsSetCameraStateEventHandler(camera, event, handler ? &queueState : nullptr, handler ? reg : nullptr);
+    return s->EdsSetCameraStateEventHandler(camera, event, handler ? &queueState : nullptr,
+                                            handler ? reg : nullptr);
 }
 
-EdsError EdsSetPropertyEventHandler(EdsCameraRef camera, EdsPropertyEvent event, EdsPropertyEventHandler handler,
-                                    EdsVoid *context) {
+EdsError EdsSetPropertyEventHandler(EdsCameraRef camera, EdsPropertyEvent event,
+                                    EdsPropertyEventHandler handler, EdsVoid *context) {
     auto s = sim();
     if (!s)
         return kNotInitialised;
     Registration *reg = registration(camera, kProperty, event, reinterpret_cast<void *>(handler), context);
-    return s->EdsSetPropertyEventHandler(camera, event, handler ? &queueProperty : nullptr, handler ? reg : nullptr);
+    return s->EdsSetPropertyEventHandler(camera, event, handler ? &queueProperty : nullptr,
+                                         handler ? reg : nullptr);
 }
 
 EdsError EdsSetObjectEventHandler(EdsCameraRef camera, EdsObjectEvent event, EdsObjectEventHandler handler,
@@ -248,21 +250,23 @@ EdsError EdsSetObjectEventHandler(EdsCameraRef camera, EdsObjectEvent event, Eds
     if (!s)
         return kNotInitialised;
     Registration *reg = registration(camera, kObject, event, reinterpret_cast<void *>(handler), context);
-    return s->EdsSetObjectEventHandler(camera, event, handler ? &queueObject : nullptr, handler ? reg : nullptr);
+    return s->EdsSetObjectEventHandler(camera, event, handler ? &queueObject : nullptr,
+                                       handler ? reg : nullptr);
 }
 
 // The rest forwards unchanged.
-#define BRIX_FORWARD(ret, name, params, args, fallback)                                                          \
-    ret name params {                                                                                            \
-        auto s = sim();                                                                                          \
-        return s ? s->name args : fallback;                                                                      \
+#define BRIX_FORWARD(ret, name, params, args, fallback)                                                      \
+    ret name params {                                                                                        \
+        auto s = sim();                                                                                      \
+        return s ? s->name args : fallback;                                                                  \
     }
 
 BRIX_FORWARD(EdsError, EdsGetCameraList, (EdsCameraListRef * out), (out), kNotInitialised)
 BRIX_FORWARD(EdsError, EdsGetChildCount, (EdsBaseRef ref, EdsUInt32 *out), (ref, out), kNotInitialised)
-BRIX_FORWARD(EdsError, EdsGetChildAtIndex, (EdsBaseRef ref, EdsInt32 index, EdsBaseRef *out), (ref, index, out),
+BRIX_FORWARD(EdsError, EdsGetChildAtIndex, (EdsBaseRef ref, EdsInt32 index, EdsBaseRef *out),
+             (ref, index, out), kNotInitialised)
+BRIX_FORWARD(EdsError, EdsGetDeviceInfo, (EdsCameraRef camera, EdsDeviceInfo *out), (camera, out),
              kNotInitialised)
-BRIX_FORWARD(EdsError, EdsGetDeviceInfo, (EdsCameraRef camera, EdsDeviceInfo *out), (camera, out), kNotInitialised)
 BRIX_FORWARD(EdsUInt32, EdsRetain, (EdsBaseRef ref), (ref), kInvalidCount)
 BRIX_FORWARD(EdsUInt32, EdsRelease, (EdsBaseRef ref), (ref), kInvalidCount)
 BRIX_FORWARD(EdsError, EdsOpenSession, (EdsCameraRef camera), (camera), kNotInitialised)
@@ -280,14 +284,15 @@ BRIX_FORWARD(EdsError, EdsGetPropertyDesc, (EdsBaseRef ref, EdsPropertyID id, Ed
              (ref, id, desc), kNotInitialised)
 BRIX_FORWARD(EdsError, EdsSendCommand, (EdsCameraRef camera, EdsCameraCommand command, EdsInt32 param),
              (camera, command, param), kNotInitialised)
-BRIX_FORWARD(EdsError, EdsSendStatusCommand, (EdsCameraRef camera, EdsCameraStatusCommand command, EdsInt32 param),
-             (camera, command, param), kNotInitialised)
+BRIX_FORWARD(EdsError, EdsSendStatusCommand,
+             (EdsCameraRef camera, EdsCameraStatusCommand command, EdsInt32 param), (camera, command, param),
+             kNotInitialised)
 BRIX_FORWARD(EdsError, EdsSetCapacity, (EdsCameraRef camera, EdsCapacity capacity), (camera, capacity),
              kNotInitialised)
 BRIX_FORWARD(EdsError, EdsGetDirectoryItemInfo, (EdsDirectoryItemRef item, EdsDirectoryItemInfo *info),
              (item, info), kNotInitialised)
-BRIX_FORWARD(EdsError, EdsCreateMemoryStreamFromPointer, (EdsVoid * buffer, EdsUInt64 size, EdsStreamRef *out),
-             (buffer, size, out), kNotInitialised)
+BRIX_FORWARD(EdsError, EdsCreateMemoryStreamFromPointer,
+             (EdsVoid * buffer, EdsUInt64 size, EdsStreamRef *out), (buffer, size, out), kNotInitialised)
 BRIX_FORWARD(EdsError, EdsSetProgressCallback,
              (EdsBaseRef ref, EdsProgressCallback callback, EdsProgressOption option, EdsVoid *context),
              (ref, callback, option, context), kNotInitialised)
