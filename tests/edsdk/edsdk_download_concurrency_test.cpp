@@ -71,6 +71,13 @@ EdsError onObject(EdsObjectEvent event, EdsBaseRef ref, EdsVoid *context) {
 } // namespace
 
 TEST(EdsdkBackendConcurrency, ProgressWaitingForTheMainThreadDoesNotBlockTheMainThreadsCalls) {
+    // The main queue makes its Qt helper object on first use; make it here, as
+    // the station does, and not on the library's thread: Qt is not built for
+    // the thread sanitizer, which cannot see how Qt hands that object over.
+    bool warmed = false;
+    dispatch::mainQueue()->async([&] { warmed = true; });
+    ASSERT_TRUE(test::processEventsUntil([&] { return warmed; }));
+
     auto sdk = SimLibrary::makeSdk();
     ASSERT_NE(sdk, nullptr);
     ASSERT_EQ(sdk->EdsInitializeSDK(), EDS_ERR_OK);
