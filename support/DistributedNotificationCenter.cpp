@@ -116,39 +116,49 @@ bool DistributedNotificationCenter::fromWire(const QVariant &wire, QVariant &out
             out = bytes;
             return true;
         }
+        // Every begin is paired with its end even when a value is refused:
+        // the argument reader allocates a level per begin.
         QVariantList list;
+        bool ok = true;
         arg.beginArray();
-        while (!arg.atEnd()) {
-            if (list.size() >= kMaxElements)
-                return fail(why, QStringLiteral("an array of more than %1 elements").arg(kMaxElements));
+        while (ok && !arg.atEnd()) {
+            if (list.size() >= kMaxElements) {
+                ok = fail(why, QStringLiteral("an array of more than %1 elements").arg(kMaxElements));
+                break;
+            }
             QVariant element;
-            if (!fromWire(arg.asVariant(), element, why, depth + 1))
-                return false;
+            ok = fromWire(arg.asVariant(), element, why, depth + 1);
             list << element;
         }
         arg.endArray();
+        if (!ok)
+            return false;
         out = list;
         return true;
     }
     case QDBusArgument::MapType: {
         QVariantMap map;
-        arg.beginMap();
+        bool ok = true;
         qsizetype count = 0;
-        while (!arg.atEnd()) {
-            if (++count > kMaxElements)
-                return fail(why, QStringLiteral("a dictionary of more than %1 entries").arg(kMaxElements));
+        arg.beginMap();
+        while (ok && !arg.atEnd()) {
+            if (++count > kMaxElements) {
+                ok = fail(why, QStringLiteral("a dictionary of more than %1 entries").arg(kMaxElements));
+                break;
+            }
             arg.beginMapEntry();
             QVariant key = arg.asVariant();
             QVariant value;
-            bool ok = fromWire(arg.asVariant(), value, why, depth + 1);
+            ok = fromWire(arg.asVariant(), value, why, depth + 1);
             arg.endMapEntry();
-            if (!ok)
-                return false;
-            if (key.metaType().id() != QMetaType::QString)
-                return fail(why, QStringLiteral("a dictionary key that is not a string"));
-            map.insert(key.toString(), value);
+            if (ok && key.metaType().id() != QMetaType::QString)
+                ok = fail(why, QStringLiteral("a dictionary key that is not a string"));
+            if (ok)
+                map.insert(key.toString(), value);
         }
         arg.endMap();
+        if (!ok)
+            return false;
         out = map;
         return true;
     }

@@ -3,9 +3,11 @@
 #include "Logger.h"
 #include "SimulatorImages.h"
 
+#include <QCoreApplication>
 #include <QDateTime>
 
 #include <algorithm>
+#include <atomic>
 #include <cmath>
 #include <cstring>
 #include <type_traits>
@@ -204,6 +206,7 @@ struct SimulatorSdk::Camera : Object {
     std::vector<DirItem *> pending; // shots offered and not yet downloaded; one internal count each
     int shutter = kEdsCameraCommand_ShutterButton_OFF;
     bool bulb = false;
+    dispatch::Nanos bulbStart{0};
     EdsCapacity capacity{};
     int64_t clockOffsetMs = 0;
     dispatch::Nanos evfStart{0};
@@ -265,9 +268,19 @@ SimulatorSdk::~SimulatorSdk() {
         Lock lock(mutex_);
         closing_ = true;
     }
-    // Let deliveries under way finish; the ones still queued see closing_.
-    if (dispatch::currentQueue() != events_.get())
-        events_->sync([] {});
+    // Let deliveries under way finish; the ones still queued see closing_. A
+    // handler may be waiting for the main thread, so the main thread keeps its
+    // event loop turning while it waits instead of blocking.
+    if (dispatch::currentQueue() != events_.get()) {
+        if (dispatch::isMainThread() && QCoreApplication::instance()) {
+            auto drained = std::make_shared<std::atomic<bool>>(false);
+            events_->async([drained] { drained->store(true); });
+            while (!drained->load())
+                QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
+        } else {
+            events_->sync([] {});
+        }
+    }
     Lock lock(mutex_);
     const long leaked = totalRefs_ - internalRefs_;
     if (leaked != 0)
@@ -853,6 +866,19 @@ EdsError SimulatorSdk::EdsGetPropertyDesc(EdsBaseRef ref, EdsPropertyID id, EdsP
 
 // --- SDK: commands -------------------------------------------------------------------------
 
+void SimulatorSdk::startBulb(Camera *camera) {
+    camera->bulb = true;
+    camera->bulbStart = dispatch::now();
+}
+
+void SimulatorSdk::endBulb(Camera *camera) {
+    camera->bulb = false;
+    const auto seconds =
+        std::chrono::duration_cast<std::chrono::seconds>(dispatch::now() - camera->bulbStart);
+    postStateEvent(camera, kEdsStateEvent_BulbExposureTime, EdsUInt32(std::max<int64_t>(0, seconds.count())));
+    shootLocked(camera);
+}
+
 EdsError SimulatorSdk::EdsSendCommand(EdsCameraRef ref, EdsCameraCommand command, EdsInt32 param) {
     Lock lock(mutex_);
     if (EdsError e = takeInjection("EdsSendCommand", commandName(command)))
@@ -876,23 +902,25 @@ EdsError SimulatorSdk::EdsSendCommand(EdsCameraRef ref, EdsCameraCommand command
             return kErrOperationRefused;
         if (c->bulb)
             return EDS_ERR_DEVICE_BUSY;
-        c->bulb = true;
+        startBulb(c);
         return EDS_ERR_OK;
     case kEdsCameraCommand_BulbEnd:
         if (!c->bulb)
             return kErrOperationRefused;
-        c->bulb = false;
-        shootLocked(c);
+        endBulb(c);
         return EDS_ERR_OK;
     case kEdsCameraCommand_PressShutterButton:
         switch (param) {
         case kEdsCameraCommand_ShutterButton_OFF:
         case kEdsCameraCommand_ShutterButton_Halfway:
         case kEdsCameraCommand_ShutterButton_Halfway_NonAF:
-            if (c->bulb) { // letting go ends a bulb exposure
-                c->bulb = false;
-                shootLocked(c);
-            }
+            if (c->bulb) // letting go ends a bulb exposure
+                endBulb(c);
+            // Focusing on a half press reports its result, as bodies do.
+            if (param == kEdsCameraCommand_ShutterButton_Halfway &&
+                c->shutter == kEdsCameraCommand_ShutterButton_OFF &&
+                c->props.at(kEdsPropID_AFMode).value != kAFManual)
+                postStateEvent(c, kEdsStateEvent_AfResult, 1);
             c->shutter = param == kEdsCameraCommand_ShutterButton_OFF
                              ? kEdsCameraCommand_ShutterButton_OFF
                              : kEdsCameraCommand_ShutterButton_Halfway;
@@ -902,7 +930,7 @@ EdsError SimulatorSdk::EdsSendCommand(EdsCameraRef ref, EdsCameraCommand command
             if (c->shutter != kEdsCameraCommand_ShutterButton_Completely) {
                 c->shutter = kEdsCameraCommand_ShutterButton_Completely;
                 if (bulbMode)
-                    c->bulb = true;
+                    startBulb(c);
                 else
                     shootLocked(c);
             }

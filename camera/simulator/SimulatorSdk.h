@@ -125,6 +125,9 @@ private:
     EdsError changeStringLocked(Camera *camera, EdsPropertyID propertyID, const std::string &value);
     std::vector<EdsInt32> descriptionLocked(const Camera *camera, EdsPropertyID propertyID) const;
     void shootLocked(Camera *camera);
+    // Bulb exposures; the end reports the exposure time (0x310) and takes the shot.
+    void startBulb(Camera *camera);
+    void endBulb(Camera *camera);
     void detachLocked(Camera *camera);
 
     // Event thread: renders a shot and offers it to the object handler.

@@ -263,8 +263,13 @@ TEST_F(Simulator, ShutterButtonBulbAndInjectedRefusals) {
     ASSERT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_BulbStart, 0), EDS_ERR_OK);
     EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_BulbStart, 0), EDS_ERR_DEVICE_BUSY);
     EXPECT_EQ(control_->shotCount(), 1u);
+    clock_.advanceSeconds(30);
     ASSERT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_BulbEnd, 0), EDS_ERR_OK);
     EXPECT_EQ(control_->shotCount(), 2u);
+    EXPECT_TRUE(
+        test::processEventsUntil([&] { return log_.count('s', kEdsStateEvent_BulbExposureTime, 30) == 1; }));
+    // The half press focused (AF on) once, and reported it.
+    EXPECT_EQ(log_.count('s', kEdsStateEvent_AfResult), 1u);
     EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_BulbEnd, 0), 0xA005u);
 
     // A refusal aimed at one command leaves the others alone.
