@@ -3,8 +3,10 @@
 #include "Dispatch.h"
 #include "Logger.h"
 
+#include <QCoreApplication>
 #include <QString>
 
+#include <atomic>
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -404,9 +406,19 @@ public:
             return 0;
         });
         // Events already handed over are dropped by the invalidation; wait for
-        // one that may be running so that no handler outlives its backend.
-        if (!core_->onEventQueue())
+        // one that may be running so that no handler outlives its backend. It
+        // may itself be waiting for the main thread, so the main thread keeps
+        // its event loop turning while it waits.
+        if (core_->onEventQueue())
+            return;
+        if (dispatch::isMainThread() && QCoreApplication::instance()) {
+            auto drained = std::make_shared<std::atomic<bool>>(false);
+            core_->eventQueue()->async([drained] { drained->store(true); });
+            while (!drained->load())
+                QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
+        } else {
             core_->eventQueue()->sync([] {});
+        }
     }
 
     const char *backendName() const override { return "edsdk"; }

@@ -11,6 +11,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <future>
 #include <thread>
 #include <vector>
 
@@ -134,6 +135,58 @@ TEST(EdsdkBackendConcurrency, ProgressWaitingForTheMainThreadDoesNotBlockTheMain
     EXPECT_TRUE(test::processEventsUntil([&] { return control->callerReferenceCount() == 0; }))
         << control->callerReferenceCount();
     EXPECT_EQ(sdk->EdsTerminateSDK(), EDS_ERR_OK);
+}
+
+namespace {
+
+struct Waiting {
+    std::atomic<bool> entered{false};
+    std::promise<void> enteredOnce;
+    std::atomic<bool> finished{false};
+};
+
+EdsError onPropertyWaitingForMain(EdsPropertyEvent, EdsPropertyID, EdsUInt32, EdsVoid *context) {
+    auto *w = static_cast<Waiting *>(context);
+    if (w->entered.exchange(true))
+        return EDS_ERR_OK;
+    w->enteredOnce.set_value();
+    // As the camera object does with property changes: hand them to the main thread and wait.
+    dispatch::mainQueue()->sync([] {});
+    w->finished = true;
+    return EDS_ERR_OK;
+}
+
+} // namespace
+
+TEST(EdsdkBackendConcurrency, DestroyingOnTheMainThreadWhileAHandlerWaitsForItDoesNotHang) {
+    bool warmed = false;
+    dispatch::mainQueue()->async([&] { warmed = true; });
+    ASSERT_TRUE(test::processEventsUntil([&] { return warmed; }));
+
+    auto sdk = SimLibrary::makeSdk();
+    ASSERT_NE(sdk, nullptr);
+    ASSERT_EQ(sdk->EdsInitializeSDK(), EDS_ERR_OK);
+    SimulatorControl *control = SimLibrary::control();
+    ASSERT_NE(control, nullptr);
+    if (control->attachedCount() == 0)
+        control->plug("", -1);
+    EdsCameraListRef list = nullptr;
+    ASSERT_EQ(sdk->EdsGetCameraList(&list), EDS_ERR_OK);
+    EdsCameraRef camera = nullptr;
+    ASSERT_EQ(sdk->EdsGetChildAtIndex(list, 0, &camera), EDS_ERR_OK);
+    ASSERT_EQ(sdk->EdsOpenSession(camera), EDS_ERR_OK);
+    Waiting waiting;
+    ASSERT_EQ(
+        sdk->EdsSetPropertyEventHandler(camera, kEdsPropertyEvent_All, &onPropertyWaitingForMain, &waiting),
+        EDS_ERR_OK);
+    sdk->EdsRelease(camera);
+    sdk->EdsRelease(list);
+
+    EXPECT_EQ(control->setStringProperty(kEdsPropID_OwnerName, "waiting"), EDS_ERR_OK);
+    // Without turning the event loop: the handler is now blocked on the main thread.
+    ASSERT_EQ(waiting.enteredOnce.get_future().wait_for(std::chrono::seconds(20)), std::future_status::ready);
+    sdk.reset(); // terminates the SDK and waits for the handler, which needs this thread
+    EXPECT_TRUE(waiting.finished.load());
 }
 
 #endif
