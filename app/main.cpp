@@ -9,6 +9,7 @@
 #include "Paths.h"
 #include "SignalWatcher.h"
 #include "SimulatorControl.h"
+#include "SystemInfo.h"
 
 #include <QApplication>
 #include <QCoreApplication>
@@ -51,6 +52,10 @@ int main(int argc, char **argv) {
         app = std::make_unique<QApplication>(argc, argv);
     QCoreApplication::setApplicationName(bundle::kName);
     QCoreApplication::setApplicationVersion(bundle::kShortVersion);
+
+    // From here on the error stream, ours and every library's, goes to the rotating log.
+    Logger::setLogFile(Logger::defaultLogFileWithinSubdirectory(QStringLiteral("Brix")));
+    OKVA_SystemInfo::logCurrentSystemInfo();
 
     SignalWatcher signalWatcher;
     QObject::connect(&signalWatcher, &SignalWatcher::terminationRequested, app.get(), [](int signalNumber) {

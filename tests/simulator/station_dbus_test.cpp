@@ -3,6 +3,8 @@
 #include "SimulatorControl.h"
 #include "TestSupport.h"
 
+#include <QFile>
+#include <QFileInfo>
 #include <QProcess>
 
 #include <gtest/gtest.h>
@@ -32,10 +34,14 @@ Reply gdbus(const QString &method, const QStringList &args = {}) {
             QString::fromUtf8(p.readAllStandardError()).trimmed()};
 }
 
+// The station logs into its log file under XDG_STATE_HOME; a station reads
+// only what was appended since it started.
 class Station {
 public:
     explicit Station(const QStringList &args,
-                     const QProcessEnvironment &env = QProcessEnvironment::systemEnvironment()) {
+                     const QProcessEnvironment &env = QProcessEnvironment::systemEnvironment())
+        : logPath_(env.value("XDG_STATE_HOME") + "/Logs/Brix/BrixCanonCapture.log"),
+          offset_(QFileInfo(logPath_).size()) {
         p_.setProcessEnvironment(env);
         p_.setProcessChannelMode(QProcess::SeparateChannels);
         p_.start(BRIX_EXECUTABLE, QStringList{"--headless"} + args);
@@ -46,26 +52,29 @@ public:
             p_.waitForFinished(5000);
         }
     }
-    // Reads the error stream until it holds `text`.
+    // Reads the log until it holds `text`.
     bool waitForLog(const QByteArray &text) {
-        for (int i = 0; i < 200 && !log_.contains(text); ++i) {
-            p_.waitForReadyRead(100);
-            log_ += p_.readAllStandardError();
-        }
-        return log_.contains(text);
+        for (int i = 0; i < 200 && !log().contains(text); ++i)
+            p_.waitForFinished(100);
+        return log().contains(text);
     }
     int terminate() {
         ::kill(pid_t(p_.processId()), SIGTERM);
         if (!p_.waitForFinished(20000))
             return -1;
-        log_ += p_.readAllStandardError();
         return p_.exitStatus() == QProcess::NormalExit ? p_.exitCode() : -1;
     }
-    const QByteArray &log() const { return log_; }
+    QByteArray log() const {
+        QFile f(logPath_);
+        if (!f.open(QIODevice::ReadOnly) || !f.seek(offset_))
+            return {};
+        return f.readAll();
+    }
 
 private:
+    QString logPath_;
+    qint64 offset_;
     QProcess p_;
-    QByteArray log_;
 };
 
 } // namespace

@@ -1,0 +1,141 @@
+// The log line: levels, the caller's queue label, verbatim messages, long
+// lines, and where the default log file lives.
+#include "Logger.h"
+#include "LoggerTestSupport.h"
+#include "Paths.h"
+#include "Scheduling.h"
+#include "TestSupport.h"
+
+#include <QDir>
+#include <QRegularExpression>
+
+#include <gtest/gtest.h>
+
+#include <limits.h>
+
+using namespace brix;
+using test::StderrCapture;
+
+namespace {
+
+class LoggerLines : public ::testing::Test {
+protected:
+    void TearDown() override { Logger::setLogLevel(0); }
+
+    static QStringList lines(const QByteArray &text) {
+        return QString::fromUtf8(text).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
+    }
+};
+
+TEST_F(LoggerLines, LevelsAdmitDebugAndVerboseLines) {
+    StderrCapture capture;
+    Logger::setLogLevel(0);
+    Logger::setError("e0");
+    Logger::setDebug("d0");
+    Logger::setVerbose("v0");
+    Logger::setLogLevel(1);
+    Logger::setError("e1");
+    Logger::setDebug("d1");
+    Logger::setVerbose("v1");
+    Logger::setLogLevel(2);
+    Logger::setError("e2");
+    Logger::setDebug("d2");
+    Logger::setVerbose("v2");
+    QStringList messages;
+    for (const QString &line : lines(capture.text()))
+        messages << line.section(QStringLiteral("] "), 1);
+    EXPECT_EQ(messages, QStringList({"e0", "e1", "d1", "e2", "d2", "v2"}));
+    EXPECT_TRUE(Logger::error().isNull());
+    EXPECT_TRUE(Logger::debug().isNull());
+    EXPECT_TRUE(Logger::verbose().isNull());
+}
+
+TEST_F(LoggerLines, LineCarriesTheCallersQueueRightAfterTheTime) {
+    StderrCapture capture;
+    Logger::setError("from main");
+    Logger::queueForReading()->sync([] { Logger::setError("from reading"); });
+    auto custom = Scheduling::dispatchQueueSerialWithDebugLabel("com.lumetra.brix.current.camera.queue");
+    custom->sync([] { Logger::setError("from camera queue"); });
+    Scheduling::dispatchQueueGlobal()->async([] { Logger::setError("from global"); });
+    test::processEventsUntil([&] { return capture.text().contains("from global"); });
+
+    const QStringList got = lines(capture.text());
+    ASSERT_EQ(got.size(), 4) << capture.text().constData();
+    const auto matches = [](const QString &line, const QString &label, const QString &message) {
+        return QRegularExpression(QStringLiteral("^") + test::lineHeadPattern(label) +
+                                  QRegularExpression::escape(message) + QStringLiteral("$"))
+            .match(line)
+            .hasMatch();
+    };
+    EXPECT_TRUE(matches(got[0], "com.apple.main-thread", "from main")) << got[0].toStdString();
+    EXPECT_TRUE(matches(got[1], "Logger-Reading", "from reading")) << got[1].toStdString();
+    EXPECT_TRUE(matches(got[2], "com.lumetra.brix.current.camera.queue", "from camera queue"))
+        << got[2].toStdString();
+    EXPECT_TRUE(matches(got[3], "com.apple.root.default-qos", "from global")) << got[3].toStdString();
+}
+
+TEST_F(LoggerLines, MessagesAreWrittenVerbatimWithPerCentSignsAndAnyLength) {
+    StderrCapture capture;
+    const QString tricky = QStringLiteral("100% done %1 %s %@ %n %% \u00e9t\u00e9");
+    const QString longLine = QString(3 * PIPE_BUF, QLatin1Char('x')) + QStringLiteral("#end");
+    Logger::setError(tricky);
+    Logger::setError(longLine);
+    Logger::setError(QStringLiteral("after"));
+    const QStringList got = lines(capture.text());
+    ASSERT_EQ(got.size(), 3);
+    EXPECT_TRUE(got[0].endsWith(QStringLiteral("] ") + tricky)) << got[0].toStdString();
+    EXPECT_TRUE(got[1].endsWith(QStringLiteral("] ") + longLine));
+    EXPECT_TRUE(got[2].endsWith(QStringLiteral("] after")));
+}
+
+TEST_F(LoggerLines, FormatLineMatchesWhatIsWritten) {
+    const QString line = Logger::formatLine(QStringLiteral("msg %1"), "some.queue");
+    EXPECT_TRUE(QRegularExpression(QStringLiteral("^") + test::lineHeadPattern("some.queue") + "msg %1$")
+                    .match(line)
+                    .hasMatch())
+        << line.toStdString();
+}
+
+TEST(LoggerDefaultFile, LivesInTheLogsFolderOfTheStateFolder) {
+    const QString state = qEnvironmentVariable("XDG_STATE_HOME");
+    const QString name = Paths::executableName();
+    EXPECT_EQ(Logger::defaultLogFile().toLocalFile(), state + "/Logs/" + name + ".log");
+    EXPECT_EQ(Logger::defaultLogFileWithinSubdirectory("Brix").toLocalFile(),
+              state + "/Logs/Brix/" + name + ".log");
+    EXPECT_FALSE(QDir(state + "/Logs").exists()) << "the Logs folders are made when the file is opened";
+
+    // Without the variable, the state folder inside HOME, made on demand.
+    qunsetenv("XDG_STATE_HOME");
+    QDir(test::testHome() + "/.local/state").removeRecursively();
+    EXPECT_EQ(Logger::defaultLogFileWithinSubdirectory("Brix").toLocalFile(),
+              test::testHome() + "/.local/state/Logs/Brix/" + name + ".log");
+    EXPECT_TRUE(QDir(test::testHome() + "/.local/state").exists());
+
+    // A state folder that cannot be made gives no file.
+    ASSERT_TRUE(test::writeFile(test::testHome() + "/plainfile", "x"));
+    qputenv("XDG_STATE_HOME", (test::testHome() + "/plainfile/state").toUtf8());
+    EXPECT_TRUE(Logger::defaultLogFile().isEmpty());
+    EXPECT_TRUE(Logger::logFile().isEmpty()) << "no file is attached in this process";
+}
+
+} // namespace
+
+namespace {
+
+// A failed attach leaves descriptor 2 alone, so it can run in this process.
+TEST(LoggerAttach, WithoutAFileTheStreamStaysAndTheFailureIsLogged) {
+    ASSERT_TRUE(test::writeFile(test::testHome() + "/plainfile", "x"));
+    qputenv("XDG_STATE_HOME", (test::testHome() + "/plainfile/state").toUtf8());
+    StderrCapture capture;
+    Logger::setLogFile(QUrl());
+    Logger::setError("still on the captured stream");
+    QStringList messages;
+    for (const QString &line : QString::fromUtf8(capture.text()).split('\n', Qt::SkipEmptyParts))
+        messages << line.section(QStringLiteral("] "), 1);
+    EXPECT_EQ(messages, QStringList({"+[Logger setLogFile:] (null)", "+[Logger setLogFile:] (null)",
+                                     "Failed to pass (or make) a URL +[Logger setLogFile:]: ((null))",
+                                     "still on the captured stream"}));
+    EXPECT_TRUE(Logger::logFile().isEmpty());
+}
+
+} // namespace

@@ -1,0 +1,68 @@
+// Captures what the logger writes to the standard error stream while the
+// object lives, so that tests can check the exact log lines.
+#pragma once
+
+#include "Logger.h"
+
+#include <QFile>
+#include <QRegularExpression>
+#include <QString>
+#include <QStringList>
+#include <QTemporaryFile>
+
+#include <cstdio>
+#include <unistd.h>
+
+namespace brix::test {
+
+class LogCapture {
+public:
+    LogCapture() {
+        Logger::flush();
+        file_.open();
+        std::fflush(stderr);
+        saved_ = ::dup(2);
+        ::dup2(file_.handle(), 2);
+    }
+    ~LogCapture() { restore(); }
+    LogCapture(const LogCapture &) = delete;
+    LogCapture &operator=(const LogCapture &) = delete;
+
+    // Every message written so far, without the time and queue prefix. A
+    // message that spans several lines comes back whole.
+    QStringList messages() {
+        Logger::flush();
+        std::fflush(stderr);
+        QFile in(file_.fileName());
+        in.open(QIODevice::ReadOnly);
+        static const QRegularExpression head(QStringLiteral("^\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3}\\[Q [^\\]]*\\] "));
+        QStringList out;
+        for (const QString &line : QString::fromUtf8(in.readAll()).split('\n', Qt::SkipEmptyParts)) {
+            const QRegularExpressionMatch m = head.match(line);
+            if (m.hasMatch())
+                out << line.mid(m.capturedLength());
+            else if (!out.isEmpty())
+                out.last() += '\n' + line;
+            else
+                out << line;
+        }
+        return out;
+    }
+    // Lines that start with `prefix`.
+    QStringList matching(const QString &prefix) { return messages().filter(QRegularExpression('^' + QRegularExpression::escape(prefix))); }
+
+private:
+    void restore() {
+        if (saved_ < 0)
+            return;
+        Logger::flush();
+        std::fflush(stderr);
+        ::dup2(saved_, 2);
+        ::close(saved_);
+        saved_ = -1;
+    }
+    QTemporaryFile file_;
+    int saved_ = -1;
+};
+
+} // namespace brix::test

@@ -1,0 +1,287 @@
+#include "AtomicFile.h"
+#include "LogCapture.h"
+#include "Preferences.h"
+#include "PropertyList.h"
+#include "TestSupport.h"
+
+#include <QDateTime>
+#include <QDir>
+#include <QFile>
+#include <QCoreApplication>
+#include <QRegularExpression>
+#include <QSize>
+#include <QTimeZone>
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <sys/stat.h>
+
+using namespace brix;
+
+namespace {
+
+class PrefsStore : public ::testing::Test {
+protected:
+    QString path() const { return test::testHome() + "/conf/Brix/store.plist"; }
+    QByteArray fileBytes() const {
+        QFile f(path());
+        return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+    }
+    QVariantMap fileContents() const {
+        return PropertyList::propertyListFromData(fileBytes(), Mutability::Immutable).toMap();
+    }
+    void writeFile(const QByteArray &bytes) const {
+        // Replaced whole, so that a save running meanwhile sees old or new, never empty.
+        QDir().mkpath(QFileInfo(path()).absolutePath());
+        QFile f(path() + ".incoming");
+        ASSERT_TRUE(f.open(QIODevice::WriteOnly | QIODevice::Truncate));
+        f.write(bytes);
+        f.close();
+        ASSERT_EQ(::rename(QFile::encodeName(f.fileName()).constData(), QFile::encodeName(path()).constData()), 0);
+    }
+    QStringList asideFiles() const {
+        return QDir(QFileInfo(path()).absolutePath()).entryList({"store.plist.corrupt-*"}, QDir::Files);
+    }
+};
+
+TEST_F(PrefsStore, EmptyStoreAnswersTheFallbacksAndWritesNothing) {
+    Preferences p(path());
+    EXPECT_FALSE(p.objectForKey(pref::kPreferNotificationsOverModalAlerts).isValid());
+    EXPECT_FALSE(p.boolForKey(pref::kPreferNotificationsOverModalAlerts));
+    EXPECT_EQ(p.floatForKey(pref::kScanForNewImageInSeconds), 0.0);
+    EXPECT_EQ(p.integerForKey("nothing"), 0);
+    EXPECT_TRUE(p.stringForKey(pref::kSaveFolderPath).isNull());
+    EXPECT_TRUE(p.arrayForKey(pref::kMiniSizesInfoArray).isEmpty());
+    EXPECT_TRUE(p.dictionaryForKey(pref::kCanonSettings).isEmpty());
+    EXPECT_TRUE(p.synchronize());
+    EXPECT_FALSE(QFile::exists(path()));
+}
+
+TEST_F(PrefsStore, UserValuesOverrideRegisteredDefaultsWhichNeverReachTheFile) {
+    Preferences p(path());
+    p.registerDefaults({{"prefA", "factory"}, {"prefB", 3}});
+    EXPECT_EQ(p.stringForKey("prefA"), "factory");
+    p.setObject("mine", "prefA");
+    EXPECT_EQ(p.stringForKey("prefA"), "mine");
+    ASSERT_TRUE(p.synchronize());
+    EXPECT_EQ(fileContents(), (QVariantMap{{"prefA", "mine"}}));
+
+    // Registering again does not hide the user's value; removal uncovers the default.
+    p.registerDefaults({{"prefA", "factory2"}});
+    EXPECT_EQ(p.stringForKey("prefA"), "mine");
+    p.removeObjectForKey("prefA");
+    EXPECT_EQ(p.stringForKey("prefA"), "factory2");
+    ASSERT_TRUE(p.synchronize());
+    EXPECT_TRUE(fileContents().isEmpty());
+    EXPECT_EQ(p.dictionaryRepresentation(), (QVariantMap{{"prefA", "factory2"}, {"prefB", 3}}));
+}
+
+TEST_F(PrefsStore, TypedReadsConvertLikeTheStoreAlwaysDid) {
+    Preferences p(path());
+    p.setObject("YES", "s1");
+    p.setObject("  12.5 seconds", "s2");
+    p.setObject("no", "s3");
+    p.setObject(2.75, "d");
+    p.setBool(true, "b");
+    p.setObject(QVariantList{1, 2}, "list");
+    EXPECT_TRUE(p.boolForKey("s1"));
+    EXPECT_FALSE(p.boolForKey("s3"));
+    EXPECT_TRUE(p.boolForKey("d"));
+    EXPECT_DOUBLE_EQ(p.floatForKey("s2"), 12.5);
+    EXPECT_EQ(p.integerForKey("s2"), 12);
+    EXPECT_EQ(p.integerForKey("d"), 2);
+    EXPECT_EQ(p.floatForKey("b"), 1.0);
+    EXPECT_EQ(p.stringForKey("d"), "2.75");
+    EXPECT_TRUE(p.stringForKey("list").isNull());
+    EXPECT_TRUE(p.arrayForKey("s1").isEmpty());
+    EXPECT_EQ(p.arrayForKey("list").size(), 2);
+}
+
+TEST_F(PrefsStore, EveryValueTypeSurvivesASecondInstance) {
+    const QDateTime when = QDateTime::fromSecsSinceEpoch(1763700000, QTimeZone::utc());
+    const QVariantMap all{{"s", "tëxt & <xml>"},
+                          {"b", false},
+                          {"i", qlonglong(-9007199254740993LL)},
+                          {"r", 0.1},
+                          {"data", QByteArray("\x00\x01\xfe", 3)},
+                          {"date", when},
+                          {"list", QVariantList{"a", QVariantList{}, QVariantMap{{"k", 1}}}},
+                          {"map", QVariantMap{{"inner", QVariantMap{{"deep", true}}}}}};
+    {
+        Preferences p(path());
+        for (auto it = all.begin(); it != all.end(); ++it)
+            p.setObject(it.value(), it.key());
+        ASSERT_TRUE(p.synchronize());
+    }
+    EXPECT_TRUE(fileBytes().startsWith("<?xml"));
+    Preferences again(path());
+    EXPECT_EQ(again.persistentDomain(), all);
+    EXPECT_EQ(again.objectForKey("i").typeId(), QMetaType::LongLong);
+    EXPECT_EQ(again.objectForKey("date").toDateTime(), when);
+}
+
+TEST_F(PrefsStore, ValuesThatAreNotPropertyListsAreRefusedWithALogLine) {
+    Preferences p(path());
+    test::LogCapture log;
+    p.setObject(QVariant::fromValue(QSize(2, 3)), "prefSize");
+    EXPECT_FALSE(p.objectForKey("prefSize").isValid());
+    EXPECT_EQ(log.matching("Preferences: value for key prefSize not stored").size(), 1);
+    // An invalid value removes.
+    p.setObject(5, "prefN");
+    p.setObject(QVariant(), "prefN");
+    EXPECT_FALSE(p.objectForKey("prefN").isValid());
+}
+
+TEST_F(PrefsStore, WritesReachTheDiskWithoutAnExplicitSynchronize) {
+    Preferences p(path());
+    p.setObject("/tmp/shots", pref::kSaveFolderPath);
+    ASSERT_TRUE(test::processEventsUntil([&] { return fileContents().value(pref::kSaveFolderPath) == "/tmp/shots"; }));
+    struct stat st {};
+    ASSERT_EQ(::stat(QFile::encodeName(path()).constData(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0600u);
+}
+
+TEST_F(PrefsStore, CorruptFileIsMovedAsideLoggedAndTheStoreStartsFromDefaults) {
+    const QByteArray garbage("<?xml version=\"1.0\"?><plist><dict><key>a</key><string>trunc");
+    writeFile(garbage);
+    test::LogCapture log;
+    Preferences p(path());
+    p.registerDefaults({{"prefA", "factory"}});
+    EXPECT_EQ(p.stringForKey("prefA"), "factory");
+    EXPECT_FALSE(QFile::exists(path()));
+    const QStringList aside = asideFiles();
+    ASSERT_EQ(aside.size(), 1);
+    EXPECT_TRUE(QRegularExpression("^store\\.plist\\.corrupt-\\d{8}-\\d{6}$").match(aside[0]).hasMatch());
+    QFile kept(QFileInfo(path()).absolutePath() + "/" + aside[0]);
+    ASSERT_TRUE(kept.open(QIODevice::ReadOnly));
+    EXPECT_EQ(kept.readAll(), garbage);
+    const QStringList lines = log.matching("Preferences: cannot read " + path());
+    ASSERT_EQ(lines.size(), 1);
+    EXPECT_TRUE(lines[0].contains(aside[0]));
+
+    // A second corrupt file in the same second gets its own name.
+    writeFile("not a plist at all");
+    Preferences q(path());
+    EXPECT_EQ(asideFiles().size(), 2);
+    q.setObject(1, "prefB");
+    ASSERT_TRUE(q.synchronize());
+    EXPECT_EQ(fileContents(), (QVariantMap{{"prefB", 1}}));
+}
+
+TEST_F(PrefsStore, ARootThatIsNotADictionaryCountsAsCorrupt) {
+    writeFile(PropertyList::dataFromPropertyList(QVariantList{1, 2}, PlistFormat::Binary));
+    Preferences p(path());
+    EXPECT_TRUE(p.persistentDomain().isEmpty());
+    EXPECT_EQ(asideFiles().size(), 1);
+}
+
+TEST_F(PrefsStore, AFileThatTurnsCorruptLaterIsMovedAsideNotOverwritten) {
+    Preferences p(path());
+    p.setObject(1, "prefA");
+    ASSERT_TRUE(p.synchronize());
+    writeFile("garbage from somewhere");
+    p.setObject(2, "prefB");
+    ASSERT_TRUE(p.synchronize());
+    ASSERT_EQ(asideFiles().size(), 1);
+    // The unreadable file counts as empty: only our pending change is written.
+    EXPECT_EQ(fileContents(), (QVariantMap{{"prefB", 2}}));
+}
+
+TEST_F(PrefsStore, FailedWriteLeavesTheOldFileIntactAndRetriesLater) {
+    Preferences p(path());
+    p.setObject("first", "prefA");
+    ASSERT_TRUE(p.synchronize());
+    const QByteArray before = fileBytes();
+    const QString folder = QFileInfo(path()).absolutePath();
+
+    for (auto point : {AtomicFile::FailurePoint::AfterPartialWrite, AtomicFile::FailurePoint::BeforeRename}) {
+        AtomicFile::setFailurePointForTesting(point);
+        p.setObject(QString(4000, 'x'), "prefA");
+        test::LogCapture log;
+        EXPECT_FALSE(p.synchronize());
+        AtomicFile::setFailurePointForTesting(AtomicFile::FailurePoint::None);
+        EXPECT_EQ(fileBytes(), before);
+        // The save queued by setObject may fail too, so one line or two.
+        EXPECT_GE(log.matching("Preferences: cannot save " + path()).size(), 1);
+        // Only the file itself and its lock are in the folder: no temporary file left.
+        EXPECT_EQ(QDir(folder).entryList(QDir::Files | QDir::Hidden),
+                  (QStringList{"store.plist", "store.plist.lock"}));
+    }
+    // The change was kept and goes out with the next save.
+    ASSERT_TRUE(p.synchronize());
+    EXPECT_EQ(fileContents().value("prefA").toString().size(), 4000);
+}
+
+TEST_F(PrefsStore, SaveReplacesTheFileByRenameSoReadersNeverSeeAHalfFile) {
+    Preferences p(path());
+    p.setObject("one", "prefA");
+    ASSERT_TRUE(p.synchronize());
+    struct stat a {}, b {};
+    ASSERT_EQ(::stat(QFile::encodeName(path()).constData(), &a), 0);
+    // A reader that opened the old file keeps reading the old, complete content.
+    QFile reader(path());
+    ASSERT_TRUE(reader.open(QIODevice::ReadOnly));
+    p.setObject("two", "prefA");
+    ASSERT_TRUE(p.synchronize());
+    ASSERT_EQ(::stat(QFile::encodeName(path()).constData(), &b), 0);
+    EXPECT_NE(a.st_ino, b.st_ino);
+    EXPECT_EQ(PropertyList::propertyListFromData(reader.readAll(), Mutability::Immutable).toMap().value("prefA"),
+              "one");
+    EXPECT_EQ(fileContents().value("prefA"), "two");
+}
+
+TEST_F(PrefsStore, ChangesFromAnotherWriterAreMergedPerKey) {
+    Preferences mine(path());
+    Preferences theirs(path());
+    mine.setObject("m", "prefMine");
+    ASSERT_TRUE(mine.synchronize());
+    theirs.setObject(QVariantList{QDateTime::fromSecsSinceEpoch(1700000000, QTimeZone::utc())},
+                     pref::kRecentLaunchDates);
+    ASSERT_TRUE(theirs.synchronize());
+    QStringList changed;
+    QObject::connect(&mine, &Preferences::valueChanged, [&](const QString &key, const QVariant &) { changed << key; });
+    ASSERT_TRUE(mine.synchronize());
+    EXPECT_EQ(mine.arrayForKey(pref::kRecentLaunchDates).size(), 1);
+    EXPECT_EQ(changed, QStringList{pref::kRecentLaunchDates});
+    EXPECT_EQ(fileContents().keys(), (QStringList{"prefMine", pref::kRecentLaunchDates}));
+}
+
+TEST_F(PrefsStore, ChangeSignalArrivesOnTheMainThreadAndDrivesBindings) {
+    Preferences p(path());
+    p.registerDefaults({{pref::kScanForNewImageInSeconds, 0.0}});
+    QObject control;
+    QList<QVariant> shown;
+    p.bind("values.prefScanForNewImageInSeconds", &control, [&](const QVariant &v) {
+        EXPECT_TRUE(dispatch::isMainThread());
+        shown << v;
+    });
+    ASSERT_EQ(shown.size(), 1);
+    EXPECT_EQ(shown[0].toDouble(), 0.0);
+
+    p.setFloat(5.0, pref::kScanForNewImageInSeconds); // main thread: at once
+    ASSERT_EQ(shown.size(), 2);
+    EXPECT_EQ(shown[1].toDouble(), 5.0);
+
+    auto worker = dispatch::makeSerialQueue("prefs.test.worker");
+    worker->sync([&] { p.removeObjectForKey(pref::kScanForNewImageInSeconds); });
+    ASSERT_TRUE(test::processEventsUntil([&] { return shown.size() == 3; }));
+    EXPECT_EQ(shown[2].toDouble(), 0.0); // back to the registered default
+
+    p.setObject("x", "prefOther"); // other keys do not reach this binding
+    QCoreApplication::processEvents();
+    EXPECT_EQ(shown.size(), 3);
+    EXPECT_EQ(Preferences::keyForBindingPath("prefX"), "prefX");
+}
+
+TEST_F(PrefsStore, StandardStoreLivesUnderTheConfigFolder) {
+    EXPECT_EQ(Preferences::standardFilePath(),
+              test::testHome() + "/.config/Brix/com.lumetra.BrixCanonCapture.plist");
+    qputenv("XDG_CONFIG_HOME", "relative/ignored");
+    EXPECT_EQ(Preferences::standardFilePath(),
+              test::testHome() + "/.config/Brix/com.lumetra.BrixCanonCapture.plist");
+    qputenv("XDG_CONFIG_HOME", (test::testHome() + "/elsewhere").toUtf8());
+    EXPECT_EQ(Preferences::standardFilePath(), test::testHome() + "/elsewhere/Brix/com.lumetra.BrixCanonCapture.plist");
+}
+
+} // namespace
