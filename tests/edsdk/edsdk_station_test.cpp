@@ -2,6 +2,7 @@
 // pointed at a test library through BRIX_EDSDK_PATH, as a user would do it.
 #include "EdsdkLibrary.h"
 
+#include <QFile>
 #include <QProcess>
 #include <QProcessEnvironment>
 
@@ -11,14 +12,17 @@
 
 namespace {
 
+// The station writes its whole error stream into its log file under the
+// test's XDG_STATE_HOME; the tests read that file.
 class Station {
 public:
-    explicit Station(const QString &library) {
+    explicit Station(const QString &library)
+        : logFile_(qEnvironmentVariable("XDG_STATE_HOME") + "/Logs/Brix/BrixCanonCapture.log") {
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         env.insert("BRIX_CAMERA_BACKEND", "edsdk");
         env.insert(brix::eds::kEdsdkPathVariable, library);
         p_.setProcessEnvironment(env);
-        p_.setProcessChannelMode(QProcess::SeparateChannels);
+        p_.setProcessChannelMode(QProcess::MergedChannels);
         p_.start(BRIX_EXECUTABLE, QStringList{"--headless"});
     }
     ~Station() {
@@ -30,9 +34,10 @@ public:
     bool waitForLog(const QByteArray &text) {
         for (int i = 0; i < 200 && !log_.contains(text) && p_.state() != QProcess::NotRunning; ++i) {
             p_.waitForReadyRead(100);
-            log_ += p_.readAllStandardError();
+            p_.readAll();
+            read();
         }
-        log_ += p_.readAllStandardError();
+        read();
         return log_.contains(text);
     }
     bool running() { return p_.state() == QProcess::Running; }
@@ -41,13 +46,20 @@ public:
         ::kill(pid_t(p_.processId()), SIGTERM);
         if (!p_.waitForFinished(20000) || p_.exitStatus() != QProcess::NormalExit)
             return -1;
-        log_ += p_.readAllStandardError();
+        read();
         return p_.exitCode();
     }
     const QByteArray &log() const { return log_; }
 
 private:
+    void read() {
+        QFile f(logFile_);
+        if (f.open(QIODevice::ReadOnly))
+            log_ = f.readAll();
+    }
+
     QProcess p_;
+    QString logFile_;
     QByteArray log_;
 };
 
