@@ -1,0 +1,176 @@
+// The edsdk backend over libEDSDK-sim.so: found through BRIX_EDSDK_PATH, its
+// events reach the application only through the EdsGetEvent pump, on the
+// backend's event queue, and events for a handler cleared meanwhile are dropped.
+#include "LogCapture.h"
+#include "SimLibrary.h"
+#include "TestSupport.h"
+
+#ifdef BRIX_EDSDK_SIM_LIBRARY
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QTemporaryDir>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+#include <string>
+
+using namespace brix;
+using namespace brix::eds;
+using brix::test::SimLibrary;
+
+namespace {
+
+// Installs a manual clock for one test; the pump then ticks only when told.
+class ManualTime {
+public:
+    ManualTime() { dispatch::setClock(&clock); }
+    ~ManualTime() { dispatch::setClock(nullptr); }
+    // One pump period, once the library holds `events` events.
+    void pumpOnce(unsigned events = 1) {
+        ASSERT_TRUE(test::processEventsUntil([&] { return SimLibrary::pendingEvents() >= events; }));
+        clock.advance(kEdsdkEventPeriod);
+    }
+    dispatch::ManualClock clock;
+};
+
+struct AddedProbe {
+    std::atomic<int> calls{0};
+    std::string label;
+};
+
+EdsError onAdded(EdsVoid *context) {
+    auto *probe = static_cast<AddedProbe *>(context);
+    probe->label = dispatch::currentQueueLabel();
+    ++probe->calls;
+    return EDS_ERR_OK;
+}
+
+} // namespace
+
+TEST(EdsdkBackend, IsFoundThroughTheFolderInTheEnvironmentAndSaysWhereItLoadedFrom) {
+    QTemporaryDir dir;
+    const QString link = QDir(dir.path()).filePath(kEdsdkLibraryName);
+    ASSERT_TRUE(QFile::link(BRIX_EDSDK_SIM_LIBRARY, link));
+    const QByteArray old = qgetenv(kEdsdkPathVariable);
+    qputenv(kEdsdkPathVariable, dir.path().toUtf8());
+    test::LogCapture log;
+    std::string why;
+    auto chosen = createSdk("edsdk", &why);
+    auto automatic = createSdk("auto", &why);
+    qputenv(kEdsdkPathVariable, old);
+
+    ASSERT_NE(chosen, nullptr) << why;
+    EXPECT_STREQ(chosen->backendName(), "edsdk");
+    // The path the dynamic loader gives for the image: the link, unless an
+    // earlier test in this process loaded the same file under another name.
+    const std::string path = chosen->libraryPath();
+    EXPECT_TRUE(path == link.toStdString() || path == BRIX_EDSDK_SIM_LIBRARY ||
+                path.find("/test_edsdk-") != std::string::npos)
+        << path;
+    EXPECT_NE(log.text().find("EDSDK loaded from: " + path + "\n"), std::string::npos) << log.text();
+    // `auto` prefers Canon's library when it loads.
+    ASSERT_NE(automatic, nullptr);
+    EXPECT_STREQ(automatic->backendName(), "edsdk");
+}
+
+TEST(EdsdkBackend, EventsArriveOnlyThroughThePumpOnTheEventQueue) {
+    ManualTime time;
+    auto sdk = SimLibrary::makeSdk();
+    ASSERT_NE(sdk, nullptr);
+    ASSERT_EQ(sdk->EdsInitializeSDK(), EDS_ERR_OK);
+    AddedProbe probe;
+    ASSERT_EQ(sdk->EdsSetCameraAddedHandler(&onAdded, &probe), EDS_ERR_OK);
+    SimulatorControl *control = SimLibrary::control();
+    ASSERT_NE(control, nullptr);
+
+    const int before = control->attachedCount();
+    EXPECT_EQ(control->plug("Canon EOS R6", -1), before + 1);
+    // The library holds the event until the next EdsGetEvent...
+    ASSERT_TRUE(test::processEventsUntil([] { return SimLibrary::pendingEvents() >= 1; }));
+    EXPECT_EQ(probe.calls.load(), 0);
+    // ...which the pump makes one period later.
+    time.clock.advance(kEdsdkEventPeriod);
+    ASSERT_TRUE(test::processEventsUntil([&] { return probe.calls.load() == 1; }));
+    EXPECT_EQ(probe.label, kEdsdkEventQueueLabel);
+
+    // The pump keeps ticking.
+    control->plug("Canon EOS R5", -1);
+    time.pumpOnce();
+    ASSERT_TRUE(test::processEventsUntil([&] { return probe.calls.load() == 2; }));
+
+    EXPECT_EQ(sdk->EdsTerminateSDK(), EDS_ERR_OK);
+    // After termination the pump stops asking: nothing more is delivered.
+    time.clock.advance(kEdsdkEventPeriod * 10);
+    EXPECT_EQ(probe.calls.load(), 2);
+}
+
+namespace {
+
+struct PropertyProbe {
+    std::atomic<int> calls{0};
+    std::promise<void> entered;
+    std::shared_future<void> release;
+};
+
+EdsError onProperty(EdsPropertyEvent, EdsPropertyID, EdsUInt32, EdsVoid *context) {
+    auto *probe = static_cast<PropertyProbe *>(context);
+    if (probe->calls++ == 0) {
+        probe->entered.set_value();
+        probe->release.wait();
+    }
+    return EDS_ERR_OK;
+}
+
+} // namespace
+
+TEST(EdsdkBackend, EventsQueuedForAHandlerThatIsClearedAreDropped) {
+    ManualTime time;
+    auto sdk = SimLibrary::makeSdk();
+    ASSERT_NE(sdk, nullptr);
+    ASSERT_EQ(sdk->EdsInitializeSDK(), EDS_ERR_OK);
+    SimulatorControl *control = SimLibrary::control();
+    ASSERT_NE(control, nullptr);
+    if (control->attachedCount() == 0)
+        control->plug("", -1);
+
+    EdsCameraListRef list = nullptr;
+    ASSERT_EQ(sdk->EdsGetCameraList(&list), EDS_ERR_OK);
+    EdsCameraRef camera = nullptr;
+    ASSERT_EQ(sdk->EdsGetChildAtIndex(list, 0, &camera), EDS_ERR_OK);
+    ASSERT_EQ(sdk->EdsOpenSession(camera), EDS_ERR_OK);
+
+    PropertyProbe probe;
+    std::promise<void> release;
+    probe.release = release.get_future().share();
+    ASSERT_EQ(sdk->EdsSetPropertyEventHandler(camera, kEdsPropertyEvent_All, &onProperty, &probe),
+              EDS_ERR_OK);
+    AddedProbe marker;
+    ASSERT_EQ(sdk->EdsSetCameraAddedHandler(&onAdded, &marker), EDS_ERR_OK);
+
+    // Two changes on the body, both handed to the event queue by one pump tick.
+    EXPECT_EQ(control->setStringProperty(kEdsPropID_OwnerName, "first"), EDS_ERR_OK);
+    EXPECT_EQ(control->setStringProperty(kEdsPropID_OwnerName, "second"), EDS_ERR_OK);
+    time.pumpOnce(2);
+    // The first is being handled; the second waits behind it.
+    ASSERT_EQ(probe.entered.get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    // Clearing does not wait for the handler that runs...
+    EXPECT_EQ(sdk->EdsSetPropertyEventHandler(camera, kEdsPropertyEvent_All, nullptr, nullptr), EDS_ERR_OK);
+    release.set_value();
+    // ...and the waiting event is dropped: a later event arrives, the property handler is not called again.
+    control->plug("", -1);
+    time.pumpOnce();
+    ASSERT_TRUE(test::processEventsUntil([&] { return marker.calls.load() == 1; }));
+    EXPECT_EQ(probe.calls.load(), 1);
+
+    EXPECT_EQ(sdk->EdsCloseSession(camera), EDS_ERR_OK);
+    sdk->EdsRelease(camera);
+    sdk->EdsRelease(list);
+    EXPECT_EQ(control->callerReferenceCount(), 0);
+    EXPECT_EQ(sdk->EdsTerminateSDK(), EDS_ERR_OK);
+}
+
+#endif
