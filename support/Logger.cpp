@@ -101,7 +101,8 @@ void submit(const QString &message) {
 // second, so it is formatted once per second and the milliseconds appended.
 void appendTime(QByteArray &out, qint64 msecs) {
     static qint64 cachedSecond = std::numeric_limits<qint64>::min();
-    static QByteArray cachedPrefix;
+    // Never destroyed: the writing queue may still run while the process exits.
+    static QByteArray &cachedPrefix = *new QByteArray;
     const qint64 second = msecs >= 0 ? msecs / 1000 : (msecs - 999) / 1000;
     if (second != cachedSecond) {
         cachedPrefix = DateFormat::format(QDateTime::fromMSecsSinceEpoch(second * 1000),
@@ -135,15 +136,17 @@ void writeToStandardError(const char *data, qsizetype size) {
 // writers of descriptor 2, so while the log file is attached it bypasses the
 // pipe and is handed whole to the reading side, after what the pipe holds.
 void drainPending() {
-    static std::vector<Record> batch;
+    // Scratch space of the writing queue, kept for the process: the queue may
+    // still be draining while static objects are destroyed at exit.
+    static std::vector<Record> &batch = *new std::vector<Record>;
     {
         auto &p = pending();
         std::lock_guard lk(p.m);
         batch.swap(p.records);
         p.drainScheduled = false;
     }
-    static QByteArray out;
-    static QByteArray line;
+    static QByteArray &out = *new QByteArray;
+    static QByteArray &line = *new QByteArray;
     out.clear();
     for (Record &r : batch) {
         line.clear();
