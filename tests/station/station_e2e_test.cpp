@@ -73,7 +73,7 @@ protected:
     }
     void TearDown() override { stop(); }
 
-    void start(const QStringList &extraEnv = {}) {
+    void start(const QStringList &extraEnv = {}, bool simulatorControl = true) {
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         env.insert("BRIX_CAMERA_BACKEND", "simulator");
         for (const QString &kv : extraEnv)
@@ -82,6 +82,8 @@ protected:
         process_.setProcessChannelMode(QProcess::ForwardedErrorChannel);
         process_.start(BRIX_EXECUTABLE, {"--headless"});
         ASSERT_TRUE(process_.waitForStarted(10000));
+        if (!simulatorControl)
+            return;
         ASSERT_TRUE(test::processEventsUntil(
             [&] {
                 return QDBusConnection::sessionBus().interface()->isServiceRegistered(
@@ -249,3 +251,23 @@ TEST_F(Station, UnwritableSaveFolderIsLoggedAndTheStationKeepsRunning) {
     EXPECT_TRUE(waitForCameraStatus(sibling, 2));
     EXPECT_EQ(process_.state(), QProcess::Running);
 }
+
+#ifdef BRIX_EDSDK_SIM_LIBRARY
+TEST_F(Station, DoesItsMainJobThroughCanonsLibraryInterface) {
+    // The station loads a library with Canon's C functions (here one over the
+    // simulated body) and must behave exactly as with the built-in backends.
+    Sibling sibling;
+    start({"BRIX_CAMERA_BACKEND=edsdk", QStringLiteral("BRIX_EDSDK_PATH=%1").arg(BRIX_EDSDK_SIM_LIBRARY)}, false);
+    ASSERT_TRUE(waitForCameraStatus(sibling, 1)) << log().right(3000).toStdString();
+    EXPECT_EQ(sibling.named("brixXNotification", true)[0].userInfo.value("cameraStatus").toUInt(), 1u);
+    EXPECT_TRUE(log().contains("EDSDK loaded from: "));
+    sibling.request("grabimage");
+    ASSERT_TRUE(test::processEventsUntil([&] { return sibling.named("BrixPreviewerNotification").size() >= 1; }, 30s))
+        << log().right(3000).toStdString();
+    const QStringList files = shots();
+    ASSERT_EQ(files.size(), 1);
+    EXPECT_TRUE(kShotName.match(files[0]).hasMatch()) << files[0].toStdString();
+    ASSERT_EQ(sibling.fileAnnouncements().size(), 1u);
+    EXPECT_EQ(sibling.fileAnnouncements()[0].userInfo.value("filePath").toString(), saveFolder_ + "/" + files[0]);
+}
+#endif
