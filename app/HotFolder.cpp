@@ -61,10 +61,7 @@ QStringList splitCommandOutput(const QString &output) {
 QStringList sendAllItemsInHotFolder(const QVariant &saveFolder) {
     if (saveFolder.metaType().id() != QMetaType::QString)
         return {};
-    QString folder = saveFolder.toString();
-    if (folder.startsWith(QLatin1String("~")))
-        folder = Paths::home() + folder.mid(1);
-    folder = QDir::cleanPath(folder);
+    const QString folder = Paths::standardizePath(saveFolder.toString());
     if (!QFileInfo(folder).isDir())
         return {};
     Logger::setDebug(commandForFolder(folder));

@@ -25,13 +25,6 @@ void post(const QString &name, const QString &object, const QVariantMap &userInf
 
 void logInside(const char *function) { Logger::setError(QStringLiteral("Inside %1...").arg(QLatin1String(function))); }
 
-QString standardizedPath(const QString &path) {
-    QString p = path;
-    if (p == QLatin1String("~") || p.startsWith(QLatin1String("~/")))
-        p = Paths::home() + p.mid(1);
-    return QDir::cleanPath(p);
-}
-
 } // namespace
 
 QString senderApp() { return Paths::executableName(); }
@@ -42,7 +35,7 @@ void mySendBrixXNotification2(const QVariant &filePath) {
         logInside("mySendBrixXNotification2_block_invoke");
         QString path = filePath.isValid() && !filePath.isNull() ? filePath.toString() : QString();
         if (path.isEmpty())
-            path = standardizedPath(QStringLiteral("~/Desktop/CanonFolder"));
+            path = Paths::standardizePath(QStringLiteral("~/Desktop/CanonFolder"));
         Logger::setError(QStringLiteral("pathtoitem = [%1] ").arg(path));
         QVariantMap info;
         if (!bundleIdentifier().isEmpty())

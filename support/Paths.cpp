@@ -23,6 +23,13 @@ QString Paths::home() {
     return h.isEmpty() ? QDir::homePath() : QDir::cleanPath(h);
 }
 
+QString Paths::standardizePath(const QString &path) {
+    QString p = path;
+    if (p == QLatin1String("~") || p.startsWith(QLatin1String("~/")))
+        p = home() + p.mid(1);
+    return QDir::cleanPath(p);
+}
+
 QString Paths::libraryFolder() { return envFolder("XDG_STATE_HOME", home() + "/.local/state"); }
 QString Paths::configFolder() { return envFolder("XDG_CONFIG_HOME", home() + "/.config"); }
 QString Paths::runtimeFolder() { return envFolder("XDG_RUNTIME_DIR", QDir::tempPath()); }

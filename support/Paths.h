@@ -21,6 +21,9 @@ public:
     // the source tree's resources/ when run from a build tree.
     static QString resourcesFolder();
     static QString resourcePath(const QString &name);
+    // A leading "~" expanded to the home folder, then "." and ".." components
+    // and duplicate separators removed.
+    static QString standardizePath(const QString &path);
     // File name of the running executable.
     static QString executableName();
     // Folder of the running executable.

@@ -83,7 +83,6 @@ void ViewController::newPhoto(const Notification &notification) {
         flowCv_.wait(lk, [&] { return shotsInFlight_ < kMaxShotsInFlight; });
         ++shotsInFlight_;
     }
-    ++pendingShots_;
     metadataQueue()->async([this, info = notification.userInfo] {
         incrementDownloadCount();
         const QString cameraName = info.value(kOKVA_CanonCameraPhotoFilename).toString();
@@ -109,7 +108,6 @@ void ViewController::newPhoto(const Notification &notification) {
         incrementSavedCount();
         saveImage(QVariant());
         clearProgressIndicator();
-        --pendingShots_;
         {
             std::lock_guard lk(flowMutex_);
             --shotsInFlight_;
@@ -198,13 +196,6 @@ bool ViewController::isValidJPEGFile(const QString &path) {
 
 // --- save folder -------------------------------------------------------------
 
-QString ViewController::standardizePath(const QString &path) {
-    QString p = path;
-    if (p == QLatin1String("~") || p.startsWith(QLatin1String("~/")))
-        p = Paths::home() + p.mid(1);
-    return QDir::cleanPath(p);
-}
-
 QString ViewController::getPathToSavePhotos() const {
     const QVariant stored = Preferences::standard().objectForKey(QString::fromLatin1(kPrefSaveFolderPath));
     return stored.metaType().id() == QMetaType::QString ? stored.toString() : QString();
@@ -214,7 +205,7 @@ bool ViewController::createSavePhotosFolder() {
     QString stored = Preferences::standard().stringForKey(QString::fromLatin1(kPrefSaveFolderPath));
     if (stored.isNull())
         stored = QString::fromLatin1(kDefaultSaveFolder);
-    const QString standardized = standardizePath(stored.trimmed());
+    const QString standardized = Paths::standardizePath(stored.trimmed());
     if (!QFileInfo::exists(standardized))
         QDir().mkpath(standardized);
     if (standardized.compare(stored, Qt::CaseInsensitive) != 0) {

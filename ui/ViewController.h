@@ -93,11 +93,6 @@ public:
 
     // Last two bytes FF D9. A file shorter than two bytes is not valid.
     static bool isValidJPEGFile(const QString &path);
-    // "~" expansion, then "." / ".." / duplicate separators removed.
-    static QString standardizePath(const QString &path);
-
-    // Shots handed to the save step that have not finished it (for shutdown).
-    int pendingShots() const { return pendingShots_.load(); }
 
     // The time that names shots; the wall clock unless a test sets another.
     void setClock(std::function<QDateTime()> now) { now_ = std::move(now); }
@@ -127,7 +122,6 @@ private:
     bool progressAnimating_ = false;
     QImage displayImage_;
     std::atomic<bool> displaysImages_{false};
-    std::atomic<int> pendingShots_{0};
     // Shots accepted but not yet saved. The camera's delivering thread waits
     // while this is at its limit, so a burst faster than the disk stays in the
     // camera instead of piling up in memory here.
