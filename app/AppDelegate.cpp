@@ -1,5 +1,6 @@
 #include "AppDelegate.h"
 
+#include "CameraPanelModel.h"
 #include "Describe.h"
 #include "InterAppNotifications.h"
 #include "Logger.h"
@@ -25,7 +26,9 @@ QString describeCameras(const QList<CameraPtr> &cameras) {
     return describe(names);
 }
 
-QString cameraText(const CameraPtr &camera) { return camera ? camera->description() : QStringLiteral("(null)"); }
+QString cameraText(const CameraPtr &camera) {
+    return camera ? camera->description() : QStringLiteral("(null)");
+}
 
 } // namespace
 
@@ -45,15 +48,14 @@ QString AppDelegate::objectDescription() const {
 }
 
 const std::vector<eds::EdsPropertyID> &AppDelegate::panelProperties() {
-    static const std::vector<eds::EdsPropertyID> ids = {
-        0x400, 0x405, 0x406, 0x407, 0x106, 0x402, 0x404, 0x401, 0x403, 0x100, 0x50E, 0x8, 0x10, 0x7, 0x419, 0x4, 0x418};
-    return ids;
+    return CameraPanelModel::panelProperties();
 }
 
 void AppDelegate::awakeFromNib() {
     auto &center = NotificationCenter::defaultCenter();
     auto observe = [&](const QString &name, void (AppDelegate::*handler)(const Notification &)) {
-        localTokens_.push_back(center.addObserver(name, {}, [this, handler](const Notification &n) { (this->*handler)(n); }));
+        localTokens_.push_back(
+            center.addObserver(name, {}, [this, handler](const Notification &n) { (this->*handler)(n); }));
     };
     observe(kOKVA_CanonCameraAdded, &AppDelegate::cameraAdded);
     observe(kOKVA_CanonCameraDidLoad, &AppDelegate::cameraDidLoad);
@@ -62,17 +64,22 @@ void AppDelegate::awakeFromNib() {
     observe(kOKVA_CanonCameraPropertiesDidChange, &AppDelegate::cameraPropertiesChanged);
     observe(kOKVA_CanonCameraPropertyDidChange, &AppDelegate::cameraPropertyChanged);
     // Registered without a handler of their own: delivery does nothing.
-    localTokens_.push_back(center.addObserver(kOKVA_CanonCameraLiveViewImageUpdate, {}, [](const Notification &) {}));
-    localTokens_.push_back(center.addObserver(kOKVA_CanonCameraCommandError, {}, [](const Notification &) {}));
+    localTokens_.push_back(
+        center.addObserver(kOKVA_CanonCameraLiveViewImageUpdate, {}, [](const Notification &) {}));
+    localTokens_.push_back(
+        center.addObserver(kOKVA_CanonCameraCommandError, {}, [](const Notification &) {}));
     // Nothing in the station posts it; its handler never existed.
-    localTokens_.push_back(center.addObserver(QStringLiteral("notifictionStartPhotoSession"), {}, [](const Notification &) {}));
+    localTokens_.push_back(
+        center.addObserver(QStringLiteral("notifictionStartPhotoSession"), {}, [](const Notification &) {}));
 
     distributedTokens_.push_back(DistributedNotificationCenter::defaultCenter().addObserver(
         QString::fromLatin1(interapp::kNikonAppNotification),
         [this](const DistributedNotificationCenter::Message &m) { handleDistributedNotification(m); }));
 }
 
-bool AppDelegate::cancelDownloadForProgress(eds::EdsUInt32) { return false; }
+bool AppDelegate::cancelDownloadForProgress(eds::EdsUInt32) {
+    return false;
+}
 
 // --- camera panel ----------------------------------------------------------
 
@@ -90,8 +97,9 @@ void AppDelegate::cameraListUpdated(const Notification &) {
     if (!cameras) {
         // The list is being rebuilt right now; look again shortly rather than
         // miss a camera that is there.
-        Scheduling::afterDelay(kBusyListRetrySeconds, dispatch::mainQueue(),
-                               [this] { cameraListUpdated(Notification{kOKVA_CanonCameraListDidUpdate, {}, {}, {}}); });
+        Scheduling::afterDelay(kBusyListRetrySeconds, dispatch::mainQueue(), [this] {
+            cameraListUpdated(Notification{kOKVA_CanonCameraListDidUpdate, {}, {}, {}});
+        });
         return;
     }
     Logger::setError(QStringLiteral("now cameras = %1").arg(describeCameras(*cameras)));
@@ -101,7 +109,8 @@ void AppDelegate::cameraListUpdated(const Notification &) {
 }
 
 void AppDelegate::updateCameraPopupWithCameras(const QList<CameraPtr> &) {
-    Logger::setError(QStringLiteral("%1-%2... does nothing....").arg(objectDescription(), QLatin1String("updateCameraPopupWithCameras:")));
+    Logger::setError(QStringLiteral("%1-%2... does nothing....")
+                         .arg(objectDescription(), QLatin1String("updateCameraPopupWithCameras:")));
 }
 
 void AppDelegate::cameraAdded(const Notification &) {
@@ -131,10 +140,10 @@ void AppDelegate::setCurrentCamera(const CameraPtr &camera) {
 void AppDelegate::sendCameraStatus(const QString &name, unsigned status) {
     QVariantMap record{{interapp::kCamerName, name}, {interapp::kCameraStatus, status}};
     interapp::mySendBrixNikonNotification(&record);
-    Logger::setError(QStringLiteral("%1: %2")
-                         .arg(status == interapp::kCameraStatusAvailable ? QStringLiteral("OKVA_CanonCameraDidLoad")
-                                                                          : QStringLiteral("OKVA_CanonCameraDisappeared"),
-                              describe(record)));
+    Logger::setError(QStringLiteral("%1: %2").arg(status == interapp::kCameraStatusAvailable
+                                                      ? QStringLiteral("OKVA_CanonCameraDidLoad")
+                                                      : QStringLiteral("OKVA_CanonCameraDisappeared"),
+                                                  describe(record)));
 }
 
 void AppDelegate::cameraDidLoad(const Notification &notification) {
@@ -159,7 +168,8 @@ void AppDelegate::cameraDisappeared(const Notification &notification) {
         sendCameraStatus(camera->description(), interapp::kCameraStatusNone);
     } else {
         floatingAlertWithString(QStringLiteral("NO Camera Found!!!\nPlease Check Your Connection!"));
-        QVariantMap record{{interapp::kCamerName, QStringLiteral("(null)")}, {interapp::kCameraStatus, interapp::kCameraStatusNone}};
+        QVariantMap record{{interapp::kCamerName, QStringLiteral("(null)")},
+                           {interapp::kCameraStatus, interapp::kCameraStatusNone}};
         interapp::mySendBrixNikonNotification(&record);
         Logger::setError(QStringLiteral("NO camera found at starutp...: %1").arg(describe(record)));
     }
@@ -168,7 +178,8 @@ void AppDelegate::cameraDisappeared(const Notification &notification) {
 }
 
 void AppDelegate::updateCameraProperties() {
-    Logger::setError(QStringLiteral("%1-%2 .... ").arg(objectDescription(), QLatin1String("updateCameraProperties")));
+    Logger::setError(
+        QStringLiteral("%1-%2 .... ").arg(objectDescription(), QLatin1String("updateCameraProperties")));
     for (eds::EdsPropertyID id : panelProperties()) {
         std::optional<QVariantMap> values;
         if (currentCamera_)
@@ -191,7 +202,9 @@ void AppDelegate::cameraPropertiesChanged(const Notification &notification) {
 
 void AppDelegate::cameraPropertyChanged(const Notification &notification) {
     const quint32 tag = notification.userInfo.value(kOKVA_CanonCameraPropertyID).toUInt();
-    Logger::setError(QStringLiteral("%1-%2 => tag = %3").arg(objectDescription(), QLatin1String("cameraPropertyChanged:")).arg(tag));
+    Logger::setError(QStringLiteral("%1-%2 => tag = %3")
+                         .arg(objectDescription(), QLatin1String("cameraPropertyChanged:"))
+                         .arg(tag));
     const QVariant text = notification.userInfo.value(kOKVA_CanonCameraProperty);
     const QVariant raw = notification.userInfo.value(kOKVA_CanonCameraPropertyValue);
     const QString camera = cameraText(OKVA_CanonCamera::fromVariant(notification.object));
@@ -218,61 +231,68 @@ void AppDelegate::setEnabledForAEMode(const QVariant &value) {
 
 void AppDelegate::updateControlWithTagWithValue(quint32 tag, const QVariant &value) {
     const QString me = objectDescription();
-    Logger::setError(QStringLiteral("%1-%2 => tag = %3").arg(me, QLatin1String("updateControlWithTag:withValue:")).arg(tag));
-    const CameraControls::Kind kind = controls_ ? controls_->kindOfControl(tag) : CameraControls::Kind::None;
+    const QLatin1String op("updateControlWithTag:withValue:");
+    Logger::setError(QStringLiteral("%1-%2 => tag = %3").arg(me, op).arg(tag));
+    const PanelControl *control = controls_ ? controls_->viewWithTag(tag) : nullptr;
     Logger::setError(QStringLiteral("%1-%2 => viewWithTag(%3) returned = %4")
-                         .arg(me, QLatin1String("updateControlWithTag:withValue:"))
+                         .arg(me, op)
                          .arg(tag)
-                         .arg(kind == CameraControls::Kind::None ? QStringLiteral("(null)") : QStringLiteral("control")));
+                         .arg(control ? control->description() : QStringLiteral("(null)")));
     const QString valueText = describe(value);
-    if (tag == 0 || kind == CameraControls::Kind::None) {
-        Logger::setError(QStringLiteral("failed to update control for tag (%1) with value %2").arg(tag).arg(valueText));
+    if (tag == 0 || !control) {
+        Logger::setError(
+            QStringLiteral("failed to update control for tag (%1) with value %2").arg(tag).arg(valueText));
         Logger::setError(QStringLiteral("%1-%2 => failed to update control for tag (%3) with value %4")
-                             .arg(me, QLatin1String("updateControlWithTag:withValue:"))
+                             .arg(me, op)
                              .arg(tag)
                              .arg(valueText));
         return;
     }
     Logger::setError(QStringLiteral("trying to update control %1 %2 (%3) with value %4")
-                         .arg(QStringLiteral("control"), eds::stringNameForPropertyID(tag))
+                         .arg(control->description(), eds::stringNameForPropertyID(tag))
                          .arg(tag)
                          .arg(valueText));
     QString text;
-    if (value.metaType().id() == QMetaType::QString)
+    const int type = value.metaType().id();
+    if (type == QMetaType::QString)
         text = value.toString();
-    else if (value.canConvert<quint32>() && value.metaType().id() != QMetaType::QVariantMap &&
-             value.metaType().id() != QMetaType::QVariantList && value.isValid())
+    else if (value.isValid() && type != QMetaType::QVariantMap && type != QMetaType::QVariantList &&
+             value.canConvert<quint32>())
         text = eds::stringForPropertyID(tag, value.toUInt());
     else
         return;
-    if (kind != CameraControls::Kind::PopUp)
+    if (control->kind != ControlKind::PopUp)
         return;
-    Logger::setError(QStringLiteral("updating popup %1 (%2) with value %3").arg(QStringLiteral("control")).arg(tag).arg(text));
+    Logger::setError(QStringLiteral("updating popup %1 (%2) with value %3")
+                         .arg(control->description())
+                         .arg(tag)
+                         .arg(text));
     controls_->selectPopUpTitle(tag, text);
     controls_->setToolTip(tag, text);
 }
 
 void AppDelegate::updateControlWithTagWithValues(quint32 tag, const std::optional<QVariantMap> &values) {
-    if (!controls_)
+    const PanelControl *control = controls_ ? controls_->controlWithTag(tag) : nullptr;
+    if (!control)
         return;
-    const CameraControls::Kind kind = controls_->kindOfControl(tag);
-    if (kind == CameraControls::Kind::PopUp) {
+    if (control->kind == ControlKind::PopUp) {
         QStringList titles = values ? values->keys() : QStringList{};
         QCollator collator;
         collator.setNumericMode(true);
         collator.setCaseSensitivity(Qt::CaseInsensitive);
         std::sort(titles.begin(), titles.end(), collator);
-        const QString remembered = controls_->selectedTitle(tag);
+        const QString remembered = control->selectedTitle;
         controls_->setPopUpTitles(tag, titles);
         if (!titles.isEmpty() && titles.contains(remembered))
             controls_->selectPopUpTitle(tag, remembered);
-    } else if (kind == CameraControls::Kind::TextField) {
+    } else if (control->kind == ControlKind::TextField) {
         controls_->setText(tag, QString()); // a dictionary is not text: the field is cleared
     }
 }
 
 void AppDelegate::floatingAlertWithString(const QString &) {
-    Logger::setError(QStringLiteral("%1-%2... does nothing....").arg(objectDescription(), QLatin1String("floatingAlertWithString:")));
+    Logger::setError(QStringLiteral("%1-%2... does nothing....")
+                         .arg(objectDescription(), QLatin1String("floatingAlertWithString:")));
 }
 
 // --- sibling requests --------------------------------------------------------
@@ -283,8 +303,10 @@ void AppDelegate::handleDistributedNotification(const DistributedNotificationCen
     for (int i = 0; i < 3; ++i)
         Logger::setError(QString::fromLatin1(kSeparator));
     Logger::setError(QStringLiteral("Inside %1 => %2...").arg(me, op));
-    Logger::setError(QStringLiteral("Inside %1 => %2...object = [%3]").arg(me, op, message.object.left(1000)));
-    Logger::setError(QStringLiteral("Inside %1 => %2...userInfo = [%3]").arg(me, op, describe(message.userInfo)));
+    Logger::setError(
+        QStringLiteral("Inside %1 => %2...object = [%3]").arg(me, op, message.object.left(1000)));
+    Logger::setError(
+        QStringLiteral("Inside %1 => %2...userInfo = [%3]").arg(me, op, describe(message.userInfo)));
     if (message.userInfo.isEmpty())
         return;
     if (!message.userInfo.contains(interapp::kSenderApp)) {
@@ -295,7 +317,8 @@ void AppDelegate::handleDistributedNotification(const DistributedNotificationCen
     if (!actionValue.isValid())
         return;
     if (actionValue.metaType().id() != QMetaType::QString) {
-        Logger::setError(QStringLiteral("ignored a request whose action is not text (%1)").arg(QLatin1String(actionValue.typeName())));
+        Logger::setError(QStringLiteral("ignored a request whose action is not text (%1)")
+                             .arg(QLatin1String(actionValue.typeName())));
         return;
     }
     const QString action = actionValue.toString();
@@ -307,7 +330,8 @@ void AppDelegate::handleDistributedNotification(const DistributedNotificationCen
             }
             Logger::setError(QStringLiteral("Inside %1 => %2...sent grab comand").arg(me, op));
         });
-    } else if (action.compare(QLatin1String(interapp::kActionRequestCameraStatus), Qt::CaseInsensitive) == 0) {
+    } else if (action.compare(QLatin1String(interapp::kActionRequestCameraStatus), Qt::CaseInsensitive) ==
+               0) {
         Scheduling::performAsyncOnMainQueue([this, object = message.object] {
             QVariantMap reply;
             if (currentCamera_) {

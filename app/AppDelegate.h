@@ -11,6 +11,7 @@
 // camera; the controls are owned by the window.
 #pragma once
 
+#include "CameraControls.h"
 #include "DistributedNotificationCenter.h"
 #include "NotificationCenter.h"
 #include "OKVA_CanonCamera.h"
@@ -24,21 +25,6 @@
 #include <vector>
 
 namespace brix {
-
-// The property controls of the window, found by tag (= property ID).
-class CameraControls {
-public:
-    enum class Kind { None, PopUp, TextField, Other };
-    virtual ~CameraControls() = default;
-    virtual Kind kindOfControl(quint32 tag) const = 0;
-    virtual QStringList popUpTitles(quint32 tag) const = 0;
-    virtual QString selectedTitle(quint32 tag) const = 0;
-    virtual void setPopUpTitles(quint32 tag, const QStringList &titles) = 0;
-    virtual void selectPopUpTitle(quint32 tag, const QString &title) = 0; // adds it when missing
-    virtual void setToolTip(quint32 tag, const QString &text) = 0;
-    virtual void setText(quint32 tag, const QString &text) = 0;
-    virtual void setEnabled(quint32 tag, bool enabled) = 0;
-};
 
 class AppDelegate : public QObject, public OKVA_CanonCameraDelegate {
     Q_OBJECT

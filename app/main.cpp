@@ -2,6 +2,7 @@
 // the main loop, with or without the window.
 #include "AppDelegate.h"
 #include "BundleInfo.h"
+#include "CameraPanelModel.h"
 #include "CommandLine.h"
 #include "Dispatch.h"
 #include "EdsSdk.h"
@@ -101,6 +102,10 @@ int main(int argc, char **argv) {
     // The delegate and the view controller listen before the camera class
     // starts, so that the first camera list is not missed.
     AppDelegate delegate;
+    // The camera panel's state, with or without a window.
+    CameraPanelModel panel;
+    panel.setCameraProvider([&delegate] { return delegate.currentCamera(); });
+    delegate.setControls(&panel);
     delegate.awakeFromNib();
     ViewController viewController;
     viewController.setDisplaysImages(!options.headless);
