@@ -6,19 +6,26 @@
 #include "CommandLine.h"
 #include "Dispatch.h"
 #include "EdsSdk.h"
+#include "HistogramController.h"
+#include "HotFolder.h"
 #include "InterAppNotifications.h"
+#include "LiveViewController.h"
 #include "Logger.h"
 #include "MainWindow.h"
 #include "OKVA_CanonCamera.h"
 #include "Paths.h"
 #include "Preferences.h"
+#include "Relaunch.h"
+#include "Scheduling.h"
 #include "SignalWatcher.h"
 #include "SimulatorControl.h"
 #include "SystemInfo.h"
 #include "ViewController.h"
+#include "WindowProbe.h"
 
 #include <QApplication>
 #include <QCoreApplication>
+#include <QGuiApplication>
 
 #include <cstdio>
 #include <memory>
@@ -66,7 +73,9 @@ int main(int argc, char **argv) {
     SignalWatcher signalWatcher;
     QObject::connect(&signalWatcher, &SignalWatcher::terminationRequested, app.get(), [](int signalNumber) {
         Logger::setError(QStringLiteral("received signal %1, quitting").arg(signalNumber));
-        QCoreApplication::quit();
+        // exit, not quit: a quit request goes through the window's close
+        // confirmation, and a signal must end the station without a question.
+        QCoreApplication::exit(0);
     });
 
     Logger::setError(QStringLiteral("%1 %2 starting (%3)")
@@ -109,8 +118,6 @@ int main(int argc, char **argv) {
     delegate.awakeFromNib();
     ViewController viewController;
     viewController.setDisplaysImages(!options.headless);
-    viewController.createSavePhotosFolder();
-    viewController.setupNotifications();
     // Each saved shot is announced, in order, from the queue that saved it.
     QObject::connect(
         &viewController, &ViewController::photoSaved, &viewController,
@@ -120,26 +127,51 @@ int main(int argc, char **argv) {
         },
         Qt::DirectConnection);
 
-    std::unique_ptr<MainWindow> window;
-    if (!options.headless) {
-        window = std::make_unique<MainWindow>();
-        window->show();
-    }
-
+    // The camera object is made by the view's start sequence (the start control).
     std::shared_ptr<eds::EdsSdk> sdk(std::move(cameraSdk));
-    if (sdk)
-        OKVA_CanonCamera::initialize(sdk);
+    viewController.setCameraControls(&panel);
+    viewController.setCameraStarter([&sdk] { return sdk && OKVA_CanonCamera::initialize(sdk); });
+    QObject::connect(&viewController, &ViewController::terminateRequested, app.get(),
+                     [] { QCoreApplication::exit(0); });
+
+    LiveViewController liveView;
+    liveView.setCameraProvider([&delegate] { return delegate.currentCamera(); });
+    HistogramController histogram;
+    std::unique_ptr<MainWindow> window;
+    std::unique_ptr<WindowProbe> probe;
+    if (!options.headless) {
+        window = std::make_unique<MainWindow>(viewController, panel, liveView, histogram);
+        QObject::connect(window.get(), &MainWindow::takePictureRequested, &delegate, [&] {
+            liveView.pauseForCapture();
+            delegate.takePicture();
+        });
+        // The window never ends the process by itself: only a confirmed quit does.
+        QObject::connect(window.get(), &MainWindow::quitConfirmed, app.get(),
+                         [] { QCoreApplication::exit(0); });
+        QObject::connect(window.get(), &MainWindow::quitAndRelaunchRequested, app.get(),
+                         [arguments] { Relaunch::quitAndRelaunch(arguments); });
+        QObject::connect(
+            window.get(), &MainWindow::sendAllItemsInHotFolderRequested, &viewController, [&viewController] {
+                const QVariant folder = viewController.getPathToSavePhotos();
+                Scheduling::performAsyncGlobal([folder] { hotfolder::sendAllItemsInHotFolder(folder); });
+            });
+        viewController.setModifierQuery([] { return QGuiApplication::queryKeyboardModifiers(); });
+        window->show();
+        probe = WindowProbe::exportIfRequested(*window, panel, viewController);
+    }
+    viewController.viewDidLoad();
 
     const int status = app->exec();
 
     // Shots already downloaded are written and announced before the end.
     ViewController::metadataQueue()->sync([] {});
-    if (sdk)
+    if (viewController.cameraObjectExists())
         OKVA_CanonCamera::applicationWillTerminate(QStringLiteral("application will terminate"));
     QCoreApplication::processEvents();
     Preferences::standard().synchronize();
     Logger::setError(QStringLiteral("%1 ended with status %2").arg(bundle::kName).arg(status));
     Logger::flush();
+    probe.reset();
     window.reset();
     simulatorControl.reset();
     return status;

@@ -1,22 +1,90 @@
-// The station's window. Holds no logic: it shows what the controllers say and
-// forwards the operator's actions.
+// MainWindow: the station's window and its window controller. It shows what the
+// controllers hold (camera panel, status line, last shot with its histogram,
+// live view, download progress, counters) and forwards the operator's actions.
+// Closing it or choosing Quit never closes anything directly: after 100 ms a
+// sheet asks whether to quit, quit and relaunch, or stay.
 //
 // Threads: main thread only.
+// Ownership: the controllers are owned by the caller and outlive the window;
+// the window owns its widgets and the sheet while it is shown.
 #pragma once
+
+#include "NotificationCenter.h"
 
 #include <QMainWindow>
 
+#include <vector>
+
+class QDialog;
 class QLabel;
+class QProgressBar;
+class QPushButton;
+class QTabWidget;
 
 namespace brix {
+
+class CameraPanelModel;
+class CameraPanelView;
+class HistogramController;
+class ImageView;
+class LiveViewController;
+class ViewController;
 
 class MainWindow : public QMainWindow {
     Q_OBJECT
 public:
-    explicit MainWindow(QWidget *parent = nullptr);
+    static constexpr const char *kQuitAppNotification = "quitAppNotification";
+    static constexpr double kConfirmDelaySeconds = 0.1;
+    static constexpr double kSheetEndDelaySeconds = 0.01;
+
+    MainWindow(ViewController &viewController, CameraPanelModel &panel, LiveViewController &liveView,
+               HistogramController &histogram, QWidget *parent = nullptr);
+    ~MainWindow() override;
+
+    // The controller registered under `identifier`, or nullptr.
+    static QDialog *instantiateControllerWithIdentifier(const QString &identifier, QWidget *parent);
+
+    void windowDidLoad();
+    void ibHandleCloseWindow();
+    // Always false: the sheet decides.
+    bool windowShouldClose();
+    void ibConfirmQuit();
+
+    QTabWidget *ibTabView() const { return tabs_; }
+    CameraPanelView *panelView() const { return panelView_; }
+
+signals:
+    void takePictureRequested();
+    void quitConfirmed();
+    void quitAndRelaunchRequested();
+    void sendAllItemsInHotFolderRequested();
+
+protected:
+    void closeEvent(QCloseEvent *event) override;
 
 private:
+    QWidget *buildPanelTab();
+    QWidget *buildPreferencesTab();
+    QWidget *buildMorePrefsTab();
+    QWidget *buildShotColumn();
+    QString objectDescription() const;
+
+    ViewController &vc_;
+    CameraPanelModel &panel_;
+    LiveViewController &live_;
+    HistogramController &histogram_;
+    QTabWidget *tabs_ = nullptr;
+    CameraPanelView *panelView_ = nullptr;
     QLabel *status_ = nullptr;
+    QLabel *onlineDot_ = nullptr;
+    ImageView *imageView_ = nullptr;
+    ImageView *liveFrame_ = nullptr;
+    QLabel *liveRate_ = nullptr;
+    QPushButton *liveButton_ = nullptr;
+    QProgressBar *progress_ = nullptr;
+    QLabel *downloadCount_ = nullptr;
+    QLabel *savedCount_ = nullptr;
+    std::vector<NotificationCenter::Token> tokens_;
 };
 
 } // namespace brix

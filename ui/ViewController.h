@@ -12,20 +12,23 @@
 // Ownership: the controller owns its observers and removes them when destroyed.
 #pragma once
 
-#include "DistributedNotificationCenter.h"
+#include "CameraControls.h"
 #include "Dispatch.h"
+#include "DistributedNotificationCenter.h"
 #include "NotificationCenter.h"
 
 #include <QDateTime>
 #include <QImage>
 #include <QObject>
 #include <QString>
+#include <QStringList>
+#include <QUrl>
 #include <QVariantMap>
 
 #include <atomic>
 #include <condition_variable>
-#include <mutex>
 #include <functional>
+#include <mutex>
 #include <vector>
 
 namespace brix {
@@ -38,6 +41,7 @@ class ViewController : public QObject {
     Q_PROPERTY(double progressValue READ progressValue NOTIFY progressChanged)
     Q_PROPERTY(bool progressVisible READ progressVisible NOTIFY progressChanged)
     Q_PROPERTY(QImage displayImage READ displayImage NOTIFY displayImageChanged)
+    Q_PROPERTY(QString selectedTabIdentifier READ selectedTabIdentifier NOTIFY selectedTabIdentifierChanged)
 
 public:
     static constexpr const char *kDefaultSaveFolder = "~/Users/Shared/CanonFolder";
@@ -97,6 +101,40 @@ public:
     // The time that names shots; the wall clock unless a test sets another.
     void setClock(std::function<QDateTime()> now) { now_ = std::move(now); }
 
+    // --- view set-up (the window's and the headless station's start) ---
+    static constexpr const char *kDefaultTabIdentifier = "preferences";
+    // The panel, whose start control (tag 1111) starts the camera.
+    void setCameraControls(CameraControls *controls) { controls_ = controls; }
+    // Creates the camera object once; true when it exists afterwards.
+    void setCameraStarter(std::function<bool()> starter) { cameraStarter_ = std::move(starter); }
+    // The modifier keys held now (none without a display).
+    void setModifierQuery(std::function<Qt::KeyboardModifiers()> query) { modifiers_ = std::move(query); }
+    // Opens a folder or file in the desktop (QDesktopServices unless set).
+    void setUrlOpener(std::function<bool(const QUrl &)> opener) { openUrl_ = std::move(opener); }
+    // Shows a file selected in the desktop's file viewer.
+    void setFileRevealer(std::function<bool(const QString &)> revealer) { revealFile_ = std::move(revealer); }
+    // The tabs the window offers, by identifier, in order.
+    void setTabIdentifiers(const QStringList &identifiers) { tabIdentifiers_ = identifiers; }
+    QString selectedTabIdentifier() const { return selectedTab_; }
+    bool cameraObjectExists() const { return cameraStarted_; }
+
+    void viewDidLoad();
+    void doMoreOfViewDidLoad();
+    void ibStartCameraButton();
+    void selectIntialTabviewItem();
+    // The operator or the window selected a tab.
+    void tabViewWillSelectTabViewItem(const QString &identifier);
+    void ibTestButton();
+    void doRevealItem1();
+    void doRevealItem2();
+
+signals:
+    void selectedTabIdentifierChanged();
+    // The start sequence reached the window's size set-up (mini size and its list).
+    void windowSizeSetupRequested();
+    // "Terminate App" was chosen in the start-up question.
+    void terminateRequested();
+
 signals:
     void fDownloadCountChanged();
     void fSavedCountChanged();
@@ -131,6 +169,16 @@ private:
     std::function<QDateTime()> now_ = [] { return QDateTime::currentDateTime(); };
     std::vector<NotificationCenter::Token> localTokens_;
     std::vector<DistributedNotificationCenter::Token> distributedTokens_;
+
+    // view set-up
+    CameraControls *controls_ = nullptr;
+    std::function<bool()> cameraStarter_;
+    bool cameraStarted_ = false;
+    std::function<Qt::KeyboardModifiers()> modifiers_;
+    std::function<bool(const QUrl &)> openUrl_;
+    std::function<bool(const QString &)> revealFile_;
+    QStringList tabIdentifiers_;
+    QString selectedTab_;
 };
 
 } // namespace brix
