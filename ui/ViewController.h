@@ -12,9 +12,9 @@
 // Ownership: the controller owns its observers and removes them when destroyed.
 #pragma once
 
+#include "DistributedNotificationCenter.h"
 #include "CameraControls.h"
 #include "Dispatch.h"
-#include "DistributedNotificationCenter.h"
 #include "NotificationCenter.h"
 
 #include <QDateTime>
@@ -27,8 +27,8 @@
 
 #include <atomic>
 #include <condition_variable>
-#include <functional>
 #include <mutex>
+#include <functional>
 #include <vector>
 
 namespace brix {
