@@ -8,7 +8,6 @@
 #include "Scheduling.h"
 #include "SystemSound.h"
 
-#include <QCollator>
 
 #include <algorithm>
 
@@ -24,6 +23,43 @@ QString describeCameras(const QList<CameraPtr> &cameras) {
     for (const auto &c : cameras)
         names << QVariant(c ? c->description() : QStringLiteral("(null)"));
     return describe(names);
+}
+
+// Runs of digits compare by their value, everything else without regard to
+// case: "ISO 125" before "ISO 1000", whatever the locale (QCollator's numeric
+// mode is not available in the C locale).
+int numericCompare(const QString &a, const QString &b) {
+    qsizetype i = 0, j = 0;
+    while (i < a.size() && j < b.size()) {
+        if (a[i].isDigit() && b[j].isDigit()) {
+            qsizetype ei = i, ej = j;
+            while (ei < a.size() && a[ei].isDigit())
+                ++ei;
+            while (ej < b.size() && b[ej].isDigit())
+                ++ej;
+            const QStringView da = QStringView(a).mid(i, ei - i), db = QStringView(b).mid(j, ej - j);
+            // Without leading zeros, the longer run is the larger number.
+            const auto trim = [](QStringView v) {
+                while (v.size() > 1 && v.front() == u'0')
+                    v = v.mid(1);
+                return v;
+            };
+            const QStringView ta = trim(da), tb = trim(db);
+            if (ta.size() != tb.size())
+                return ta.size() < tb.size() ? -1 : 1;
+            if (const int c = ta.compare(tb); c != 0)
+                return c;
+            i = ei;
+            j = ej;
+            continue;
+        }
+        const QChar ca = a[i].toCaseFolded(), cb = b[j].toCaseFolded();
+        if (ca != cb)
+            return ca < cb ? -1 : 1;
+        ++i;
+        ++j;
+    }
+    return (a.size() - i) < (b.size() - j) ? -1 : ((a.size() - i) > (b.size() - j) ? 1 : 0);
 }
 
 QString cameraText(const CameraPtr &camera) {
@@ -277,10 +313,7 @@ void AppDelegate::updateControlWithTagWithValues(quint32 tag, const std::optiona
         return;
     if (control->kind == ControlKind::PopUp) {
         QStringList titles = values ? values->keys() : QStringList{};
-        QCollator collator;
-        collator.setNumericMode(true);
-        collator.setCaseSensitivity(Qt::CaseInsensitive);
-        std::sort(titles.begin(), titles.end(), collator);
+        std::sort(titles.begin(), titles.end(), [](const QString &a, const QString &b) { return numericCompare(a, b) < 0; });
         const QString remembered = control->selectedTitle;
         controls_->setPopUpTitles(tag, titles);
         if (!titles.isEmpty() && titles.contains(remembered))

@@ -4,8 +4,10 @@
 #include "CameraPanelView.h"
 #include "Logger.h"
 #include "MainWindow.h"
+#include "ShouldQuitViewController.h"
 #include "ViewController.h"
 
+#include <QAbstractButton>
 #include <QComboBox>
 #include <QDBusConnection>
 #include <QDBusError>
@@ -76,6 +78,23 @@ bool WindowProbe::Screenshot(const QString &path) const {
     if (shot.isNull())
         shot = window_.grab();
     return shot.save(path, "PNG");
+}
+
+} // namespace brix
+
+namespace brix {
+
+void WindowProbe::Close() {
+    window_.close();
+}
+
+bool WindowProbe::AnswerSheet(const QString &identifier) {
+    auto *sheet = window_.findChild<QDialog *>(QString::fromLatin1(ShouldQuitViewController::kIdentifier));
+    auto *button = sheet && sheet->isVisible() ? sheet->findChild<QAbstractButton *>(identifier) : nullptr;
+    if (!button)
+        return false;
+    button->click();
+    return true;
 }
 
 } // namespace brix

@@ -39,6 +39,10 @@ public slots:
     QString Counters() const;
     // Writes a PNG of the screen (of the window where there is no screen to grab).
     bool Screenshot(const QString &path) const;
+    // What the operator does with the mouse: the close button, and a button of
+    // the quit sheet by its identifier. False when there is no such sheet button.
+    void Close();
+    bool AnswerSheet(const QString &identifier);
 
 private:
     WindowProbe(MainWindow &window, CameraPanelModel &panel, ViewController &viewController);

@@ -170,7 +170,7 @@ QWidget *MainWindow::buildPanelTab() {
     auto *layout = new QVBoxLayout(page);
     panelView_ = new CameraPanelView(panel_, page);
     connect(panelView_, &CameraPanelView::startCameraRequested, this, [this] { vc_.ibStartCameraButton(); });
-    connect(&panel_, &CameraPanelModel::controlChanged, &live_, [this] { live_.noteActivity(); });
+    connect(&panel_, &CameraPanelModel::controlChanged, this, [this] { live_.noteActivity(); });
     layout->addWidget(panelView_);
     auto *take = named(new QPushButton(QStringLiteral("Take Picture"), page), "takepicture",
                        QStringLiteral("Take picture"));

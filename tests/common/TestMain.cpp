@@ -6,6 +6,12 @@
 #include "TestSupport.h"
 
 #include <QCoreApplication>
+#ifdef BRIX_TEST_WIDGETS
+#include <QApplication>
+using TestApplication = QApplication;
+#else
+using TestApplication = QCoreApplication;
+#endif
 #include <QDir>
 #include <QProcess>
 #include <QTemporaryDir>
@@ -52,7 +58,7 @@ int main(int argc, char **argv) {
         std::fprintf(stderr, "test main: could not start a private dbus-daemon\n");
         return 1;
     }
-    QCoreApplication app(argc, argv);
+    TestApplication app(argc, argv);
     ::testing::UnitTest::GetInstance()->listeners().Append(new FreshHome);
     return RUN_ALL_TESTS();
 }
