@@ -4,7 +4,6 @@
 #include "CameraPanelView.h"
 #include "Logger.h"
 #include "MainWindow.h"
-#include "ShouldQuitViewController.h"
 #include "ViewController.h"
 
 #include <QAbstractButton>
@@ -73,8 +72,12 @@ QString WindowProbe::Counters() const {
 
 bool WindowProbe::Screenshot(const QString &path) const {
     QPixmap shot;
-    if (QScreen *screen = window_.screen(); screen && QGuiApplication::platformName() == QLatin1String("xcb"))
-        shot = screen->grabWindow(0);
+    if (QScreen *screen = window_.screen();
+        screen && QGuiApplication::platformName() == QLatin1String("xcb")) {
+        // The window with its frame, as it appears on the screen.
+        const QRect frame = window_.frameGeometry();
+        shot = screen->grabWindow(0, frame.x(), frame.y(), frame.width(), frame.height());
+    }
     if (shot.isNull())
         shot = window_.grab();
     return shot.save(path, "PNG");
@@ -88,13 +91,19 @@ void WindowProbe::Close() {
     window_.close();
 }
 
-bool WindowProbe::AnswerSheet(const QString &identifier) {
-    auto *sheet = window_.findChild<QDialog *>(QString::fromLatin1(ShouldQuitViewController::kIdentifier));
-    auto *button = sheet && sheet->isVisible() ? sheet->findChild<QAbstractButton *>(identifier) : nullptr;
-    if (!button)
-        return false;
-    button->click();
-    return true;
+bool WindowProbe::ClickButton(const QString &objectName) {
+    for (QAbstractButton *button : window_.findChildren<QAbstractButton *>(objectName)) {
+        if (button->isVisible() && button->isEnabled()) {
+            button->click();
+            return true;
+        }
+    }
+    return false;
+}
+
+QString WindowProbe::Text(const QString &objectName) const {
+    const auto *label = window_.findChild<QLabel *>(objectName);
+    return label ? label->text() : QString();
 }
 
 } // namespace brix

@@ -37,12 +37,15 @@ public slots:
     QVariantMap Panel() const;
     // "downloaded saved"
     QString Counters() const;
-    // Writes a PNG of the screen (of the window where there is no screen to grab).
+    // Writes a PNG of the window as the screen shows it (as it draws itself
+    // where there is no screen to grab).
     bool Screenshot(const QString &path) const;
-    // What the operator does with the mouse: the close button, and a button of
-    // the quit sheet by its identifier. False when there is no such sheet button.
+    // The text of the label with that object name.
+    QString Text(const QString &objectName) const;
+    // What the operator does with the mouse: the window's close button, and a
+    // click on the visible button with that object name (false when none is shown).
     void Close();
-    bool AnswerSheet(const QString &identifier);
+    bool ClickButton(const QString &objectName);
 
 private:
     WindowProbe(MainWindow &window, CameraPanelModel &panel, ViewController &viewController);
