@@ -130,6 +130,7 @@ int main(int argc, char **argv) {
     // The camera object is made by the view's start sequence (the start control).
     std::shared_ptr<eds::EdsSdk> sdk(std::move(cameraSdk));
     viewController.setCameraControls(&panel);
+    viewController.setTabIdentifiers(CameraPanelModel::tabIdentifiers());
     viewController.setCameraStarter([&sdk] { return sdk && OKVA_CanonCamera::initialize(sdk); });
     QObject::connect(&viewController, &ViewController::terminateRequested, app.get(),
                      [] { QCoreApplication::exit(0); });

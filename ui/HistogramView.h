@@ -2,6 +2,7 @@
 // clipped shares under them.
 //
 // Threads: main thread.
+// Ownership: a widget owned by its parent; the controller outlives it.
 #pragma once
 
 #include <QWidget>

@@ -2,6 +2,7 @@
 // the last shot and for live-view frames.
 //
 // Threads: main thread.
+// Ownership: a widget owned by its parent; it keeps a copy of the image it shows.
 #pragma once
 
 #include <QImage>

@@ -251,6 +251,12 @@ QWidget *MainWindow::buildShotColumn() {
     imageView_ = named(new ImageView(column), "ibImageView", QStringLiteral("Last shot"));
     imageView_->setPlaceholder(QStringLiteral("No shot yet"));
     layout->addWidget(imageView_, 3);
+    // The wallpaper fills the image view until the first shot.
+    connect(&vc_, &ViewController::fPathToWallpaperChanged, this, [this] {
+        if (vc_.displayImage().isNull())
+            imageView_->setImage(vc_.fPathToWallpaper().isEmpty() ? QImage()
+                                                                  : QImage(vc_.fPathToWallpaper()));
+    });
     connect(&vc_, &ViewController::displayImageChanged, this, [this] {
         imageView_->setImage(vc_.displayImage());
         histogram_.setImage(vc_.displayImage());

@@ -42,6 +42,7 @@ class ViewController : public QObject {
     Q_PROPERTY(bool progressVisible READ progressVisible NOTIFY progressChanged)
     Q_PROPERTY(QImage displayImage READ displayImage NOTIFY displayImageChanged)
     Q_PROPERTY(QString selectedTabIdentifier READ selectedTabIdentifier NOTIFY selectedTabIdentifierChanged)
+    Q_PROPERTY(QString fPathToWallpaper READ fPathToWallpaper NOTIFY fPathToWallpaperChanged)
 
 public:
     static constexpr const char *kDefaultSaveFolder = "~/Users/Shared/CanonFolder";
@@ -118,6 +119,18 @@ public:
     QString selectedTabIdentifier() const { return selectedTab_; }
     bool cameraObjectExists() const { return cameraStarted_; }
 
+    // --- wallpaper ---
+    static constexpr const char *kWallpaperPath = "/Users/Shared/BrixCanonCapture/Wallpaper.jpg";
+    static QString getwallpaperpath();
+    // Tests point the wallpaper elsewhere (before viewDidLoad).
+    void setWallpaperPathForTesting(const QString &path) { wallpaperPath_ = path; }
+    // The wallpaper file while it exists, else a null QString.
+    QString fPathToWallpaper() const { return pathToWallpaper_; }
+    void setwallpaperstuff();
+    void setupwallpapermonitor();
+    // A batch of changed paths from the wallpaper's folder.
+    void wallpaperFolderChanged(const QStringList &changedPaths);
+
     void viewDidLoad();
     void doMoreOfViewDidLoad();
     void ibStartCameraButton();
@@ -130,6 +143,7 @@ public:
 
 signals:
     void selectedTabIdentifierChanged();
+    void fPathToWallpaperChanged();
     // The start sequence reached the window's size set-up (mini size and its list).
     void windowSizeSetupRequested();
     // "Terminate App" was chosen in the start-up question.
@@ -179,6 +193,9 @@ private:
     std::function<bool(const QString &)> revealFile_;
     QStringList tabIdentifiers_;
     QString selectedTab_;
+    QString wallpaperPath_;
+    QString pathToWallpaper_;
+    QObject *fwallpapermonitor_ = nullptr;
 };
 
 } // namespace brix

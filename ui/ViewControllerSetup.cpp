@@ -2,6 +2,7 @@
 // first tab, and the reveal actions.
 #include "AlertHelper.h"
 #include "Logger.h"
+#include "Paths.h"
 #include "Preferences.h"
 #include "Scheduling.h"
 #include "ViewController.h"
@@ -9,7 +10,9 @@
 #include <QDBusConnection>
 #include <QDBusMessage>
 #include <QDesktopServices>
+#include <QDir>
 #include <QFileInfo>
+#include <QFileSystemWatcher>
 
 #include <thread>
 
@@ -40,7 +43,7 @@ void ViewController::viewDidLoad() {
     const QString me =
         QStringLiteral("Inside %1 => %2...").arg(objectDescription(), QLatin1String("viewDidLoad"));
     Logger::setError(me);
-    // The wallpaper watch starts here once the folder watcher is available to the view.
+    setupwallpapermonitor();
     const Qt::KeyboardModifiers held = modifiers_ ? modifiers_() : Qt::NoModifier;
     if (held & Qt::AltModifier) {
         Logger::setError(QStringLiteral("Option key is down - should give user Alert to terminate..."));
@@ -85,6 +88,58 @@ void ViewController::doMoreOfViewDidLoad() {
     });
     // The old settings key is migrated by the settings memory when it is wired in.
     selectIntialTabviewItem();
+}
+
+QString ViewController::getwallpaperpath() {
+    return QString::fromLatin1(kWallpaperPath);
+}
+
+void ViewController::setwallpaperstuff() {
+    const QString path = wallpaperPath_.isEmpty() ? getwallpaperpath() : wallpaperPath_;
+    Scheduling::performAsyncOnMainQueue([this, path] {
+        // Cleared first, so that a replaced file of the same name is shown afresh.
+        pathToWallpaper_.clear();
+        emit fPathToWallpaperChanged();
+        if (QFileInfo::exists(path)) {
+            pathToWallpaper_ = path;
+            emit fPathToWallpaperChanged();
+        }
+    });
+}
+
+void ViewController::setupwallpapermonitor() {
+    if (fwallpapermonitor_)
+        return;
+    const QString path = wallpaperPath_.isEmpty() ? getwallpaperpath() : wallpaperPath_;
+    const QString folder = Paths::standardizePath(QFileInfo(path).path()) + '/';
+    // inotify through Qt: the folder catches the file appearing and going, the
+    // file itself its rewrites in place.
+    auto *watcher = new QFileSystemWatcher(this);
+    fwallpapermonitor_ = watcher;
+    auto rewatch = [watcher, folder, path] {
+        if (!watcher->directories().contains(QDir::cleanPath(folder)) && QFileInfo(folder).isDir())
+            watcher->addPath(folder);
+        if (!watcher->files().contains(path) && QFileInfo::exists(path))
+            watcher->addPath(path);
+    };
+    connect(watcher, &QFileSystemWatcher::directoryChanged, this, [this, path, rewatch](const QString &) {
+        rewatch();
+        wallpaperFolderChanged({path});
+    });
+    connect(watcher, &QFileSystemWatcher::fileChanged, this, [this, rewatch](const QString &file) {
+        rewatch();
+        wallpaperFolderChanged({file});
+    });
+    rewatch();
+    setwallpaperstuff();
+}
+
+void ViewController::wallpaperFolderChanged(const QStringList &changedPaths) {
+    const QString path = wallpaperPath_.isEmpty() ? getwallpaperpath() : wallpaperPath_;
+    if (!changedPaths.contains(path))
+        return;
+    Logger::setError(QStringLiteral("we need to handle..."));
+    setwallpaperstuff();
 }
 
 void ViewController::ibStartCameraButton() {

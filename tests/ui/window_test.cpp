@@ -4,6 +4,7 @@
 #include "CameraPanelModel.h"
 #include "CameraPanelView.h"
 #include "HistogramController.h"
+#include "ImageView.h"
 #include "LiveViewController.h"
 #include "MainWindow.h"
 #include "OKVA_CanonCamera.h"
@@ -16,6 +17,8 @@
 #include <QAbstractItemView>
 #include <QApplication>
 #include <QComboBox>
+#include <QDir>
+#include <QFile>
 #include <QLabel>
 #include <QLineEdit>
 #include <QMessageBox>
@@ -239,4 +242,27 @@ TEST_F(WindowTest, AltHeldAtStartAsksBeforeAnythingStarts) {
     EXPECT_EQ(asked, "Quit App?");
     test::processEventsUntil([] { return false; }, std::chrono::milliseconds(100));
     EXPECT_FALSE(vc.cameraObjectExists());
+}
+
+TEST_F(WindowTest, WallpaperFollowsTheFileOnDiskUntilTheFirstShot) {
+    const QString folder = test::testHome() + "/Shared/BrixCanonCapture";
+    QDir().mkpath(folder);
+    const QString path = folder + "/Wallpaper.jpg";
+    auto writeWallpaper = [&](int width) {
+        QImage image(width, 100, QImage::Format_RGB32);
+        image.fill(Qt::darkCyan);
+        ASSERT_TRUE(image.save(folder + "/new.jpg"));
+        ASSERT_TRUE(QFile::rename(folder + "/new.jpg", path) ||
+                    (QFile::remove(path) && QFile::rename(folder + "/new.jpg", path)));
+    };
+    writeWallpaper(300);
+    vc.setWallpaperPathForTesting(path);
+    vc.viewDidLoad();
+    auto *view = window->findChild<ImageView *>("ibImageView");
+    ASSERT_TRUE(waitFor([&] { return view->image().width() == 300; }));
+    writeWallpaper(200); // replaced under the same name
+    ASSERT_TRUE(waitFor([&] { return view->image().width() == 200; }));
+    QFile::remove(path);
+    ASSERT_TRUE(waitFor([&] { return view->image().isNull(); }));
+    EXPECT_TRUE(vc.fPathToWallpaper().isNull());
 }
