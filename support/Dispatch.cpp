@@ -348,15 +348,33 @@ public:
         done.wait();
     }
 
+    // Runs tasks one at a time from the shared list, so that a task running a
+    // nested event loop (a modal alert) lets the tasks behind it run there in
+    // their order, before anything posted later. While tasks remain one wake-up
+    // stays pending: the nested loop needs it, and a burst still costs at most
+    // two events.
     void drain() {
-        std::deque<Task> batch;
         {
             std::lock_guard lk(m_);
-            batch.swap(tasks_);
-            wakeScheduled_ = false;
+            wakeScheduled_ = false; // the wake-up that called us is used up
         }
-        for (auto &t : batch)
-            runTask(t);
+        for (;;) {
+            Task task;
+            bool wake = false;
+            {
+                std::lock_guard lk(m_);
+                if (tasks_.empty())
+                    return;
+                task = std::move(tasks_.front());
+                tasks_.pop_front();
+                if (!tasks_.empty() && !wakeScheduled_)
+                    wake = wakeScheduled_ = true;
+            }
+            if (wake)
+                QMetaObject::invokeMethod(waker(QCoreApplication::instance()), "drainMainQueue",
+                                          Qt::QueuedConnection);
+            runTask(task);
+        }
     }
 
 private:

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <QEventLoop>
+
 #include <atomic>
 #include <mutex>
 #include <thread>
@@ -129,9 +131,8 @@ TEST(NotificationCenter, ObserversAddedAndRemovedWhilePostingFromManyThreads) {
 TEST(NotificationCenter, HandOffsToTheMainThread) {
     NotificationCenter center;
     std::atomic<int> onMain{0}, offMain{0};
-    center.addObserver("handoff", {}, [&](const Notification &) {
-        (dispatch::isMainThread() ? onMain : offMain)++;
-    });
+    center.addObserver("handoff", {},
+                       [&](const Notification &) { (dispatch::isMainThread() ? onMain : offMain)++; });
     std::atomic<bool> waitedReturned{false};
     std::atomic<int> seenWhenWaitReturned{-1};
     dispatch::detachThread("test.poster", [&] {
@@ -143,4 +144,27 @@ TEST(NotificationCenter, HandOffsToTheMainThread) {
     ASSERT_TRUE(test::processEventsUntil([&] { return waitedReturned && onMain == 2; }));
     EXPECT_EQ(seenWhenWaitReturned, 1);
     EXPECT_EQ(offMain, 0);
+}
+
+// A task that runs a modal loop (an alert) must not let newer main-queue tasks
+// overtake older ones that were waiting behind it.
+TEST(MainQueue, ModalLoopInsideATaskKeepsTheQueueOrder) {
+    auto main = dispatch::mainQueue();
+    std::vector<std::string> order;
+    QEventLoop modal;
+    bool finished = false;
+    main->async([&] {
+        order.push_back("alert");
+        main->async([&] {
+            order.push_back("posted during alert");
+            modal.quit();
+        });
+        modal.exec();
+        order.push_back("alert closed");
+    });
+    main->async([&] { order.push_back("queued before alert"); });
+    main->async([&] { finished = true; });
+    ASSERT_TRUE(test::processEventsUntil([&] { return finished; }));
+    EXPECT_EQ(order, (std::vector<std::string>{"alert", "queued before alert", "posted during alert",
+                                               "alert closed"}));
 }
