@@ -170,12 +170,12 @@ CameraPtr OKVA_CanonCamera::initWithCameraRef(EdsCameraRef cameraRef) {
     if (!sdk)
         return nullptr;
     CameraPtr camera(new OKVA_CanonCamera(sdk));
+    camera->cameraRef_ = cameraRef;
     {
         auto &st = CameraClassState::get();
         std::lock_guard lk(st.registryMutex);
         st.registry[camera.get()] = camera;
     }
-    camera->cameraRef_ = cameraRef;
     logf(kLogRetain, sdk->EdsRetain(cameraRef));
     camera->cameraHandle_ = EdsCameraHandle::adopt(*sdk, cameraRef);
 
@@ -208,15 +208,16 @@ OKVA_CanonCamera::~OKVA_CanonCamera() {
         std::lock_guard lk(st.registryMutex);
         st.registry.erase(this);
     }
-    // A second object for the same camera (a list update makes one for every
-    // camera it sees) took over the state handler when it was created; give the
-    // handler back to the loaded camera so that its disappearance still arrives.
+    // A list update makes a second object for every camera it sees, and the
+    // SDK keeps one state handler per camera: the newest object took it over.
+    // Hand it to another object of the same body (the loaded one first, but
+    // also one still opening its session and not yet current), so that its
+    // disappearance still arrives.
     if (ownsStateHandler_ && cameraRef_) {
-        CameraPtr current = st.currentCamera();
-        if (current && current.get() != this && current->cameraRef_ == cameraRef_ && current->sdk_ == sdk_) {
+        if (CameraPtr heir = otherObjectForBody(cameraRef_, sdk_.get())) {
             sdk_->EdsSetCameraStateEventHandler(cameraRef_, kEdsStateEvent_All, &stateEventHandler,
-                                                current.get());
-            current->ownsStateHandler_ = true;
+                                                heir.get());
+            heir->ownsStateHandler_ = true;
         }
     }
     if (cameraHandle_)
@@ -346,8 +347,33 @@ void OKVA_CanonCamera::letGoOffEventThread(CameraPtr camera) {
         dispatch::globalQueue()->async([camera = std::move(camera)]() mutable { camera.reset(); });
 }
 
+CameraPtr OKVA_CanonCamera::otherObjectForBody(EdsCameraRef cameraRef, const EdsSdk *sdk) {
+    auto sameBody = [&](const CameraPtr &c) {
+        return c && c->cameraRef_ == cameraRef && c->sdk_.get() == sdk;
+    };
+    auto &st = CameraClassState::get();
+    if (CameraPtr current = st.currentCamera(); sameBody(current))
+        return current;
+    std::vector<CameraPtr> alive; // let go outside the mutex: a last reference destroys its camera
+    {
+        std::lock_guard lk(st.registryMutex);
+        for (const auto &entry : st.registry)
+            alive.push_back(entry.second.lock());
+    }
+    auto found = std::find_if(alive.begin(), alive.end(), sameBody);
+    return found == alive.end() ? nullptr : *found;
+}
+
 EdsError OKVA_CanonCamera::stateEventHandler(EdsStateEvent event, EdsUInt32 data, void *context) {
     CameraPtr camera = cameraForContext(context);
+    // The handler may still be held by a second object a list update made for
+    // the loaded body: the body's state is the loaded camera's business.
+    if (camera) {
+        if (CameraPtr current = currentCamera(); current && current != camera &&
+                                                 current->cameraRef_ == camera->cameraRef_ &&
+                                                 current->sdk_ == camera->sdk_)
+            camera = std::move(current);
+    }
     const EdsError err = camera ? camera->processCameraEvent(event, data) : EDS_ERR_OK;
     letGoOffEventThread(std::move(camera));
     return err;

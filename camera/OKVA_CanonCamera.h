@@ -235,6 +235,9 @@ private:
     static eds::EdsError progressHandler(eds::EdsUInt32 percent, void *context, eds::EdsBool *cancel);
     static eds::EdsError cameraAddedHandler(void *context);
     static CameraPtr cameraForContext(void *context);
+    // A live camera object for the body other than the one being destroyed
+    // (whose weak reference no longer locks): the current camera first.
+    static CameraPtr otherObjectForBody(eds::EdsCameraRef cameraRef, const eds::EdsSdk *sdk);
     // Lets a camera go that an SDK callback held, on another thread when it is the last reference.
     static void letGoOffEventThread(CameraPtr camera);
 

@@ -531,6 +531,38 @@ TEST_F(Disappearance, AListUpdateWhileLoadedDoesNotSwallowTheDisappearance) {
     EXPECT_FALSE(camera->isLoaded());
 }
 
+// A camera-list update that runs while the session is being opened, as one
+// started by a camera-added event can.
+class UpdateWhileOpeningSdk : public ForwardingSdk {
+public:
+    using ForwardingSdk::ForwardingSdk;
+    EdsError EdsOpenSession(EdsCameraRef camera) override {
+        // After the start-up update has let go of its lock, or this one would be skipped.
+        auto &updateLock = CameraClassState::get().updateLock;
+        updateLock.lock();
+        updateLock.unlock();
+        OKVA_CanonCamera::updateCameraListAsync();
+        return ForwardingSdk::EdsOpenSession(camera);
+    }
+};
+
+class DisappearanceAfterLoadRace : public CameraFixture {
+protected:
+    std::shared_ptr<EdsSdk> wrap(std::shared_ptr<EdsSdk> sim) override {
+        return std::make_shared<UpdateWhileOpeningSdk>(sim);
+    }
+};
+
+TEST_F(DisappearanceAfterLoadRace, AListUpdateDuringLoadDoesNotSwallowTheDisappearance) {
+    CameraPtr camera = loadFirstCamera();
+    ASSERT_TRUE(camera);
+    clearPosted();
+    ASSERT_TRUE(control->unplug());
+    ASSERT_TRUE(waitFor([&] { return count(kOKVA_CanonCameraDidUnload) == 1; }));
+    EXPECT_EQ(named(kOKVA_CanonCameraDidUnload)[0].camera(), camera);
+    EXPECT_FALSE(camera->isLoaded());
+}
+
 // --- live view ------------------------------------------------------------------------------------
 
 using LiveView = CameraFixture;
