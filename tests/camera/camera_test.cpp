@@ -454,15 +454,18 @@ TEST_F(Download, ACancelledOrFailedTransferPostsNothingAndTheNextShotArrives) {
     ASSERT_TRUE(waitFor([&] { return delegate.asked.load() >= 1; }));
     camera->setDelegate(nullptr);
 
+    // One transfer fails; one shot's size cannot be read, so it must not be
+    // taken as an empty file (nor freed on the camera as if downloaded).
     ASSERT_TRUE(control->injectError("EdsDownload", EDS_ERR_COMM_DISCONNECTED, 1));
-    ASSERT_TRUE(control->pressShutter());
-    ASSERT_TRUE(control->pressShutter());
+    ASSERT_TRUE(control->injectError("EdsGetDirectoryItemInfo", EDS_ERR_COMM_DISCONNECTED, 1));
+    for (int shot = 0; shot < 3; ++shot)
+        ASSERT_TRUE(control->pressShutter());
     ASSERT_TRUE(waitFor([&] { return count(kOKVA_CanonCameraPhotoDataAvailable) == 1; }));
     settle();
     ASSERT_EQ(count(kOKVA_CanonCameraPhotoDataAvailable), 1u);
     EXPECT_EQ(
         named(kOKVA_CanonCameraPhotoDataAvailable)[0].note.userInfo.value(kOKVA_CanonCameraPhotoFilename),
-        "IMG_0003.JPG");
+        "IMG_0004.JPG");
     EXPECT_EQ(delegate.asked.load(), 1); // the cancelled transfer asked once
 }
 
