@@ -1,6 +1,7 @@
 #include "Dispatch.h"
 
 #include <QCoreApplication>
+#include <QEventLoop>
 #include <QMetaObject>
 #include <QThread>
 
@@ -461,6 +462,30 @@ Queue *currentQueue() {
 const char *currentQueueLabel() { return currentQueue()->label().c_str(); }
 
 void *getSpecific(const void *key) { return currentQueue()->specific(key); }
+
+void waitPumpingMainLoop(const std::function<bool()> &done) {
+    // Blocks in the event dispatcher rather than polling; the main-queue task
+    // of whoever ends the wait is the event that wakes it. processEvents, not
+    // a nested QEventLoop, because an event loop started after the application
+    // was told to quit returns at once.
+    while (!done())
+        QCoreApplication::processEvents(QEventLoop::AllEvents | QEventLoop::WaitForMoreEvents);
+}
+
+void drainPumpingMainLoop(const QueuePtr &queue) {
+    if (currentQueue() == queue.get())
+        return;
+    if (!isMainThread() || !QCoreApplication::instance()) {
+        queue->sync([] {});
+        return;
+    }
+    auto drained = std::make_shared<std::atomic<bool>>(false);
+    queue->async([drained] {
+        drained->store(true);
+        mainQueue()->async([] {});
+    });
+    waitPumpingMainLoop([&] { return drained->load(); });
+}
 
 // ---------------------------------------------------------------------------
 // Timers

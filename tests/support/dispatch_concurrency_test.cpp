@@ -168,3 +168,22 @@ TEST(MainQueue, ModalLoopInsideATaskKeepsTheQueueOrder) {
     EXPECT_EQ(order, (std::vector<std::string>{"alert", "queued before alert", "posted during alert",
                                                "alert closed"}));
 }
+
+// Waiting on the main thread for a queue whose task waits for the main thread,
+// from inside a main-queue task; and waiting for a queue from its own task.
+TEST(MainQueue, DrainPumpingTheMainLoopNestsAndNeverWaitsForItself) {
+    auto queue = dispatch::makeSerialQueue("test.pumped");
+    std::atomic<int> steps{0};
+    queue->async([&] { dispatch::mainQueue()->sync([&] { steps += 1; }); });
+    queue->async([&] {
+        dispatch::drainPumpingMainLoop(queue);
+        steps += 10;
+    });
+    bool drained = false;
+    dispatch::mainQueue()->async([&] {
+        dispatch::drainPumpingMainLoop(queue);
+        drained = true;
+    });
+    ASSERT_TRUE(test::processEventsUntil([&] { return drained; }));
+    EXPECT_EQ(steps.load(), 11);
+}
