@@ -106,6 +106,7 @@ bool OKVA_CanonCamera::initialize(std::shared_ptr<EdsSdk> sdk) {
         std::lock_guard lk(st.sdkMutex);
         st.sdk = sdk;
     }
+    st.callbacks.open();
     if (!sdk) {
         logf(kLogNoSdk);
         return false;
@@ -136,7 +137,11 @@ std::shared_ptr<EdsSdk> OKVA_CanonCamera::sdk() {
 
 void OKVA_CanonCamera::applicationWillTerminate(const QString &notification) {
     logf(kLogWillTerminate, notification);
-    auto sdk = CameraClassState::get().currentSdk();
+    auto &st = CameraClassState::get();
+    // From here on no SDK event reaches the application, and the ones under
+    // way (a download, say) finish before the application goes on quitting.
+    st.callbacks.closeAndWait();
+    auto sdk = st.currentSdk();
     if (!sdk)
         return;
     const EdsError err = sdk->EdsTerminateSDK();
@@ -145,6 +150,9 @@ void OKVA_CanonCamera::applicationWillTerminate(const QString &notification) {
 }
 
 EdsError OKVA_CanonCamera::cameraAddedHandler(void *context) {
+    CameraClassState::CallbackPass pass;
+    if (!pass)
+        return EDS_ERR_OK;
     logf(kLogAddedSelf, static_cast<const void *>(context), kClassName);
     updateCameraList();
     NotificationCenter::defaultCenter().postOnMainNoWait(

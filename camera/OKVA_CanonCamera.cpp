@@ -132,6 +132,65 @@ CameraClassState &CameraClassState::get() {
     return *state;
 }
 
+namespace {
+// Callbacks this thread is running: a wait for the callbacks under way made
+// from inside one must not wait for itself.
+thread_local int tCallbacksOnThisThread = 0;
+} // namespace
+
+bool CameraClassState::CallbackGate::enter() {
+    std::lock_guard lk(m_);
+    if (closed_)
+        return false;
+    ++running_;
+    return true;
+}
+
+void CameraClassState::CallbackGate::leave() {
+    bool wake;
+    {
+        std::lock_guard lk(m_);
+        wake = --running_ == 0 && closed_;
+    }
+    if (wake) {
+        idle_.notify_all();
+        dispatch::mainQueue()->async([] {}); // lets a wait on the main thread look again
+    }
+}
+
+void CameraClassState::CallbackGate::open() {
+    std::lock_guard lk(m_);
+    closed_ = false;
+}
+
+void CameraClassState::CallbackGate::closeAndWait() {
+    const int own = tCallbacksOnThisThread;
+    auto settled = [&] { return running_ <= own; };
+    std::unique_lock lk(m_);
+    closed_ = true;
+    if (!dispatch::isMainThread()) {
+        idle_.wait(lk, settled);
+        return;
+    }
+    lk.unlock();
+    dispatch::waitPumpingMainLoop([&] {
+        std::lock_guard relock(m_);
+        return settled();
+    });
+}
+
+CameraClassState::CallbackPass::CallbackPass() : entered_(get().callbacks.enter()) {
+    if (entered_)
+        ++tCallbacksOnThisThread;
+}
+
+CameraClassState::CallbackPass::~CallbackPass() {
+    if (!entered_)
+        return;
+    --tCallbacksOnThisThread;
+    get().callbacks.leave();
+}
+
 bool OKVA_CanonCameraDelegate::cancelDownloadForProgress(EdsUInt32) {
     return false;
 }
@@ -365,6 +424,9 @@ CameraPtr OKVA_CanonCamera::otherObjectForBody(EdsCameraRef cameraRef, const Eds
 }
 
 EdsError OKVA_CanonCamera::stateEventHandler(EdsStateEvent event, EdsUInt32 data, void *context) {
+    CameraClassState::CallbackPass pass;
+    if (!pass)
+        return EDS_ERR_OK;
     CameraPtr camera = cameraForContext(context);
     // The handler may still be held by a second object a list update made for
     // the loaded body: the body's state is the loaded camera's business.
@@ -381,6 +443,9 @@ EdsError OKVA_CanonCamera::stateEventHandler(EdsStateEvent event, EdsUInt32 data
 
 EdsError OKVA_CanonCamera::propertyEventHandler(EdsPropertyEvent event, EdsPropertyID id, EdsUInt32 param,
                                                 void *context) {
+    CameraClassState::CallbackPass pass;
+    if (!pass)
+        return EDS_ERR_OK;
     CameraPtr camera = cameraForContext(context);
     const EdsError err = camera ? camera->processPropertyEvent(event, id, param) : EDS_ERR_OK;
     letGoOffEventThread(std::move(camera));
@@ -388,6 +453,9 @@ EdsError OKVA_CanonCamera::propertyEventHandler(EdsPropertyEvent event, EdsPrope
 }
 
 EdsError OKVA_CanonCamera::objectEventHandler(EdsObjectEvent event, EdsBaseRef ref, void *context) {
+    CameraClassState::CallbackPass pass;
+    if (!pass)
+        return EDS_ERR_OK;
     CameraPtr camera = cameraForContext(context);
     const EdsError err = camera ? camera->processObjectEvent(event, ref) : EDS_ERR_OK;
     letGoOffEventThread(std::move(camera));
