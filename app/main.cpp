@@ -127,10 +127,11 @@ int main(int argc, char **argv) {
 
     const int status = app->exec();
 
-    // Shots already downloaded are written and announced before the end.
+    // On its way out the loop told the camera class, which waited for the SDK
+    // callbacks under way and let no later one through, then ended the SDK:
+    // no camera event reaches the objects below any more. Shots already
+    // downloaded are written and announced before they go.
     ViewController::metadataQueue()->sync([] {});
-    if (sdk)
-        OKVA_CanonCamera::applicationWillTerminate(QStringLiteral("application will terminate"));
     QCoreApplication::processEvents();
     Preferences::standard().synchronize();
     Logger::setError(QStringLiteral("%1 ended with status %2").arg(bundle::kName).arg(status));

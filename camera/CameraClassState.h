@@ -61,6 +61,7 @@ struct CameraClassState {
         bool closed_ = false;
     };
     CallbackGate callbacks;
+    bool terminated = false; // guarded by sdkMutex: the SDK is terminated once
     // One SDK callback passing the gate, for its length.
     class CallbackPass {
     public:

@@ -105,6 +105,7 @@ bool OKVA_CanonCamera::initialize(std::shared_ptr<EdsSdk> sdk) {
     {
         std::lock_guard lk(st.sdkMutex);
         st.sdk = sdk;
+        st.terminated = false;
     }
     st.callbacks.open();
     if (!sdk) {
@@ -141,7 +142,14 @@ void OKVA_CanonCamera::applicationWillTerminate(const QString &notification) {
     // From here on no SDK event reaches the application, and the ones under
     // way (a download, say) finish before the application goes on quitting.
     st.callbacks.closeAndWait();
-    auto sdk = st.currentSdk();
+    std::shared_ptr<EdsSdk> sdk;
+    {
+        std::lock_guard lk(st.sdkMutex);
+        if (st.terminated)
+            return;
+        st.terminated = true;
+        sdk = st.sdk;
+    }
     if (!sdk)
         return;
     const EdsError err = sdk->EdsTerminateSDK();

@@ -109,8 +109,8 @@ public:
     static std::shared_ptr<eds::EdsSdk> sdk();
     // Logs the notification's text, closes the way in for SDK events and waits
     // for the ones under way (pumping the main loop on the main thread), then
-    // terminates the SDK. Afterwards no SDK event reaches an observer or a
-    // delegate, until the next initialize().
+    // terminates the SDK, once for each initialize(). Afterwards no SDK event
+    // reaches an observer or a delegate, until the next initialize().
     static void applicationWillTerminate(const QString &notification);
     // A copy of the camera list, or nothing while the list is busy (ask later).
     static std::optional<QList<CameraPtr>> cameras();
