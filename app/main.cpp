@@ -8,6 +8,7 @@
 #include "InterAppNotifications.h"
 #include "Logger.h"
 #include "MainWindow.h"
+#include "MemoryPolicy.h"
 #include "OKVA_CanonCamera.h"
 #include "Paths.h"
 #include "Preferences.h"
@@ -29,6 +30,7 @@ int main(int argc, char **argv) {
     // and the signals reach only the signalfd.
     SignalWatcher::blockTerminationSignals();
     dispatch::setMainThread();
+    keepShotBuffersInTheHeap();
 
     QStringList arguments;
     for (int i = 0; i < argc; ++i)

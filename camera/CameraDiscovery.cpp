@@ -10,7 +10,6 @@
 
 #include <chrono>
 #include <dlfcn.h>
-#include <malloc.h>
 #include <thread>
 
 namespace brix {
@@ -70,25 +69,9 @@ void logSdkLocation(const EdsSdk &sdk) {
         logf(kLogLoadedNoPath);
 }
 
-// Shots of tens of megabytes arrive one after another, each in a buffer of its
-// own that the application lets go once the file is written. Left to its
-// defaults the allocator maps every such buffer afresh from the system and
-// unmaps it again, so each download pays a page fault per 4 KiB before a byte
-// is copied. Keeping buffers up to the allocator's largest heap size in the
-// heap lets the next shot reuse the memory of the last one.
-void keepShotBuffersInTheHeap() {
-    static const bool done = [] {
-        mallopt(M_MMAP_THRESHOLD, 32 * 1024 * 1024);
-        mallopt(M_TRIM_THRESHOLD, 256 * 1024 * 1024);
-        return true;
-    }();
-    (void)done;
-}
-
 } // namespace
 
 bool OKVA_CanonCamera::initialize(std::shared_ptr<EdsSdk> sdk) {
-    keepShotBuffersInTheHeap();
     auto &st = CameraClassState::get();
     // A new SDK replaces the old one: its camera is let go and its list dropped.
     if (CameraPtr current = st.currentCamera()) {
