@@ -127,6 +127,12 @@ EdsUInt32 unsignedValue(const QVariant &v) {
 
 // --- class-wide state --------------------------------------------------------------
 
+namespace {
+// Log lines describe a camera (in a notification, a list) by its model name.
+[[maybe_unused]] const bool kCamerasDescribeAsText = QMetaType::registerConverter<CameraPtr, QString>(
+    [](const CameraPtr &camera) { return camera ? camera->description() : QStringLiteral("(null)"); });
+} // namespace
+
 CameraClassState &CameraClassState::get() {
     static auto *state = new CameraClassState; // process lifetime: detached threads may outlive main()
     return *state;
