@@ -102,6 +102,7 @@ TEST_F(Brixctl, ShootAndStatusWithAndWithoutACameraAsTheOperatorSeesThem) {
     EXPECT_TRUE(kShotPath.match(lines[0]).hasMatch()) << lines[0].toStdString();
     EXPECT_TRUE(QFileInfo(lines[0]).isFile() && QFileInfo(lines[0]).size() > 0);
     EXPECT_TRUE(stationPrinted("shot saved: " + lines[0] + "\n")) << stationOutput().toStdString();
+    EXPECT_EQ(brixctl({"images"}).out, lines[0] + "\n");
 
     Result status = brixctl({"status"});
     EXPECT_EQ(status.code, 0) << status.err.toStdString();
