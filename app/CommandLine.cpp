@@ -23,15 +23,13 @@ CommandLine CommandLine::parse(const QStringList &arguments) {
             if (kBackends.contains(value))
                 cl.cameraBackend = value;
             else
-                cl.errors << QStringLiteral("unknown camera backend \"%1\" (use %2)")
-                                 .arg(value, kBackends.join('|'));
+                cl.errors << QStringLiteral("unknown camera backend \"%1\" (use %2)").arg(value, kBackends.join('|'));
         } else if (arg == "--camera-backend" && i + 1 < arguments.size()) {
             QString value = arguments[++i].toLower();
             if (kBackends.contains(value))
                 cl.cameraBackend = value;
             else
-                cl.errors << QStringLiteral("unknown camera backend \"%1\" (use %2)")
-                                 .arg(value, kBackends.join('|'));
+                cl.errors << QStringLiteral("unknown camera backend \"%1\" (use %2)").arg(value, kBackends.join('|'));
         }
     }
     return cl;
