@@ -5,6 +5,7 @@
 //
 // Threads: main thread only; replies and announcements arrive through the main
 // loop, which runs while a command waits.
+#include "BundleInfo.h"
 #include "DistributedNotificationCenter.h"
 #include "HotFolder.h"
 #include "InterAppNotifications.h"
@@ -61,6 +62,7 @@ Commands:
 Options:
   --timeout SECONDS  how long to wait for the station (default 10)
   -h, --help         print help (after a command: that command's help)
+  --version          print the version
 
 Exit codes: 0 done; 1 the station has no camera, or the simulator refused;
 2 usage error; 3 no session bus; 4 no station answered in time;
@@ -150,6 +152,7 @@ QString seconds(double s) {
 struct Options {
     double timeout = kDefaultTimeoutSeconds;
     bool help = false;
+    bool version = false;
     bool send = false;
     QStringList words; // command and its arguments
 };
@@ -161,6 +164,10 @@ std::optional<Options> parse(const QStringList &arguments, QString *error) {
         QString timeoutText;
         if (a == "-h" || a == "--help") {
             o.help = true;
+            continue;
+        }
+        if (a == "--version") {
+            o.version = true;
             continue;
         }
         if (a == "--send") {
@@ -440,6 +447,10 @@ int main(int argc, char **argv) {
     const std::optional<Options> options = parse(QCoreApplication::arguments(), &error);
     if (!options)
         return Client::usage(error + QStringLiteral(" (brixctl --help)"));
+    if (options->version) {
+        out(QStringLiteral("%1 %2").arg(QLatin1String(kProgram), QLatin1String(bundle::kShortVersion)));
+        return kExitOk;
+    }
     const QString command = options->words.value(0);
     if (options->help || command == "help") {
         const QString topic = command == "help" ? options->words.value(1) : command;
