@@ -34,6 +34,12 @@ for f in usr/bin/BrixCanonCapture usr/bin/brixctl \
          usr/share/man/man1/BrixCanonCapture.1.gz usr/share/man/man1/brixctl.1.gz; do
   [ -e "$root/$f" ] || fail "$f is not in the package"
 done
+# The watchdog and the kiosk's systemd user unit, once the sources have them.
+if [ -d app/watchdog ]; then
+  for f in usr/libexec/BrixCanonCapture/watchdog usr/lib/systemd/user/$id.service; do
+    [ -e "$root/$f" ] || fail "$f is not in the package"
+  done
+fi
 # Whatever else the build installs (the watchdog, the user unit) is in it too:
 # cpack leaves the list of what it installed, under the package's prefix.
 while read -r installed; do
