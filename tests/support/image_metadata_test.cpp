@@ -114,8 +114,7 @@ TEST(ImageMetadata, LyingFilesAreLeftAlone) {
     } cases[] = {
         {"text.jpg", "just some words, not a picture\n", "is not recognized as an image type"},
         {"truncated.jpg", jpeg.left(jpeg.size() * 2 / 3), "no end-of-image marker"},
-        {"malformed.jpg", withApp1Xmp(jpeg, "<x:xmpmeta><rdf:RDF><unclosed"),
-         "Failed to copy image source at"},
+        {"malformed.jpg", withApp1Xmp(jpeg, "<x:xmpmeta><rdf:RDF><unclosed"), "the XMP packet is malformed"},
         {"huge.jpg", withApp1Xmp(jpeg, huge), "the XMP packet is malformed"},
         {"overlong.jpg", withApp1Xmp(jpeg, "<x/>", 0xFFFF).left(4000), "Failed to copy image source at"},
     };
