@@ -151,6 +151,30 @@ bool fitForRewrite(const Opened &o, QString *error) {
     return true;
 }
 
+bool holdsIntended(const QByteArray &bytes, const std::vector<std::pair<std::string, std::string>> &xmp,
+                   const std::vector<std::string> &keys) {
+    std::unique_ptr<Exiv2::Image> image(
+        Exiv2::ImageFactory::open(reinterpret_cast<const Exiv2::byte *>(bytes.constData()),
+                                  long(bytes.size()))
+            .release());
+    if (!image)
+        return false;
+    image->readMetadata();
+    for (const auto &[key, value] : xmp) {
+        auto it = image->xmpData().findKey(Exiv2::XmpKey(key));
+        if (it == image->xmpData().end() || it->toString() != value)
+            return false;
+    }
+    for (const std::string &key : keys) {
+        const bool found = key.rfind("Exif.", 0) == 0
+                               ? image->exifData().findKey(Exiv2::ExifKey(key)) != image->exifData().end()
+                               : image->iptcData().findKey(Exiv2::IptcKey(key)) != image->iptcData().end();
+        if (!found)
+            return false;
+    }
+    return true;
+}
+
 template <typename Data> void putAll(Data &into, const Data &from) {
     for (const auto &datum : from)
         into[datum.key()].setValue(&datum.value());
@@ -376,6 +400,14 @@ bool ImageFile::changeImageProperties(const QUrl &url, const QVariantMap &proper
             }
             // Only the metadata segments are rewritten; the compressed pixels
             // are copied as they are.
+            std::vector<std::pair<std::string, std::string>> intendedXmp;
+            for (const auto &datum : image.xmpData())
+                intendedXmp.emplace_back(datum.key(), datum.toString());
+            std::vector<std::string> intendedKeys;
+            for (const auto &datum : image.exifData())
+                intendedKeys.push_back(datum.key());
+            for (const auto &datum : image.iptcData())
+                intendedKeys.push_back(datum.key());
             image.writeMetadata();
             Exiv2::BasicIo &io = image.io();
             io.seek(0, Exiv2::BasicIo::beg);
@@ -383,6 +415,10 @@ bool ImageFile::changeImageProperties(const QUrl &url, const QVariantMap &proper
             if (io.read(reinterpret_cast<Exiv2::byte *>(rewritten.data()), long(rewritten.size())) !=
                 long(rewritten.size()))
                 throw std::runtime_error("short read of the rewritten image");
+            // Some damaged files take the rewrite but lose what was written;
+            // only a result that reads back as intended replaces the file.
+            if (!holdsIntended(rewritten, intendedXmp, intendedKeys))
+                throw std::runtime_error("the rewritten image does not hold the new metadata");
         } catch (const std::exception &e) {
             error = QString::fromLocal8Bit(e.what());
             rewritten.clear();
