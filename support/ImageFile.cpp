@@ -34,6 +34,8 @@ constexpr const char *kPathFormat = "%1:%2";
 constexpr const char *kImageType = "image/";
 // Files larger than this are not taken in whole into memory.
 constexpr qint64 kMaxImageBytes = qint64(1) << 30;
+// Enough of a file's start for every signature the image library knows.
+constexpr qint64 kSignatureBytes = 4096;
 
 QString op(const char *name) {
     return QStringLiteral("brix::ImageFile::%1").arg(QLatin1String(name));
@@ -282,15 +284,35 @@ QVariantMap ImageMetadata::properties() const {
 
 QString ImageFile::UTI(const QUrl &url) {
     static const QMimeDatabase db;
-    return db.mimeTypeForFile(url.toLocalFile(), QMimeDatabase::MatchContent).name();
+    const QString path = url.toLocalFile();
+    // The image formats are told by their signatures first: the general
+    // content sniffing can take a JPEG whose XMP text holds certain words for
+    // an XML document.
+    QFile file(path);
+    if (file.open(QIODevice::ReadOnly)) {
+        const QByteArray head = file.read(kSignatureBytes);
+        std::lock_guard lock(exivMutex());
+        try {
+            std::unique_ptr<Exiv2::Image> image(
+                Exiv2::ImageFactory::open(reinterpret_cast<const Exiv2::byte *>(head.constData()),
+                                          long(head.size()))
+                    .release());
+            const QString mime = image ? text(image->mimeType()) : QString();
+            if (mime.startsWith(QLatin1String(kImageType)))
+                return mime;
+        } catch (const std::exception &) {
+            // Not a format with a known signature: sniff below.
+        }
+    }
+    return db.mimeTypeForFile(path, QMimeDatabase::MatchContent).name();
 }
 
 bool ImageFile::conformsToUTType(const QUrl &url, const QString &type) {
     static const QMimeDatabase db;
-    const QMimeType mime = db.mimeTypeForFile(url.toLocalFile(), QMimeDatabase::MatchContent);
+    const QString mime = UTI(url);
     if (type.endsWith('/'))
-        return mime.name().startsWith(type);
-    return mime.inherits(type);
+        return mime.startsWith(type);
+    return db.mimeTypeForName(mime).inherits(type);
 }
 
 std::optional<ImageMetadata> ImageFile::imageMetadata(const QUrl &url) {
