@@ -431,12 +431,10 @@ bool ImageFile::changeImageProperties(const QUrl &url, const QVariantMap &proper
             for (const auto &datum : image.iptcData())
                 intendedKeys.push_back(datum.key());
             image.writeMetadata();
+            // The rewritten file is the image's own buffer, used in place.
             Exiv2::BasicIo &io = image.io();
-            io.seek(0, Exiv2::BasicIo::beg);
-            rewritten.resize(qsizetype(io.size()));
-            if (io.read(reinterpret_cast<Exiv2::byte *>(rewritten.data()), long(rewritten.size())) !=
-                long(rewritten.size()))
-                throw std::runtime_error("short read of the rewritten image");
+            rewritten =
+                QByteArray::fromRawData(reinterpret_cast<const char *>(io.mmap()), qsizetype(io.size()));
             // Some damaged files take the rewrite but lose what was written;
             // only a result that reads back as intended replaces the file.
             if (!holdsIntended(rewritten, intendedXmp, intendedKeys))
