@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
   build-essential cmake ninja-build pkg-config git clang-format
   qt6-base-dev qt6-base-dev-tools libqt6dbus6 libqt6test6 libgl-dev
-  libicu-dev libplist-dev libexiv2-dev libgphoto2-dev libcanberra-dev libudev-dev
+  libicu-dev libplist-dev libexiv2-dev libgphoto2-dev libusb-1.0-0-dev libcanberra-dev libudev-dev
   dbus dbus-x11 libglib2.0-bin xvfb xauth procps
   libgtest-dev libgmock-dev googletest libbenchmark-dev libspdlog-dev
   clang libclang-rt-14-dev
