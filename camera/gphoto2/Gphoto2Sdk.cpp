@@ -11,6 +11,7 @@
 #endif
 
 #include <QCoreApplication>
+#include <QDateTime>
 #include <QProcess>
 
 #include <algorithm>
@@ -49,6 +50,11 @@ constexpr EdsUInt32 kEosSubtype = 1;
 
 // After this many failed event fetches in a row the camera counts as gone.
 constexpr int kEventErrorLimit = 10;
+// I/O failures in a row after which a body that detection still lists is
+// given up (a timeout or one bad packet is not a pulled cable).
+constexpr int kIoFailureLimit = 3;
+// The folder in which libgphoto2 reports the shots a body sent to the host.
+constexpr const char *kHostShotFolder = "/";
 // Events handled in one pass of the event loop before other calls get a turn.
 constexpr int kEventsPerPass = 16;
 
@@ -105,6 +111,11 @@ struct ItemObj : Object {
     std::shared_ptr<CameraCore> core;
     std::string folder, name;
     Progress progress;
+    // A shot the body sent to the host (capture to RAM): libgphoto2 fetched it
+    // with the event and keeps only a few such files, so the backend takes the
+    // bytes at once and serves the download from them.
+    std::optional<std::string> fetched;
+    int64_t mtime = 0;
 };
 
 struct StreamObj : Object {
@@ -137,6 +148,7 @@ struct CameraCore : std::enable_shared_from_this<CameraCore> {
     bool loopScheduled = false;
     uint64_t loopTimer = 0;
     int errorStreak = 0;
+    int ioFailures = 0;
     std::set<std::string> widgetNames;
     std::map<EdsPropertyID, std::string> widgetFor;
     std::map<EdsPropertyID, std::vector<std::string>> choices;
@@ -330,9 +342,20 @@ struct Gphoto2Sdk::Impl {
                                   QString::fromStdString(text))
                              .arg(result)
                              .arg(hex(e)));
-        if (e == EDS_ERR_COMM_DISCONNECTED)
+        if (e == EDS_ERR_COMM_DISCONNECTED && (++c.ioFailures >= kIoFailureLimit || !stillAttached(c)))
             markGone(c);
         return e;
+    }
+
+    // Device queue. Whether a fresh detection still lists the camera's port.
+    bool stillAttached(const CameraCore &c) {
+        std::vector<DetectedCamera> found;
+        if (port->autodetect(&found) != gp::OK)
+            return true; // cannot tell: the failure streak decides
+        for (const auto &f : found)
+            if (f.port == c.id.port)
+                return true;
+        return false;
     }
 
     static EdsError usable(const CameraCore &c) {
@@ -367,11 +390,13 @@ struct Gphoto2Sdk::Impl {
     }
 
     void deliverObject(const std::shared_ptr<CameraCore> &c, const std::string &folder,
-                       const std::string &name) {
+                       const std::string &name, std::optional<std::string> fetched = std::nullopt) {
         auto *item = add(new ItemObj);
         item->core = c;
         item->folder = folder;
         item->name = name;
+        item->fetched = std::move(fetched);
+        item->mtime = QDateTime::currentSecsSinceEpoch();
         c->events->async([this, c, item] {
             const Registration r = registration(*c, &CameraCore::object);
             if (r.handler &&
@@ -431,12 +456,28 @@ struct Gphoto2Sdk::Impl {
             return false;
         }
         c->errorStreak = 0;
+        c->ioFailures = 0;
         switch (ev.type) {
         case Event::Type::FileAdded:
             Logger::setDebug(QStringLiteral("gphoto2: new file %1/%2 on %3")
                                  .arg(QString::fromStdString(ev.folder), QString::fromStdString(ev.name),
                                       QString::fromStdString(c->id.model)));
-            deliverObject(c, ev.folder, ev.name);
+            if (ev.folder == kHostShotFolder) {
+                // Sent to the host: fetched whole now, on this queue, before
+                // libgphoto2's small cache of such files lets it go; then
+                // dropped from that cache. Both files of a RAW+JPEG shot come
+                // as consecutive events and are delivered in that order.
+                std::string bytes;
+                const int grc = port->getFile(c->handle, ev.folder, ev.name, &bytes);
+                if (grc != gp::OK) {
+                    fail(*c, QStringLiteral("fetching the new shot %1").arg(ev.name.c_str()), grc);
+                    return true;
+                }
+                port->deleteFile(c->handle, ev.folder, ev.name);
+                deliverObject(c, ev.folder, ev.name, std::move(bytes));
+            } else {
+                deliverObject(c, ev.folder, ev.name);
+            }
             return true;
         case Event::Type::Unknown:
             if (auto code = ptpCodeInEventText(ev.text))
@@ -1537,6 +1578,11 @@ EdsError Gphoto2Sdk::EdsGetDirectoryItemInfo(EdsDirectoryItemRef ref, EdsDirecto
         return EDS_ERR_INVALID_POINTER;
     std::memset(info, 0, sizeof *info);
     std::strncpy(info->szFileName, item->name.c_str(), EDS_MAX_NAME - 1);
+    if (item->fetched) {
+        info->size = item->fetched->size();
+        info->dateTime = EdsUInt32(item->mtime);
+        return EDS_ERR_OK;
+    }
     auto core = item->core;
     return core->onDevice([&]() -> EdsError {
         if (EdsError e = Impl::usable(*core))
@@ -1598,7 +1644,12 @@ EdsError Gphoto2Sdk::EdsDownload(EdsDirectoryItemRef itemRef, EdsUInt64 readSize
     while (done < readSize) {
         uint64_t got = std::min<uint64_t>(d->options.downloadChunk, readSize - done);
         int rc = gp::OK;
-        EdsError e = core->onDevice([&]() -> EdsError {
+        if (item->fetched) {
+            got = std::min<uint64_t>(got,
+                                     item->fetched->size() - std::min<uint64_t>(done, item->fetched->size()));
+            std::memcpy(stream->buffer + stream->position, item->fetched->data() + done, got);
+        }
+        EdsError e = item->fetched ? EDS_ERR_OK : core->onDevice([&]() -> EdsError {
             if (EdsError u = Impl::usable(*core))
                 return u;
             rc = d->port->readFile(core->handle, item->folder, item->name, done,
@@ -1641,6 +1692,8 @@ EdsError Gphoto2Sdk::EdsDownloadComplete(EdsDirectoryItemRef ref) {
     auto *item = d->as<ItemObj>(ref);
     if (!item)
         return EDS_ERR_INVALID_HANDLE;
+    if (item->fetched) // already let go when it was fetched
+        return EDS_ERR_OK;
     auto core = item->core;
     return core->onDevice([&]() -> EdsError {
         if (EdsError e = Impl::usable(*core))

@@ -80,3 +80,138 @@ TEST_F(EmulatedBody, LibgphotoFindsOpensAndCapturesToRamThroughPtp) {
     EXPECT_EQ(body().objectsInRam(), 0);
     port->closeCamera(h);
 }
+
+namespace {
+
+// The station's side of the boundary, reduced to what a shot needs: every
+// object event downloads the item whole, as the camera code does.
+struct Station {
+    explicit Station(Gphoto2Options o = fastOptions()) : sdk(makeLibGphoto2Port(), o) {}
+    static Gphoto2Options fastOptions() {
+        Gphoto2Options o;
+        o.hotplug = Gphoto2Options::Hotplug::Polling;
+        o.pollSeconds = 0.05;
+        o.eventWaitMs = 5;
+        return o;
+    }
+
+    Gphoto2Sdk sdk;
+    EdsCameraRef camera = nullptr;
+    std::mutex m;
+    std::vector<std::pair<std::string, std::string>> shots; // name, bytes
+    std::vector<EdsError> failures;
+    std::atomic<int> shutdowns{0};
+
+    static EdsError onObject(EdsObjectEvent, EdsBaseRef item, EdsVoid *ctx) {
+        auto *s = static_cast<Station *>(ctx);
+        EdsDirectoryItemInfo info{};
+        EdsError e = s->sdk.EdsGetDirectoryItemInfo(item, &info);
+        std::string bytes(info.size, '\0');
+        if (e == EDS_ERR_OK) {
+            EdsStreamRef stream = nullptr;
+            s->sdk.EdsCreateMemoryStreamFromPointer(bytes.data(), bytes.size(), &stream);
+            e = s->sdk.EdsDownload(item, info.size, stream);
+            if (e == EDS_ERR_OK)
+                e = s->sdk.EdsDownloadComplete(item);
+            s->sdk.EdsRelease(stream);
+        }
+        std::lock_guard lock(s->m);
+        if (e == EDS_ERR_OK)
+            s->shots.emplace_back(info.szFileName, bytes);
+        else
+            s->failures.push_back(e);
+        return 0;
+    }
+    static EdsError onState(EdsStateEvent event, EdsUInt32, EdsVoid *ctx) {
+        if (event == kEdsStateEvent_Shutdown)
+            ++static_cast<Station *>(ctx)->shutdowns;
+        return 0;
+    }
+
+    // Opens the first camera on the list; false when there is none.
+    bool open() {
+        if (camera)
+            sdk.EdsRelease(camera);
+        camera = nullptr;
+        EdsCameraListRef list = nullptr;
+        if (sdk.EdsGetCameraList(&list) != EDS_ERR_OK)
+            return false;
+        EdsUInt32 count = 0;
+        sdk.EdsGetChildCount(list, &count);
+        if (count > 0)
+            sdk.EdsGetChildAtIndex(list, 0, &camera);
+        sdk.EdsRelease(list);
+        return camera &&
+               sdk.EdsSetObjectEventHandler(camera, kEdsObjectEvent_All, onObject, this) == EDS_ERR_OK &&
+               sdk.EdsSetCameraStateEventHandler(camera, kEdsStateEvent_All, onState, this) == EDS_ERR_OK &&
+               sdk.EdsOpenSession(camera) == EDS_ERR_OK;
+    }
+    EdsError shoot() { return sdk.EdsSendCommand(camera, kEdsCameraCommand_TakePicture, 0); }
+    size_t shotCount() {
+        std::lock_guard lock(m);
+        return shots.size();
+    }
+    ~Station() {
+        if (camera) {
+            sdk.EdsCloseSession(camera);
+            sdk.EdsRelease(camera);
+        }
+        sdk.EdsTerminateSDK();
+    }
+};
+
+} // namespace
+
+TEST_F(EmulatedBody, BackendSavesEveryShotOfABurstCapturedToRam) {
+    Station s;
+    ASSERT_EQ(s.sdk.EdsInitializeSDK(), EDS_ERR_OK);
+    ASSERT_TRUE(s.open());
+    EXPECT_EQ(body().captureDestination(), 4u); // the host
+    for (int i = 0; i < 5; ++i)
+        ASSERT_EQ(s.shoot(), EDS_ERR_OK);
+    ASSERT_TRUE(test::processEventsUntil([&] { return s.shotCount() >= 5; })) << s.shotCount();
+    for (const auto &[name, bytes] : s.shots) {
+        EXPECT_EQ(bytes.substr(0, 2), "\xFF\xD8") << name;
+        EXPECT_EQ(bytes.substr(bytes.size() - 2), "\xFF\xD9") << name;
+    }
+    EXPECT_TRUE(s.failures.empty());
+    EXPECT_EQ(body().objectsInRam(), 0);
+
+    // RAW+JPEG: both files of the shot, the pair together.
+    body().rawPlusJpeg(true);
+    ASSERT_EQ(s.shoot(), EDS_ERR_OK);
+    ASSERT_TRUE(test::processEventsUntil([&] { return s.shotCount() >= 7; }))
+        << s.shotCount() << " " << s.shots.back().first << " " << s.shots.back().second.size()
+        << " shots taken " << body().shotsTaken() << " in RAM " << body().objectsInRam();
+    EXPECT_NE(s.shots[5].first.find(".cr2"), std::string::npos) << s.shots[5].first;
+    EXPECT_NE(s.shots[6].first.find(".jpg"), std::string::npos) << s.shots[6].first;
+}
+
+TEST_F(EmulatedBody, ReplugIoErrorsAndBusyAnswersLoseNoMoreThanTheShotInTransfer) {
+    Station s;
+    ASSERT_EQ(s.sdk.EdsInitializeSDK(), EDS_ERR_OK);
+    ASSERT_TRUE(s.open());
+
+    // One failed transfer is not a vanished body: the next shot is saved.
+    body().failTransfers(1);
+    ASSERT_EQ(s.shoot(), EDS_ERR_OK);
+    ASSERT_EQ(s.shoot(), EDS_ERR_OK);
+    ASSERT_TRUE(test::processEventsUntil([&] { return s.shotCount() >= 1; }));
+    EXPECT_EQ(s.shutdowns.load(), 0);
+
+    // Busy for a moment: the shot is refused as busy, the next one goes.
+    body().answerBusy(1);
+    EXPECT_EQ(s.shoot(), EDS_ERR_DEVICE_BUSY);
+    ASSERT_EQ(s.shoot(), EDS_ERR_OK);
+    ASSERT_TRUE(test::processEventsUntil([&] { return s.shotCount() >= 2; }));
+
+    // Unplugged and plugged in again: a new device number, found and opened.
+    const std::string before = body().portPath();
+    body().unplug();
+    ASSERT_TRUE(test::processEventsUntil([&] { return s.shutdowns.load() >= 1; }));
+    body().plug();
+    EXPECT_NE(body().portPath(), before);
+    ASSERT_TRUE(test::processEventsUntil([&] { return s.open(); }));
+    ASSERT_EQ(s.shoot(), EDS_ERR_OK);
+    ASSERT_TRUE(test::processEventsUntil([&] { return s.shotCount() >= 3; }));
+}

@@ -333,7 +333,7 @@ struct EosBody::State {
         std::snprintf(name, sizeof name, "IMG_%04d.%s", shots, ext[0]);
         const QByteArray jpeg = eds::sim::renderShotJpeg(unsigned(shots), now, kModel, name);
         std::vector<Object> files;
-        if (props[ImageFormat].value & 8) {
+        if ((props[ImageFormat].value >> 8) & 8) { // the first file is a RAW
             std::snprintf(name, sizeof name, "IMG_%04d.%s", shots, ext[1]);
             files.push_back(Object{name, kFormatCr2, 0, eds::sim::makeRawFile(jpeg, 0, kModel)});
         }
