@@ -934,6 +934,11 @@ struct Gphoto2Sdk::Impl {
         };
         switch (cmd) {
         case kEdsCameraCommand_TakePicture: {
+            // libgphoto2 fetches and throws away the body's pending events
+            // before it releases the shutter: an earlier shot announced there
+            // would be lost, so they are taken first.
+            for (int i = 0; i < kEventsPerPass && pump(cp); ++i) {
+            }
             const int rc = port->triggerCapture(c.handle);
             if (rc == gp::OK)
                 return EDS_ERR_OK;
@@ -948,7 +953,7 @@ struct Gphoto2Sdk::Impl {
                                  .arg(QString::fromStdString(c.id.model), QString::fromStdString(text))
                                  .arg(rc)
                                  .arg(hex(e)));
-            if (e == EDS_ERR_COMM_DISCONNECTED)
+            if (e == EDS_ERR_COMM_DISCONNECTED && (++c.ioFailures >= kIoFailureLimit || !stillAttached(c)))
                 markGone(c);
             return e;
         }
