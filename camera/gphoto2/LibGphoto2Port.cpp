@@ -123,9 +123,20 @@ void collectLeaves(CameraWidget *w, std::vector<Widget> *out) {
     out->push_back(std::move(leaf));
 }
 
+// libgphoto2 translates its labels and messages when its translations are
+// installed, and the backend looks labels up and reads its messages in
+// English. Pointing its message catalogues (its own and its port library's) at
+// a place that holds none keeps them untranslated whatever the desktop's
+// language. Must come before any other libgphoto2 call of the process, which
+// would bind the installed catalogues for good.
+void speakUntranslated() {
+    static const int once = gp_init_localedir("/dev/null");
+    (void)once;
+}
+
 class LibGphoto2Port final : public Gphoto2Port {
 public:
-    LibGphoto2Port() : context_(gp_context_new()) {
+    LibGphoto2Port() : context_((speakUntranslated(), gp_context_new())) {
         gp_context_set_error_func(context_, onContextError, &errors_);
     }
     ~LibGphoto2Port() override {

@@ -26,3 +26,10 @@ target_link_libraries(test_gphoto2 PRIVATE brix_eosbody)
 target_compile_definitions(test_gphoto2 PRIVATE BRIX_EXECUTABLE="$<TARGET_FILE:BrixCanonCapture>"
                            BRIX_EOSBODY_DIR="${_eosbody_out}")
 add_dependencies(test_gphoto2 BrixCanonCapture)
+# The backend on the real library once more on a German desktop: libgphoto2's
+# translations are installed (scripts/setup.sh) and would be in use.
+add_test(NAME gphoto2_german_desktop
+         COMMAND test_gphoto2 --gtest_filter=EmulatedBody.*:Gphoto2Library.*)
+set_tests_properties(gphoto2_german_desktop PROPERTIES
+                     ENVIRONMENT "LANG=de_DE.UTF-8;LC_ALL=de_DE.UTF-8;LANGUAGE=de"
+                     LABELS "unit;gphoto2" TIMEOUT 300)
