@@ -599,12 +599,13 @@ struct Gphoto2Sdk::Impl {
             return EDS_ERR_OK;
         }
         case PropertyKind::OutputDevice: {
-            uint32_t bits = 0;
+            // The body's own outputs when it tells them; only a body without
+            // that setting is taken to show on the host while live view runs.
             Widget w;
+            std::optional<uint32_t> bits;
             if (has(c, spec->widgets.front()) && readWidget(c, *spec, &w) == gp::OK)
-                bits = valueForLabel(id, w.text, w.choices).value_or(0);
-            bits = c.liveView ? (bits | kEdsEvfOutputDevice_PC) : (bits & ~kEdsEvfOutputDevice_PC);
-            out->number = bits;
+                bits = valueForLabel(id, w.text, w.choices);
+            out->number = bits ? *bits : (c.liveView ? kEdsEvfOutputDevice_PC : 0);
             return EDS_ERR_OK;
         }
         default:
@@ -1744,6 +1745,16 @@ EdsError Gphoto2Sdk::EdsDownloadEvfImage(EdsCameraRef ref, EdsEvfImageRef evfRef
         const int rc = d->port->capturePreview(core->handle, &jpeg);
         if (rc == gp::CameraBusy)
             return EDS_ERR_OBJECT_NOTREADY;
+        if (rc == gp::Error) {
+            // An EOS body answers "not ready" while it refocuses or writes a
+            // shot; libgphoto2 asks again for 3 s and then gives up with a
+            // plain error. A stall, not the end of live view: the next frame
+            // is asked for as usual.
+            Logger::setVerbose(QStringLiteral("gphoto2: no live-view frame from %1: %2")
+                                   .arg(QString::fromStdString(core->id.model),
+                                        QString::fromStdString(d->port->describe(rc, core->handle))));
+            return EDS_ERR_OBJECT_NOTREADY;
+        }
         if (rc != gp::OK)
             return d->fail(*core, QStringLiteral("reading a live-view frame"), rc);
         if (jpeg.empty())

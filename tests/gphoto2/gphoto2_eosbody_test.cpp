@@ -220,3 +220,32 @@ TEST_F(EmulatedBody, ReplugIoErrorsAndBusyAnswersLoseNoMoreThanTheShotInTransfer
     ASSERT_EQ(s.shoot(), EDS_ERR_OK);
     ASSERT_TRUE(test::processEventsUntil([&] { return s.shotCount() >= 3; }));
 }
+
+TEST_F(EmulatedBody, LiveViewOutlivesABodyThatIsNotReadyForThreeSeconds) {
+    Station s;
+    ASSERT_EQ(s.sdk.EdsInitializeSDK(), EDS_ERR_OK);
+    ASSERT_TRUE(s.open());
+    const EdsUInt32 pc = kEdsEvfOutputDevice_PC;
+    ASSERT_EQ(s.sdk.EdsSetPropertyData(s.camera, kEdsPropID_Evf_OutputDevice, 0, sizeof pc, &pc), EDS_ERR_OK);
+    std::string buffer(4 << 20, '\0');
+    EdsStreamRef stream = nullptr;
+    ASSERT_EQ(s.sdk.EdsCreateMemoryStreamFromPointer(buffer.data(), buffer.size(), &stream), EDS_ERR_OK);
+    EdsEvfImageRef image = nullptr;
+    ASSERT_EQ(s.sdk.EdsCreateEvfImageRef(stream, &image), EDS_ERR_OK);
+    ASSERT_EQ(s.sdk.EdsDownloadEvfImage(s.camera, image), EDS_ERR_OK);
+    EXPECT_EQ(buffer.substr(0, 2), "\xFF\xD8");
+
+    // libgphoto2 waits 3 s for a frame, then gives up with a plain error: a
+    // frame that is not there yet, not the end of live view.
+    body().viewfinderNotReadyFor(3200);
+    EXPECT_EQ(s.sdk.EdsDownloadEvfImage(s.camera, image), EDS_ERR_OBJECT_NOTREADY);
+    ASSERT_TRUE(
+        test::processEventsUntil([&] { return s.sdk.EdsDownloadEvfImage(s.camera, image) == EDS_ERR_OK; }));
+    EXPECT_EQ(s.shutdowns.load(), 0);
+    EdsUInt32 bits = 0;
+    ASSERT_EQ(s.sdk.EdsGetPropertyData(s.camera, kEdsPropID_Evf_OutputDevice, 0, sizeof bits, &bits),
+              EDS_ERR_OK);
+    EXPECT_EQ(bits & kEdsEvfOutputDevice_PC, kEdsEvfOutputDevice_PC);
+    s.sdk.EdsRelease(image);
+    s.sdk.EdsRelease(stream);
+}
