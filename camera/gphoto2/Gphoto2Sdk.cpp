@@ -149,6 +149,7 @@ struct CameraCore : std::enable_shared_from_this<CameraCore> {
     uint64_t loopTimer = 0;
     int errorStreak = 0;
     int ioFailures = 0;
+    int quietPasses = 0; // event-loop passes in a row that found nothing
     std::set<std::string> widgetNames;
     std::map<EdsPropertyID, std::string> widgetFor;
     std::map<EdsPropertyID, std::vector<std::string>> choices;
@@ -432,15 +433,20 @@ struct Gphoto2Sdk::Impl {
             c->loopScheduled = false;
             if (!c->open || c->gone)
                 return;
-            for (int i = 0; i < kEventsPerPass && pump(c); ++i) {
-            }
+            int handled = 0;
+            while (handled < kEventsPerPass && pump(c))
+                ++handled;
+            c->quietPasses = handled ? 0 : std::min(c->quietPasses + 1, 8);
             scheduleLoop(c);
         };
         if (now)
             c->device->async(std::move(pass));
         else
             c->loopTimer =
-                dispatch::after(std::chrono::milliseconds(options.eventWaitMs), c->device, std::move(pass));
+                dispatch::after(std::chrono::milliseconds(std::max(
+                                    options.eventWaitMs,
+                                    std::min(options.eventWaitMaxMs, options.eventWaitMs << c->quietPasses))),
+                                c->device, std::move(pass));
     }
 
     // Handles one event; false when the body had none (or failed).

@@ -249,3 +249,13 @@ TEST_F(EmulatedBody, LiveViewOutlivesABodyThatIsNotReadyForThreeSeconds) {
     s.sdk.EdsRelease(image);
     s.sdk.EdsRelease(stream);
 }
+
+TEST_F(EmulatedBody, AClaimedBodyIsReportedAsInUseNotAsGone) {
+    body().claimedByOther(true);
+    Station s;
+    ASSERT_EQ(s.sdk.EdsInitializeSDK(), EDS_ERR_OK);
+    EXPECT_FALSE(s.open());
+    EXPECT_EQ(s.sdk.EdsOpenSession(s.camera), EDS_ERR_COMM_PORT_IS_IN_USE);
+    body().claimedByOther(false);
+    EXPECT_EQ(s.sdk.EdsOpenSession(s.camera), EDS_ERR_OK);
+}
