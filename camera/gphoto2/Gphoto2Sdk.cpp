@@ -274,6 +274,7 @@ struct Gphoto2Sdk::Impl {
 
     dispatch::QueuePtr hotplug = dispatch::makeSerialQueue("com.lumetra.brix.gphoto2.hotplug");
     std::atomic<bool> hotplugRunning{false};
+    std::shared_ptr<std::atomic<bool>> pollRun = std::make_shared<std::atomic<bool>>(false);
     std::atomic<uint64_t> pollTimer{0};
     std::set<std::string> knownPorts; // hotplug queue
     bool seeded = false;              // hotplug queue
@@ -1098,12 +1099,16 @@ struct Gphoto2Sdk::Impl {
     void armPoll() {
         if (!hotplugRunning)
             return;
-        pollTimer = dispatch::after(dispatch::secondsToNanos(options.pollSeconds), hotplug, [this] {
-            if (!hotplugRunning)
-                return;
-            pollOnce();
-            armPoll();
-        });
+        // A timer that fired just as detection stopped may still hand its
+        // task to the queue after the drain: it then finds its run ended
+        // without touching the backend, which may be gone by then.
+        pollTimer =
+            dispatch::after(dispatch::secondsToNanos(options.pollSeconds), hotplug, [this, run = pollRun] {
+                if (!*run)
+                    return;
+                pollOnce();
+                armPoll();
+            });
     }
 
 #ifdef BRIX_HAVE_LIBUDEV
@@ -1167,6 +1172,7 @@ struct Gphoto2Sdk::Impl {
         }
 #endif
         Logger::setDebug(QStringLiteral("gphoto2: polling for cameras every %1 s").arg(options.pollSeconds));
+        pollRun = std::make_shared<std::atomic<bool>>(true);
         hotplug->async([this] { pollOnce(); });
         armPoll();
     }
@@ -1174,6 +1180,7 @@ struct Gphoto2Sdk::Impl {
     void stopHotplug() {
         if (!hotplugRunning.exchange(false))
             return;
+        *pollRun = false;
         dispatch::cancelTimer(pollTimer);
         drain(hotplug);
 #ifdef BRIX_HAVE_LIBUDEV

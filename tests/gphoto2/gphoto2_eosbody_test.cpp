@@ -23,15 +23,10 @@ constexpr const char *kModel = "Canon EOS 5D Mark IV";
 class EmulatedBody : public ::testing::Test {
 protected:
     void SetUp() override {
-        body().command("raw+jpeg 0");
-        body().command("transfer-after-polls 2");
+        body().command("reset");
         body().plug();
     }
-    void TearDown() override {
-        body().unplug();
-        body().failTransfers(0);
-        body().answerBusy(0);
-    }
+    void TearDown() override { body().unplug(); }
     static EosBody &body() { return EosBody::instance(); }
 
     // Waits for file-added events through the adapter until `count` arrived.

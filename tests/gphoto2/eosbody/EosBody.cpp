@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <deque>
 #include <fcntl.h>
 #include <map>
@@ -88,6 +89,7 @@ enum Prop : uint32_t {
     WhiteBalance = 0xD109,
     PictureStyle = 0xD110,
     BatteryPower = 0xD111,
+    CameraTime = 0xD113,
     Owner = 0xD115,
     AvailableShots = 0xD11B,
     CaptureDestination = 0xD11C,
@@ -233,7 +235,19 @@ struct EosBody::State {
     int controlFd = -1;
     std::string controlPartial;
 
-    State() {
+    State() { factorySettings(); }
+
+    void factorySettings() {
+        props.clear();
+        objects.clear();
+        events.clear();
+        pending.clear();
+        announcedAll = false;
+        failTransfers = busy = 0;
+        transferPolls = 2;
+        speed = 0;
+        claimed = false;
+        notReadyUntil = {};
         auto add = [&](uint32_t code, Kind k, uint32_t v, std::vector<uint32_t> avail = {}) {
             props[code] = Property{k, v, {}, std::move(avail)};
         };
@@ -257,6 +271,7 @@ struct EosBody::State {
         add(WhiteBalance, Kind::U8, 0, {0, 1, 2, 3, 4, 5, 6, 8, 9});
         add(PictureStyle, Kind::U8, 0x81, {0x81, 0x82, 0x83, 0x84, 0x85, 0x86, 0x87, 0x88});
         add(BatteryPower, Kind::U16, 2);
+        add(CameraTime, Kind::U32, uint32_t(std::time(nullptr)));
         add(AvailableShots, Kind::U32, 1000);
         add(CaptureDestination, Kind::U32, kDestinationCard, {kDestinationCard, kDestinationHost});
         add(ImageFormat, Kind::ImageFormat, kJpegLargeFine, {kJpegLargeFine, kRawAndJpegLargeFine});
@@ -660,6 +675,8 @@ struct EosBody::State {
                 unplugLocked();
             plugged = true;
             ++address;
+        } else if (word == "reset") {
+            factorySettings();
         } else if (word == "unplug") {
             unplugLocked();
         } else if (word == "fail-transfers") {

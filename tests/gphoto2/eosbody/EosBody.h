@@ -67,7 +67,8 @@ public:
     uint32_t captureDestination(); // 4 = host (PC), 2 = card
     uint32_t property(uint32_t code);
 
-    // Applies one control line: "plug", "unplug", "replug", "fail-transfers N",
+    // Applies one control line: "plug", "unplug", "replug", "reset" (factory
+    // settings, nothing stored, no faults), "fail-transfers N",
     // "busy N", "viewfinder-not-ready-ms N", "claimed 0|1", "raw+jpeg 0|1",
     // "transfer-after-polls N", "speed N", "press". Returns false for an unknown line.
     bool command(const std::string &line);
