@@ -948,8 +948,16 @@ struct Gphoto2Sdk::Impl {
             for (int i = 0; i < kEventsPerPass && pump(cp); ++i) {
             }
             const int rc = port->triggerCapture(c.handle);
-            if (rc == gp::OK)
+            if (rc == gp::OK) {
+                // The shot is announced within a few polls: ask at once
+                // rather than after a quiet loop's long pause.
+                c.quietPasses = 0;
+                if (dispatch::cancelTimer(c.loopTimer)) {
+                    c.loopScheduled = false;
+                    scheduleLoop(cp, true);
+                }
                 return EDS_ERR_OK;
+            }
             const std::string text = port->describe(rc, c.handle);
             const EdsError e = edsErrorFor(rc);
             if (e == EDS_ERR_INTERNAL_ERROR && containsNoCase(text, "focus")) {

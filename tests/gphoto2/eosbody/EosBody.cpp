@@ -218,6 +218,7 @@ struct EosBody::State {
     std::string out;                // bulk-out bytes not yet a whole container
     std::optional<Command> command; // the operation waiting for its data or for the host's read
     std::deque<std::string> in;     // containers for the host to read
+    size_t inOffset = 0;            // bytes of the first one already read
     bool poisoned = false;          // the next data phase fails on the cable
 
     std::map<uint32_t, Property> props;
@@ -230,6 +231,7 @@ struct EosBody::State {
     int shots = 0, failTransfers = 0, busy = 0, transferPolls = 2;
     bool pair = false;
     uint64_t speed = 0;
+    uint64_t shotBytes = 0; // 0 = the picture's natural size
     Clock::time_point notReadyUntil;
     uint64_t frame = 0;
     int controlFd = -1;
@@ -246,6 +248,7 @@ struct EosBody::State {
         failTransfers = busy = 0;
         transferPolls = 2;
         speed = 0;
+        shotBytes = 0;
         claimed = false;
         notReadyUntil = {};
         auto add = [&](uint32_t code, Kind k, uint32_t v, std::vector<uint32_t> avail = {}) {
@@ -346,7 +349,8 @@ struct EosBody::State {
         const char *ext[] = {"JPG", "CR2"};
         char name[32];
         std::snprintf(name, sizeof name, "IMG_%04d.%s", shots, ext[0]);
-        const QByteArray jpeg = eds::sim::renderShotJpeg(unsigned(shots), now, kModel, name);
+        const QByteArray jpeg =
+            eds::sim::padJpeg(eds::sim::renderShotJpeg(unsigned(shots), now, kModel, name), shotBytes);
         std::vector<Object> files;
         if ((props[ImageFormat].value >> 8) & 8) { // the first file is a RAW
             std::snprintf(name, sizeof name, "IMG_%04d.%s", shots, ext[1]);
@@ -656,6 +660,7 @@ struct EosBody::State {
         open = false;
         out.clear();
         in.clear();
+        inOffset = 0;
         command.reset();
         pending.clear();
         events.clear();
@@ -692,6 +697,8 @@ struct EosBody::State {
             events.push_back(valueRecord(ImageFormat));
         } else if (word == "transfer-after-polls") {
             transferPolls = int(std::max(1LL, n));
+        } else if (word == "shot-bytes") {
+            shotBytes = uint64_t(n);
         } else if (word == "speed") {
             speed = uint64_t(n);
         } else if (word == "press") {
@@ -846,14 +853,17 @@ int EosBody::bulkIn(unsigned char *data, int length, int *transferred) {
         // the transaction's remaining packets never arrive.
         s_->poisoned = false;
         s_->in.clear();
+        s_->inOffset = 0;
         return LIBUSB_ERROR_IO;
     }
-    std::string &front = s_->in.front();
-    const size_t n = std::min(front.size(), size_t(length));
-    std::memcpy(data, front.data(), n);
-    front.erase(0, n);
-    if (front.empty())
+    const std::string &front = s_->in.front();
+    const size_t n = std::min(front.size() - s_->inOffset, size_t(length));
+    std::memcpy(data, front.data() + s_->inOffset, n);
+    s_->inOffset += n;
+    if (s_->inOffset == front.size()) {
         s_->in.pop_front();
+        s_->inOffset = 0;
+    }
     *transferred = int(n);
     const uint64_t speed = s_->speed;
     lock.unlock();
@@ -870,6 +880,7 @@ int EosBody::classRequest(uint8_t request, unsigned char *data, int length) {
     case 0x64: // cancel
     case 0x66: // device reset
         s_->in.clear();
+        s_->inOffset = 0;
         s_->out.clear();
         s_->command.reset();
         return 0;

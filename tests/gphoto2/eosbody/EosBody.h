@@ -70,7 +70,8 @@ public:
     // Applies one control line: "plug", "unplug", "replug", "reset" (factory
     // settings, nothing stored, no faults), "fail-transfers N",
     // "busy N", "viewfinder-not-ready-ms N", "claimed 0|1", "raw+jpeg 0|1",
-    // "transfer-after-polls N", "speed N", "press". Returns false for an unknown line.
+    // "transfer-after-polls N", "speed N", "shot-bytes N" (JPEGs padded to N
+    // bytes), "press". Returns false for an unknown line.
     bool command(const std::string &line);
     // Reads and applies pending lines of the BRIX_EOSBODY_CONTROL FIFO.
     void pollControl();
