@@ -53,6 +53,9 @@ constexpr int kEventErrorLimit = 10;
 // I/O failures in a row after which a body that detection still lists is
 // given up (a timeout or one bad packet is not a pulled cable).
 constexpr int kIoFailureLimit = 3;
+// More AE-mode choices than any body offers: libgphoto2's whole table (about
+// 40 modes in 2.5.30), which it lists when the body sent no list of its own.
+constexpr size_t kWholeAeModeTable = 25;
 // The folder in which libgphoto2 reports the shots a body sent to the host.
 constexpr const char *kHostShotFolder = "/";
 // Events handled in one pass of the event loop before other calls get a turn.
@@ -1547,6 +1550,14 @@ EdsError Gphoto2Sdk::EdsGetPropertyDesc(EdsBaseRef ref, EdsPropertyID id, EdsPro
             }
             if (std::find(values.begin(), values.end(), *v) == values.end())
                 values.push_back(*v);
+        }
+        if (id == kEdsPropID_AEMode && w.choices.size() > kWholeAeModeTable) {
+            // The body sent no list of modes (a body with a mode dial does
+            // not), and libgphoto2 then offers every mode it knows of. Only
+            // the dial's mode can be had.
+            values.clear();
+            if (auto current = valueForLabel(id, w.text, w.choices))
+                values.push_back(*current);
         }
         const size_t n = std::min<size_t>(values.size(), std::size(desc->propDesc));
         for (size_t i = 0; i < n; ++i)

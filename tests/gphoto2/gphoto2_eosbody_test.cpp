@@ -164,6 +164,11 @@ TEST_F(EmulatedBody, BackendSavesEveryShotOfABurstCapturedToRam) {
     ASSERT_EQ(s.sdk.EdsInitializeSDK(), EDS_ERR_OK);
     ASSERT_TRUE(s.open());
     EXPECT_EQ(body().captureDestination(), 4u); // the host
+    // The mode dial decides: the only AE mode on offer is the dial's.
+    EdsPropertyDesc modes{};
+    ASSERT_EQ(s.sdk.EdsGetPropertyDesc(s.camera, kEdsPropID_AEMode, &modes), EDS_ERR_OK);
+    ASSERT_EQ(modes.numElements, 1);
+    EXPECT_EQ(modes.propDesc[0], 3); // Manual
     // The body reports each shot during the release of the next one, where
     // libgphoto2 discards what it fetched before releasing.
     body().transferRequestAfterPolls(1);
