@@ -454,7 +454,9 @@ struct Gphoto2Sdk::Impl {
     }
 
     // Handles one event; false when the body had none (or failed).
-    bool pump(const std::shared_ptr<CameraCore> &c) {
+    // With `pastErrors`, a failed fetch that leaves the body usable also
+    // answers true: events libgphoto2 still holds behind it come next.
+    bool pump(const std::shared_ptr<CameraCore> &c, bool pastErrors = false) {
         Event ev;
         const int rc = port->waitForEvent(c->handle, 0, &ev);
         if (rc < gp::OK) {
@@ -463,7 +465,7 @@ struct Gphoto2Sdk::Impl {
             const EdsError e = fail(*c, QStringLiteral("waiting for an event"), rc);
             if (e != EDS_ERR_COMM_DISCONNECTED && ++c->errorStreak >= kEventErrorLimit)
                 markGone(*c);
-            return false;
+            return pastErrors && !c->gone;
         }
         c->errorStreak = 0;
         c->ioFailures = 0;
@@ -948,8 +950,10 @@ struct Gphoto2Sdk::Impl {
             // libgphoto2 fetches and throws away the body's pending events
             // before it releases the shutter: an earlier shot announced there
             // would be lost, so they are taken first.
-            for (int i = 0; i < kEventsPerPass && pump(cp); ++i) {
+            for (int i = 0; i < kEventsPerPass && pump(cp, true); ++i) {
             }
+            if (c.gone)
+                return EDS_ERR_COMM_DISCONNECTED;
             const int rc = port->triggerCapture(c.handle);
             if (rc == gp::OK) {
                 // The shot is announced within a few polls: ask at once
