@@ -165,6 +165,7 @@ struct CameraCore : std::enable_shared_from_this<CameraCore> {
 
     std::atomic<bool> open{false};
     std::atomic<bool> gone{false};
+    std::atomic<bool> reannounced{false};
 
     std::mutex handlersMutex;
     Registration state, property, object;
@@ -1100,7 +1101,7 @@ struct Gphoto2Sdk::Impl {
                 ports.insert(c.port);
         bool fresh = false;
         for (const auto &p : ports)
-            if (!knownPorts.count(p))
+            if (!knownPorts.count(p) || givenUpAndNotAnnounced(p))
                 fresh = true;
         for (const auto &p : knownPorts)
             if (!ports.count(p))
@@ -1109,6 +1110,14 @@ struct Gphoto2Sdk::Impl {
         if (fresh && seeded)
             cameraAdded();
         seeded = true;
+    }
+
+    // Hotplug queue. A camera on the port was given up while still attached
+    // (I/O failures): announced once as arriving again.
+    bool givenUpAndNotAnnounced(const std::string &portName) {
+        std::lock_guard lock(m);
+        auto it = byPort.find(portName);
+        return it != byPort.end() && it->second->core->gone && !it->second->core->reannounced.exchange(true);
     }
 
     void armPoll() {
@@ -1293,7 +1302,9 @@ EdsError Gphoto2Sdk::EdsGetCameraList(EdsCameraListRef *out) {
                 continue;
             present.insert(cam.port);
             CameraObj *&obj = d->byPort[cam.port];
-            if (!obj || obj->core->id.model != cam.model) {
+            // A body given up (I/O failures) that detection lists again gets a
+            // fresh camera object, which can be opened again.
+            if (!obj || obj->core->id.model != cam.model || obj->core->gone) {
                 if (obj)
                     dropped.push_back(obj);
                 obj = new CameraObj;

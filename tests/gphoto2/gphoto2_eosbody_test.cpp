@@ -210,15 +210,23 @@ TEST_F(EmulatedBody, ReplugIoErrorsAndBusyAnswersLoseNoMoreThanTheShotInTransfer
     ASSERT_EQ(s.shoot(), EDS_ERR_OK);
     ASSERT_TRUE(test::processEventsUntil([&] { return s.shotCount() >= 2; }));
 
+    // I/O failures in a row: the body is given up, yet it is still listed,
+    // so it is offered again and opens.
+    body().command("fail-io 12");
+    ASSERT_TRUE(test::processEventsUntil([&] { return s.shutdowns.load() >= 1; }));
+    ASSERT_TRUE(test::processEventsUntil([&] { return s.open(); }));
+    ASSERT_EQ(s.shoot(), EDS_ERR_OK);
+    ASSERT_TRUE(test::processEventsUntil([&] { return s.shotCount() >= 3; }));
+
     // Unplugged and plugged in again: a new device number, found and opened.
     const std::string before = body().portPath();
     body().unplug();
-    ASSERT_TRUE(test::processEventsUntil([&] { return s.shutdowns.load() >= 1; }));
+    ASSERT_TRUE(test::processEventsUntil([&] { return s.shutdowns.load() >= 2; }));
     body().plug();
     EXPECT_NE(body().portPath(), before);
     ASSERT_TRUE(test::processEventsUntil([&] { return s.open(); }));
     ASSERT_EQ(s.shoot(), EDS_ERR_OK);
-    ASSERT_TRUE(test::processEventsUntil([&] { return s.shotCount() >= 3; }));
+    ASSERT_TRUE(test::processEventsUntil([&] { return s.shotCount() >= 4; }));
 }
 
 TEST_F(EmulatedBody, LiveViewOutlivesABodyThatIsNotReadyForThreeSeconds) {

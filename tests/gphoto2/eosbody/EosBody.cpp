@@ -228,7 +228,7 @@ struct EosBody::State {
     std::map<uint32_t, Object> objects;
     uint32_t nextHandle = 0x90000001;
 
-    int shots = 0, failTransfers = 0, busy = 0, transferPolls = 2;
+    int shots = 0, failTransfers = 0, failIo = 0, busy = 0, transferPolls = 2;
     bool pair = false;
     uint64_t speed = 0;
     uint64_t shotBytes = 0; // 0 = the picture's natural size
@@ -245,7 +245,7 @@ struct EosBody::State {
         events.clear();
         pending.clear();
         announcedAll = false;
-        failTransfers = busy = 0;
+        failTransfers = failIo = busy = 0;
         transferPolls = 2;
         speed = 0;
         shotBytes = 0;
@@ -686,6 +686,8 @@ struct EosBody::State {
             unplugLocked();
         } else if (word == "fail-transfers") {
             failTransfers = int(n);
+        } else if (word == "fail-io") {
+            failIo = int(n);
         } else if (word == "busy") {
             busy = int(n);
         } else if (word == "viewfinder-not-ready-ms") {
@@ -841,6 +843,12 @@ int EosBody::bulkIn(unsigned char *data, int length, int *transferred) {
     *transferred = 0;
     if (!s_->plugged)
         return LIBUSB_ERROR_NO_DEVICE;
+    if (s_->failIo > 0 && s_->command) {
+        // A cable that drops everything for a while: the operation is lost.
+        --s_->failIo;
+        s_->command.reset();
+        return LIBUSB_ERROR_IO;
+    }
     if (s_->in.empty() && s_->command) {
         const State::Command c = *s_->command;
         s_->command.reset();

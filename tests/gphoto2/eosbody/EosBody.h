@@ -68,7 +68,8 @@ public:
     uint32_t property(uint32_t code);
 
     // Applies one control line: "plug", "unplug", "replug", "reset" (factory
-    // settings, nothing stored, no faults), "fail-transfers N",
+    // settings, nothing stored, no faults), "fail-transfers N", "fail-io N"
+    // (the next N operations get no answer but an I/O error),
     // "busy N", "viewfinder-not-ready-ms N", "claimed 0|1", "raw+jpeg 0|1",
     // "transfer-after-polls N", "speed N", "shot-bytes N" (JPEGs padded to N
     // bytes), "press". Returns false for an unknown line.
