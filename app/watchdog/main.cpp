@@ -161,7 +161,8 @@ int main(int argc, char **argv) {
     station.pid = pid_t(std::atol(argv[1]));
     ::openlog("BrixCanonCapture-watchdog", LOG_PID, LOG_USER);
     // The station's own log file (the logger would name it after this executable).
-    gLogFile = Paths::libraryFolder() + QStringLiteral("/Logs/Brix/") + QLatin1String(bundle::kName) + QStringLiteral(".log");
+    gLogFile = Paths::libraryFolder() + QStringLiteral("/Logs/Brix/") + QLatin1String(bundle::kName) +
+               QStringLiteral(".log");
 
     // The error stream we inherit is the station's log pipe, which ends with
     // the station: our lines go to the system log and the log file instead.
@@ -193,6 +194,8 @@ int main(int argc, char **argv) {
         say(QStringLiteral("process %1 ended before it could be watched").arg(station.pid));
         return 1;
     }
+
+    say(QStringLiteral("watching pid %1").arg(station.pid));
 
     struct stat st {};
     int beatFd = (::fstat(kHeartbeatFd, &st) == 0 && S_ISFIFO(st.st_mode)) ? kHeartbeatFd : -1;
