@@ -154,7 +154,7 @@ void OKVA_CanonCamera::performCommandWithDictionary(const QVariantMap &command) 
     const EdsError err = sdk_->EdsSendCommand(cameraRef_, number, param);
     if (err != EDS_ERR_OK) {
         logf(kLogSendError, err, number, param, description());
-        DomainError error{kEdsErrorDomain, qint64(err), cameratables::errorText(err)};
+        ErrorValue error{kEdsErrorDomain, qint64(err), cameratables::errorText(err)};
         UserInfoBuilder info;
         info.add(kOKVA_CanonCameraCommandDictionary, command)
             .add(kOKVA_CanonCameraCommandErrorKey, QVariant::fromValue(error));

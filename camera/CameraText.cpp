@@ -66,13 +66,8 @@ QString describeIndented(const QVariant &value, int depth) {
         const auto image = value.value<QImage>();
         return QStringLiteral("<QImage %1x%2>").arg(image.width()).arg(image.height());
     }
-    if (type == QMetaType::fromType<DomainError>()) {
-        const auto error = value.value<DomainError>();
-        return QStringLiteral("Error Domain=%1 Code=%2 \"%3\"")
-            .arg(error.domain)
-            .arg(error.code)
-            .arg(error.localizedDescription);
-    }
+    if (type == QMetaType::fromType<ErrorValue>())
+        return value.value<ErrorValue>().description();
     if (value.canConvert<QString>())
         return value.toString();
     return QStringLiteral("<%1>").arg(QString::fromLatin1(type.name()));

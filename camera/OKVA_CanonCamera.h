@@ -22,6 +22,7 @@
 
 #include "EdsRef.h"
 #include "EdsSdk.h"
+#include "ErrorValue.h"
 #include "NamedLock.h"
 
 #include <QDateTime>
@@ -81,16 +82,6 @@ inline const QString kCommandDescription = QStringLiteral("description");
 
 // Domain of the errors that carry an SDK code.
 inline const QString kEdsErrorDomain = QStringLiteral("EdsError");
-
-// An error with a domain, a code and a text for the user.
-struct DomainError {
-    QString domain;
-    qint64 code = 0;
-    QString localizedDescription;
-    bool operator==(const DomainError &o) const {
-        return domain == o.domain && code == o.code && localizedDescription == o.localizedDescription;
-    }
-};
 
 // The object of notifications posted by the camera class itself.
 struct OKVA_CanonCameraClass {
@@ -270,5 +261,4 @@ private:
 } // namespace brix
 
 Q_DECLARE_METATYPE(brix::CameraPtr)
-Q_DECLARE_METATYPE(brix::DomainError)
 Q_DECLARE_METATYPE(brix::OKVA_CanonCameraClass)

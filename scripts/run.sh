@@ -6,15 +6,15 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 bash scripts/setup.sh
-cmake --preset default >/dev/null
-cmake --build --preset default -j "$(nproc)"
+cmake --preset station >/dev/null
+cmake --build --preset station -j "$(nproc)"
 
 export BRIX_CAMERA_BACKEND=${BRIX_CAMERA_BACKEND:-simulator}
 args=("$@")
 if [ -z "${DISPLAY:-}" ] && [ -z "${WAYLAND_DISPLAY:-}" ]; then
   args=(--headless "${args[@]}")
 fi
-station=(build/default/app/BrixCanonCapture "${args[@]}")
+station=(build/station/app/BrixCanonCapture "${args[@]}")
 echo "Starting: ${station[*]}  (Ctrl-C or SIGTERM ends it)"
 if [ -n "${DBUS_SESSION_BUS_ADDRESS:-}" ]; then
   exec "${station[@]}"

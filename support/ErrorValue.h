@@ -4,6 +4,7 @@
 // Threads: a plain value; copy it freely between threads.
 #pragma once
 
+#include <QMetaType>
 #include <QString>
 
 namespace brix {
@@ -30,3 +31,5 @@ struct ErrorValue {
 QString errnoText(int errorNumber);
 
 } // namespace brix
+
+Q_DECLARE_METATYPE(brix::ErrorValue)

@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cmath>
 #include <cstring>
+#include <optional>
 #include <type_traits>
 
 namespace brix::eds {
@@ -77,38 +78,100 @@ const std::vector<EdsInt32> kColorSpaces = {1, 2};
 const std::vector<EdsInt32> kEvfAFModes = {0, 1, 2};
 const std::vector<EdsInt32> kEvfZooms = {1, 5, 10};
 
-// Properties whose supported values follow the AE mode, with the value the
-// body falls back to when its current one is no longer allowed.
-const std::map<EdsPropertyID, EdsUInt32> kAEDependent = {
-    {kEdsPropID_Av, 0x30},        {kEdsPropID_Tv, 0x68},
-    {kEdsPropID_ISOSpeed, 0},     {kEdsPropID_ExposureCompensation, 0},
-    {kEdsPropID_WhiteBalance, 0}, {kEdsPropID_MeteringMode, 3},
-    {kEdsPropID_AFMode, 0},       {kPropColorSpace, 1},
+// Which AE modes offer a property's values. Basic-zone modes (9 and up) let the
+// body decide exposure and colour itself.
+bool always(EdsUInt32) {
+    return true;
+}
+bool creativeZone(EdsUInt32 ae) {
+    return ae < 9;
+}
+bool creativeNotBulb(EdsUInt32 ae) {
+    return ae < 9 && ae != kAEBulb;
+}
+bool apertureModes(EdsUInt32 ae) {
+    return ae == 2 || ae == 3 || ae == kAEBulb;
+}
+bool shutterModes(EdsUInt32 ae) {
+    return ae == 1 || ae == 3;
+}
+
+enum class Access {
+    Free,     // any value of the type
+    Listed,   // only a value of the current description
+    ReadOnly, // the body's own; the host cannot change it
 };
 
-// Properties that the SDK may write only with a listed value.
-bool isListedProperty(EdsPropertyID id) {
-    switch (id) {
-    case kEdsPropID_AEMode:
-    case kEdsPropID_Av:
-    case kEdsPropID_Tv:
-    case kEdsPropID_ISOSpeed:
-    case kEdsPropID_ExposureCompensation:
-    case kEdsPropID_WhiteBalance:
-    case kEdsPropID_MeteringMode:
-    case kEdsPropID_AFMode:
-    case kEdsPropID_DriveMode:
-    case kEdsPropID_ImageQuality:
-    case kPropColorSpace:
-        return true;
-    default:
-        return false;
-    }
+// One property of the simulated body: adding a property is one row.
+struct PropertySpec {
+    EdsPropertyID id;
+    EdsDataType type;
+    EdsUInt32 initial; // numeric value at plug-in
+    const char *text;  // string value at plug-in (string properties)
+    Access access;
+    const std::vector<EdsInt32> *values = nullptr; // description, when offered
+    bool (*offered)(EdsUInt32 ae) = always;
+    // Value taken when an AE-mode change no longer offers the current one; set
+    // only for properties whose description follows the AE mode.
+    std::optional<EdsUInt32> aeFallback = std::nullopt;
+};
+
+// Product name and firmware depend on the plugged body and are filled in by plug().
+const std::vector<PropertySpec> kProperties = {
+    {kEdsPropID_ProductName, kEdsDataType_String, 0, "", Access::ReadOnly},
+    {kEdsPropID_OwnerName, kEdsDataType_String, 0, "", Access::Free},
+    {kEdsPropID_DateTime, kEdsDataType_Time, 0, nullptr, Access::Free},
+    {kEdsPropID_FirmwareVersion, kEdsDataType_String, 0, "", Access::ReadOnly},
+    {kEdsPropID_BatteryLevel, kEdsDataType_Int32, 85, nullptr, Access::ReadOnly},
+    {kEdsPropID_SaveTo, kEdsDataType_UInt32, kEdsSaveTo_Camera, nullptr, Access::Free},
+    {kEdsPropID_BatteryQuality, kEdsDataType_UInt32, 3, nullptr, Access::ReadOnly},
+    {kEdsPropID_ImageQuality, kEdsDataType_UInt32, 0x0013FF0F, nullptr, Access::Listed, &kImageQualities},
+    {kEdsPropID_WhiteBalance, kEdsDataType_Int32, 0, nullptr, Access::Listed, &kWhiteBalances, creativeZone,
+     0},
+    {kPropColorSpace, kEdsDataType_UInt32, 1, nullptr, Access::Listed, &kColorSpaces, creativeZone, 1},
+    {kEdsPropID_AEMode, kEdsDataType_UInt32, 3, nullptr, Access::Listed, &kAEModes},
+    {kEdsPropID_DriveMode, kEdsDataType_UInt32, 0, nullptr, Access::Listed, &kDriveModes},
+    {kEdsPropID_ISOSpeed, kEdsDataType_UInt32, 0x48, nullptr, Access::Listed, &kIsoSpeeds, creativeZone, 0},
+    {kEdsPropID_MeteringMode, kEdsDataType_UInt32, 3, nullptr, Access::Listed, &kMeteringModes, creativeZone,
+     3},
+    {kEdsPropID_AFMode, kEdsDataType_UInt32, 0, nullptr, Access::Listed, &kAFModes, creativeZone, 0},
+    {kEdsPropID_Av, kEdsDataType_UInt32, 0x30, nullptr, Access::Listed, &kApertures, apertureModes, 0x30},
+    {kEdsPropID_Tv, kEdsDataType_UInt32, 0x68, nullptr, Access::Listed, &kShutterSpeeds, shutterModes, 0x68},
+    {kEdsPropID_ExposureCompensation, kEdsDataType_UInt32, 0, nullptr, Access::Listed, &kCompensations,
+     creativeNotBulb, 0},
+    {kEdsPropID_LensName, kEdsDataType_String, 0, kDefaultLens, Access::ReadOnly},
+    {kEdsPropID_Artist, kEdsDataType_String, 0, "", Access::Free},
+    {kEdsPropID_Copyright, kEdsDataType_String, 0, "", Access::Free},
+    {kEdsPropID_Evf_OutputDevice, kEdsDataType_UInt32, 0, nullptr, Access::Free},
+    {kEdsPropID_Evf_Mode, kEdsDataType_UInt32, 0, nullptr, Access::Free},
+    {kEdsPropID_Evf_Zoom, kEdsDataType_UInt32, 1, nullptr, Access::Free, &kEvfZooms},
+    {kEdsPropID_Evf_AFMode, kEdsDataType_UInt32, 0, nullptr, Access::Free, &kEvfAFModes},
+};
+
+const PropertySpec *specOf(EdsPropertyID id) {
+    for (const auto &spec : kProperties)
+        if (spec.id == id)
+            return &spec;
+    return nullptr;
 }
 
 bool isReadOnlyForHost(EdsPropertyID id) {
-    return id == kEdsPropID_ProductName || id == kEdsPropID_FirmwareVersion || id == kEdsPropID_LensName ||
-           id == kEdsPropID_BatteryLevel || id == kEdsPropID_BatteryQuality;
+    const PropertySpec *spec = specOf(id);
+    return spec && spec->access == Access::ReadOnly;
+}
+
+// The properties whose description follows the AE mode, in ID order (the order
+// their change events go out in).
+const std::vector<const PropertySpec *> &aeDependent() {
+    static const std::vector<const PropertySpec *> list = [] {
+        std::vector<const PropertySpec *> l;
+        for (const auto &spec : kProperties)
+            if (spec.aeFallback)
+                l.push_back(&spec);
+        std::sort(l.begin(), l.end(), [](auto *a, auto *b) { return a->id < b->id; });
+        return l;
+    }();
+    return list;
 }
 
 const std::map<std::string, EdsCameraCommand> kCommandNames = {
@@ -429,40 +492,14 @@ void SimulatorSdk::postStateEvent(Camera *camera, EdsStateEvent event, EdsUInt32
 std::vector<EdsInt32> SimulatorSdk::descriptionLocked(const Camera *camera, EdsPropertyID id) const {
     if (auto it = camera->overrides.find(id); it != camera->overrides.end())
         return it->second;
-    const auto ae = camera->props.at(kEdsPropID_AEMode).value;
-    const bool basicZone = ae >= 9; // the body decides exposure and colour itself
-    switch (id) {
-    case kEdsPropID_AEMode:
-        return kAEModes;
-    case kEdsPropID_Av:
-        return (ae == 2 || ae == 3 || ae == kAEBulb) ? kApertures : std::vector<EdsInt32>{};
-    case kEdsPropID_Tv:
-        if (ae == kAEBulb)
-            return {EdsInt32(kTvBulb)};
-        return (ae == 1 || ae == 3) ? kShutterSpeeds : std::vector<EdsInt32>{};
-    case kEdsPropID_ISOSpeed:
-        return basicZone ? std::vector<EdsInt32>{} : kIsoSpeeds;
-    case kEdsPropID_ExposureCompensation:
-        return (basicZone || ae == kAEBulb) ? std::vector<EdsInt32>{} : kCompensations;
-    case kEdsPropID_WhiteBalance:
-        return basicZone ? std::vector<EdsInt32>{} : kWhiteBalances;
-    case kEdsPropID_MeteringMode:
-        return basicZone ? std::vector<EdsInt32>{} : kMeteringModes;
-    case kEdsPropID_AFMode:
-        return basicZone ? std::vector<EdsInt32>{} : kAFModes;
-    case kPropColorSpace:
-        return basicZone ? std::vector<EdsInt32>{} : kColorSpaces;
-    case kEdsPropID_DriveMode:
-        return kDriveModes;
-    case kEdsPropID_ImageQuality:
-        return kImageQualities;
-    case kEdsPropID_Evf_AFMode:
-        return kEvfAFModes;
-    case kEdsPropID_Evf_Zoom:
-        return kEvfZooms;
-    default:
+    const PropertySpec *spec = specOf(id);
+    if (!spec || !spec->values)
         return {};
-    }
+    const auto ae = camera->props.at(kEdsPropID_AEMode).value;
+    // In bulb the shutter speed is the bulb setting alone.
+    if (id == kEdsPropID_Tv && ae == kAEBulb)
+        return {EdsInt32(kTvBulb)};
+    return spec->offered(ae) ? *spec->values : std::vector<EdsInt32>{};
 }
 
 EdsError SimulatorSdk::changeValueLocked(Camera *camera, EdsPropertyID id, EdsUInt32 value, bool fromBody) {
@@ -473,9 +510,10 @@ EdsError SimulatorSdk::changeValueLocked(Camera *camera, EdsPropertyID id, EdsUI
     if (prop.type == kEdsDataType_String || prop.type == kEdsDataType_Time)
         return EDS_ERR_INVALID_PARAMETER;
     if (!fromBody) {
-        if (isReadOnlyForHost(id))
+        const PropertySpec *spec = specOf(id);
+        if (spec && spec->access == Access::ReadOnly)
             return EDS_ERR_NOT_SUPPORTED;
-        if (isListedProperty(id)) {
+        if (spec && spec->access == Access::Listed) {
             const auto allowed = descriptionLocked(camera, id);
             if (std::find(allowed.begin(), allowed.end(), EdsInt32(value)) == allowed.end())
                 return EDS_ERR_INVALID_PARAMETER;
@@ -488,15 +526,17 @@ EdsError SimulatorSdk::changeValueLocked(Camera *camera, EdsPropertyID id, EdsUI
 
     std::map<EdsPropertyID, std::vector<EdsInt32>> before;
     if (id == kEdsPropID_AEMode)
-        for (const auto &[dep, fallback] : kAEDependent)
-            before[dep] = descriptionLocked(camera, dep);
+        for (const PropertySpec *dep : aeDependent())
+            before[dep->id] = descriptionLocked(camera, dep->id);
 
     const EdsUInt32 old = prop.value;
     prop.value = value;
     postPropertyEvent(camera, kEdsPropertyEvent_PropertyChanged, id);
 
     if (id == kEdsPropID_AEMode) {
-        for (const auto &[dep, fallback] : kAEDependent) {
+        for (const PropertySpec *spec : aeDependent()) {
+            const EdsPropertyID dep = spec->id;
+            const EdsUInt32 fallback = *spec->aeFallback;
             const auto now = descriptionLocked(camera, dep);
             if (now != before[dep])
                 postPropertyEvent(camera, kEdsPropertyEvent_PropertyDescChanged, dep);
@@ -1237,37 +1277,10 @@ int SimulatorSdk::plug(const std::string &model, int subtype) {
     c->subtype = subtype >= 0 ? EdsUInt32(subtype) : (isLegacyModelName(c->model) ? 0u : 1u);
     c->port = "usb:001," + std::to_string(nextPort_++);
     const bool legacy = c->subtype == 0;
-    auto num = [c](EdsPropertyID id, EdsDataType type, EdsUInt32 value) {
-        c->props[id] = Prop{type, value, {}};
-    };
-    auto str = [c](EdsPropertyID id, std::string text) {
-        c->props[id] = Prop{kEdsDataType_String, 0, std::move(text)};
-    };
-    str(kEdsPropID_ProductName, c->model);
-    str(kEdsPropID_OwnerName, "");
-    num(kEdsPropID_DateTime, kEdsDataType_Time, 0);
-    str(kEdsPropID_FirmwareVersion, legacy ? "1.1.1" : "1.2.3");
-    num(kEdsPropID_BatteryLevel, kEdsDataType_Int32, 85);
-    num(kEdsPropID_SaveTo, kEdsDataType_UInt32, kEdsSaveTo_Camera);
-    num(kEdsPropID_BatteryQuality, kEdsDataType_UInt32, 3);
-    num(kEdsPropID_ImageQuality, kEdsDataType_UInt32, 0x0013FF0F);
-    num(kEdsPropID_WhiteBalance, kEdsDataType_Int32, 0);
-    num(kPropColorSpace, kEdsDataType_UInt32, 1);
-    num(kEdsPropID_AEMode, kEdsDataType_UInt32, 3);
-    num(kEdsPropID_DriveMode, kEdsDataType_UInt32, 0);
-    num(kEdsPropID_ISOSpeed, kEdsDataType_UInt32, 0x48);
-    num(kEdsPropID_MeteringMode, kEdsDataType_UInt32, 3);
-    num(kEdsPropID_AFMode, kEdsDataType_UInt32, 0);
-    num(kEdsPropID_Av, kEdsDataType_UInt32, 0x30);
-    num(kEdsPropID_Tv, kEdsDataType_UInt32, 0x68);
-    num(kEdsPropID_ExposureCompensation, kEdsDataType_UInt32, 0);
-    str(kEdsPropID_LensName, kDefaultLens);
-    str(kEdsPropID_Artist, "");
-    str(kEdsPropID_Copyright, "");
-    num(kEdsPropID_Evf_OutputDevice, kEdsDataType_UInt32, 0);
-    num(kEdsPropID_Evf_Mode, kEdsDataType_UInt32, 0);
-    num(kEdsPropID_Evf_Zoom, kEdsDataType_UInt32, 1);
-    num(kEdsPropID_Evf_AFMode, kEdsDataType_UInt32, 0);
+    for (const auto &spec : kProperties)
+        c->props[spec.id] = Prop{spec.type, spec.initial, spec.text ? spec.text : ""};
+    c->props[kEdsPropID_ProductName].text = c->model;
+    c->props[kEdsPropID_FirmwareVersion].text = legacy ? "1.1.1" : "1.2.3";
 
     addObject(c, true); // the bus's count
     attached_.push_back(c);

@@ -371,8 +371,8 @@ TEST_F(Commands, AFailedQueuedCommandPostsItsErrorTheDirectPathOnlyLogs) {
               (QStringList{kOKVA_CanonCameraCommandDictionary, kOKVA_CanonCameraCommandErrorKey}));
     const QVariantMap command = failed.note.userInfo.value(kOKVA_CanonCameraCommandDictionary).toMap();
     EXPECT_EQ(command.value(kCommandDescription).toString(), "Take a picture");
-    const auto error = failed.note.userInfo.value(kOKVA_CanonCameraCommandErrorKey).value<DomainError>();
-    EXPECT_EQ(error, (DomainError{"EdsError", EDS_ERR_TAKE_PICTURE_AF_NG, "take picture af ng"}));
+    const auto error = failed.note.userInfo.value(kOKVA_CanonCameraCommandErrorKey).value<ErrorValue>();
+    EXPECT_EQ(error, (ErrorValue{"EdsError", EDS_ERR_TAKE_PICTURE_AF_NG, "take picture af ng"}));
     EXPECT_EQ(control->shotCount(), 0u);
 
     ASSERT_TRUE(control->injectError("TakePicture", EDS_ERR_DEVICE_BUSY, 1));

@@ -2,7 +2,6 @@
 #include "PropertyList.h"
 
 #include <QFile>
-#include <QFileInfo>
 
 #include <gtest/gtest.h>
 
@@ -67,7 +66,7 @@ QString read(const QByteArray &data) {
 }
 
 QByteArray fixture() {
-    QFile f(QFileInfo(QStringLiteral(__FILE__)).absolutePath() + "/fixtures/other_producer.bplist");
+    QFile f(QStringLiteral(BRIX_TEST_SOURCE_DIR "/fixtures/other_producer.bplist"));
     return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
 }
 

@@ -2,7 +2,6 @@
 
 #include <QDateTime>
 #include <QFile>
-#include <QFileInfo>
 #include <QSize>
 #include <QTimeZone>
 
@@ -145,7 +144,7 @@ TEST(PlistRoundTrip, ValuesThatCannotBeWrittenFailWithAReason) {
 }
 
 TEST(PlistRoundTrip, ReadsABinaryListWrittenByAnotherProducer) {
-    QFile f(QFileInfo(QStringLiteral(__FILE__)).absolutePath() + "/fixtures/other_producer.bplist");
+    QFile f(QStringLiteral(BRIX_TEST_SOURCE_DIR "/fixtures/other_producer.bplist"));
     ASSERT_TRUE(f.open(QIODevice::ReadOnly));
     QString error;
     PlistFormat format{};

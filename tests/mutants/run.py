@@ -1,0 +1,88 @@
+#!/usr/bin/env python3
+"""Applies each hand-made fault of mutants.txt in turn, builds, runs the test
+suite and records which tests catch it.
+
+    tests/mutants/run.py [--build DIR] [--only ID[,ID]] [--out FILE]
+
+The build folder is configured on first use (Debug, no sanitizer: faults are
+caught by assertions, not by the sanitizers). Each fault is reverted before the
+next, also when a build fails or the run is interrupted. A fault that breaks the
+build counts as caught by the compiler. Exit status 1 when a fault survives.
+"""
+import argparse, json, os, re, subprocess, sys, time, xml.etree.ElementTree as ET
+
+ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+
+
+def load(path):
+    text = open(path).read()
+    blocks = re.findall(r'^== (\S+) (\S+)\n-- find\n(.*?)-- replace\n(.*?)-- end\n', text, re.S | re.M)
+    return [dict(id=i, file=f, find=a, replace=b) for i, f, a, b in blocks]
+
+
+def run(cmd, **kw):
+    return subprocess.run(cmd, cwd=ROOT, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, **kw)
+
+
+def failing_tests(build, junit):
+    env = dict(os.environ, QT_QPA_PLATFORM='offscreen')
+    env.pop('DBUS_SESSION_BUS_ADDRESS', None)
+    subprocess.run(['ctest', '--test-dir', build, '-j', str(os.cpu_count() or 2), '--timeout', '120',
+                    '--output-junit', junit], cwd=ROOT, env=env, stdout=subprocess.DEVNULL,
+                   stderr=subprocess.DEVNULL)
+    failed = []
+    for case in ET.parse(junit).getroot().iter('testcase'):
+        if case.get('status') == 'fail' or case.find('failure') is not None:
+            failed.append(case.get('name'))
+    return sorted(failed)
+
+
+def main():
+    ap = argparse.ArgumentParser()
+    ap.add_argument('--build', default='build/mutants')
+    ap.add_argument('--only', default='')
+    ap.add_argument('--out', default='')
+    args = ap.parse_args()
+    build = os.path.join(ROOT, args.build)
+    if not os.path.exists(os.path.join(build, 'CMakeCache.txt')):
+        r = run(['cmake', '-S', '.', '-B', build, '-G', 'Ninja', '-DCMAKE_BUILD_TYPE=Debug',
+                 '-DBRIX_BUILD_BENCH=OFF'])
+        if r.returncode:
+            sys.exit(r.stdout)
+    mutants = load(os.path.join(ROOT, 'tests/mutants/mutants.txt'))
+    if args.only:
+        wanted = set(args.only.split(','))
+        mutants = [m for m in mutants if m['id'] in wanted]
+    r = run(['cmake', '--build', build])
+    if r.returncode:
+        sys.exit('the unmodified tree does not build:\n' + r.stdout[-3000:])
+    junit = os.path.join(build, 'mutant-junit.xml')
+    results, survivors = {}, []
+    for m in mutants:
+        path = os.path.join(ROOT, m['file'])
+        original = open(path).read()
+        if original.count(m['find']) != 1:
+            results[m['id']] = 'not applicable (text not found once)'
+            print(f"{m['id']:32} not applicable", flush=True)
+            continue
+        started = time.time()
+        try:
+            open(path, 'w').write(original.replace(m['find'], m['replace']))
+            r = run(['cmake', '--build', build])
+            caught = ['(build fails)'] if r.returncode else failing_tests(build, junit)
+        finally:
+            open(path, 'w').write(original)
+        results[m['id']] = caught
+        if not caught:
+            survivors.append(m['id'])
+        print(f"{m['id']:32} {len(caught):3} failing  ({time.time() - started:.0f} s)", flush=True)
+    run(['cmake', '--build', build])  # leave the build matching the tree
+    if args.out:
+        json.dump(results, open(os.path.join(ROOT, args.out), 'w'), indent=1, sort_keys=True)
+    print(f"{len(mutants) - len(survivors)} caught, {len(survivors)} survived" +
+          (": " + ", ".join(survivors) if survivors else ""))
+    sys.exit(1 if survivors else 0)
+
+
+if __name__ == '__main__':
+    main()
