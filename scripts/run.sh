@@ -30,11 +30,11 @@ bus_pid=$(sed -n 2p <<<"$bus")
 owner() {
   dbus-send --session --print-reply --dest=org.freedesktop.DBus / \
     org.freedesktop.DBus.GetConnectionUnixProcessID string:com.lumetra.BrixCanonCapture 2>/dev/null |
-    awk '/uint32/ { print $2 }'
+    awk '/uint32/ { print $2 }' || true
 }
 stop() {
   pid=$(owner)
-  [ -n "$pid" ] && kill -TERM "$pid" 2>/dev/null
+  [ -z "$pid" ] || kill -TERM "$pid" 2>/dev/null || true
   while [ -n "$(owner)" ]; do sleep 0.2; done
   exit 0
 }

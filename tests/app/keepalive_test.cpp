@@ -1,6 +1,8 @@
 // The station keeps itself alive: the real executable and its watchdog on a
 // private bus with a temporary HOME, killed, crashed, hung, started twice.
+#include "AppDelegate.h"
 #include "DistributedNotificationCenter.h"
+#include "Preferences.h"
 #include "TestSupport.h"
 #include "Watchdog.h"
 
@@ -351,4 +353,37 @@ TEST(LaunchLoopRule, CountsTheNthNewestLaunchWithUnsignedArithmetic) {
         "NOT setting auto-relaunch because interval since 0 previous launches is less than 30.0 sec (30)");
     // Something other than a date in the reference place: no reference.
     EXPECT_TRUE(Watchdog::launchLoopRule(1, 30.0, never, true, {QVariant("x")}, now).keepRunning);
+}
+
+// Without the watchdog beside it the station says so once and runs
+// unmonitored: a kill is final, SIGTERM still ends it normally.
+TEST_F(KeepAlive, MissingWatchdogLeavesTheStationUnmonitored) {
+    const QString copy = home_ + "/bin/BrixCanonCapture";
+    ASSERT_TRUE(QDir().mkpath(home_ + "/bin"));
+    ASSERT_TRUE(QFile::copy(BRIX_EXECUTABLE, copy));
+    first_.setProcessEnvironment(env_);
+    first_.setProcessChannelMode(QProcess::ForwardedChannels);
+    first_.start(copy, {"--headless"});
+    ASSERT_TRUE(waitForLog("missing watchdog! Unexpected termination will not be monitored."))
+        << log().toStdString();
+    ASSERT_TRUE(waitForLog("myappinfo = "));
+    EXPECT_TRUE(ours("watchdog").isEmpty());
+    ::kill(pid_t(first_.processId()), SIGTERM);
+    ASSERT_TRUE(finished(first_));
+    EXPECT_EQ(first_.exitCode(), 0);
+    EXPECT_TRUE(log().contains("Caught Terminated ... terminating."));
+}
+
+TEST(StartUp, WindowTitleKeysWithoutAVersionSayUnknown) {
+    AppDelegate delegate;
+    QVariantMap info = AppDelegate::bundleInfo();
+    info.remove("CFBundleShortVersionString");
+    delegate.setupWindowTitle(info);
+    Preferences &prefs = Preferences::standard();
+    const QString longInfo = QStringLiteral("BrixCanonCapture vUnknown??? xc-%1 sdk-%2")
+                                 .arg(info.value("DTXcode").toString(), info.value("DTSDKName").toString());
+    EXPECT_EQ(prefs.stringForKey("prefLongInfoString"), longInfo);
+    EXPECT_EQ(prefs.stringForKey("prefLable1String"), "64bit");
+    EXPECT_EQ(prefs.stringForKey("prefWindowTitleName"), longInfo); // the second write wins
+    EXPECT_TRUE(AppDelegate::currentCameraDispatchQueue() == AppDelegate::currentCameraDispatchQueue());
 }
