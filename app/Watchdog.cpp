@@ -20,6 +20,7 @@ extern "C" {
 #include <sys/pidfd.h>
 }
 #include <sys/signalfd.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -45,7 +46,8 @@ std::once_flag gStartOnce;
 std::mutex gChildMutex;
 pid_t gChildPid = -1;
 int gChildPidfd = -1;
-int gHeartbeatWrite = -1;
+int gHeartbeatWrite = -1; // our end of the socket pair shared with the watchdog
+bool gWatched = false;    // the watchdog said it is ready
 QSocketNotifier *gChildEnd = nullptr;
 QTimer *gHeartbeat = nullptr;
 std::map<QString, QSocketNotifier *> gSignalSources; // main thread only
@@ -68,6 +70,9 @@ void childEnded() {
         pidfd = gChildPidfd;
         gChildPidfd = -1;
         gChildPid = -1;
+        if (gHeartbeatWrite >= 0)
+            ::close(gHeartbeatWrite);
+        gHeartbeatWrite = -1;
     }
     if (gChildEnd) {
         gChildEnd->setEnabled(false);
@@ -100,10 +105,12 @@ void beat() {
         for (;;)
             ::pause();
     }
+    std::lock_guard lock(gChildMutex);
     if (gHeartbeatWrite >= 0) {
         const char byte = 1;
-        // Non-blocking: a watchdog process that reads nothing must not stop us.
-        [[maybe_unused]] ssize_t n = ::write(gHeartbeatWrite, &byte, 1);
+        // Never blocks (a watchdog that reads nothing must not stop us) and
+        // never raises SIGPIPE (which would end us) when the watchdog is gone.
+        [[maybe_unused]] ssize_t n = ::send(gHeartbeatWrite, &byte, 1, MSG_NOSIGNAL | MSG_DONTWAIT);
     }
 }
 
@@ -137,8 +144,10 @@ void startWatchdogProcess() {
         Watchdog::systemLog(QStringLiteral("missing %1! Unexpected termination will not be monitored.")
                                 .arg(QLatin1String(Watchdog::kResourceName)));
     } else {
+        // Heartbeats go one way, the watchdog's "ready" (one byte once it has
+        // read what it needs to relaunch us) the other.
         int beats[2] = {-1, -1};
-        if (::pipe2(beats, O_CLOEXEC) != 0)
+        if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, beats) != 0)
             beats[0] = beats[1] = -1;
         else
             ::fcntl(beats[1], F_SETFL, O_NONBLOCK);
@@ -288,8 +297,28 @@ void Watchdog::stopKeepingUsRunning() {
         childEnded();
 }
 
+bool Watchdog::waitUntilWatched(int timeoutMs) {
+    int fd = -1;
+    {
+        std::lock_guard lock(gChildMutex);
+        if (gWatched)
+            return true;
+        fd = gHeartbeatWrite;
+    }
+    pollfd p{fd, POLLIN, 0};
+    char ready = 0;
+    if (fd < 0 || ::poll(&p, 1, timeoutMs) != 1 || ::read(fd, &ready, 1) != 1)
+        return false;
+    std::lock_guard lock(gChildMutex);
+    gWatched = true;
+    return true;
+}
+
 void Watchdog::quitAndRelaunch() {
     keepUsRunning();
+    // A watchdog started just now must have taken note of us before we go.
+    if (!waitUntilWatched(kStopWaitMs))
+        Logger::setError(QStringLiteral("the watchdog is not watching; quitting without a relaunch"));
     Logger::setError(QStringLiteral("quitting so that the watchdog relaunches us"));
     Preferences::standard().synchronize();
     Logger::flush();

@@ -32,7 +32,8 @@ class Watchdog {
 public:
     static constexpr const char *kResourceName = "watchdog";
     static constexpr const char *kRelaunchArgument = "--autorelaunched";
-    // Beats the station sends the watchdog process, on the descriptor it is given.
+    // The watchdog's descriptor of the socket pair: beats from the station
+    // (a byte a second), one "ready" byte back.
     static constexpr int kHeartbeatFd = 3;
     static constexpr int kHeartbeatIntervalMs = 1000;
     // Test-only switch: when this file appears the station removes it and stops
@@ -62,6 +63,8 @@ public:
     static void keepUsRunning();
     // Tells the watchdog process to end (it does not relaunch) and waits briefly for it.
     static void stopKeepingUsRunning();
+    // Waits until the watchdog process has read what it needs to relaunch us.
+    static bool waitUntilWatched(int timeoutMs);
     // keepUsRunning(), then ends at once with status 0: the watchdog process relaunches us.
     [[noreturn]] static void quitAndRelaunch();
 

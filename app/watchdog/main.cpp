@@ -1,7 +1,7 @@
 // watchdog: started by the station with the station's process id as its only
 // argument. When that process ends while this one runs (a crash, SIGKILL, an
 // exit through a caught signal), or stops sending its heartbeat on descriptor
-// 3 for 30 s (a hung main loop; it is killed first), the station is started
+// 3 (a socket) for 30 s (a hung main loop; it is killed first), the station is started
 // again: the same executable, the same arguments plus "--autorelaunched", the
 // same environment and working folder, in a session of its own. Then this
 // process ends; the new station starts its own watchdog. SIGTERM ends it
@@ -198,7 +198,11 @@ int main(int argc, char **argv) {
     say(QStringLiteral("watching pid %1").arg(station.pid));
 
     struct stat st {};
-    int beatFd = (::fstat(kHeartbeatFd, &st) == 0 && S_ISFIFO(st.st_mode)) ? kHeartbeatFd : -1;
+    int beatFd = (::fstat(kHeartbeatFd, &st) == 0 && S_ISSOCK(st.st_mode)) ? kHeartbeatFd : -1;
+    if (beatFd >= 0) {
+        const char ready = 1;
+        [[maybe_unused]] ssize_t n = ::write(beatFd, &ready, 1);
+    }
     const auto hangLimit = std::chrono::seconds(hangSeconds());
     auto lastBeat = Clock::now();
 
