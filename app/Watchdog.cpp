@@ -218,7 +218,7 @@ QSocketNotifier *Watchdog::catchSignal(int signalNumber, SignalHandler handler) 
         const QString line =
             QStringLiteral("tried to ignore %1 but got '%2'")
                 .arg(signalDescription(signalNumber), QString::fromLocal8Bit(std::strerror(errno)));
-        ::syslog(LOG_WARNING, "%s", line.toLocal8Bit().constData());
+        Watchdog::systemLog(line);
     }
     // Ignored but blocked, the signal stays pending for the signalfd: it is
     // handled on the main loop, never inside the signal context.
