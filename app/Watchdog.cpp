@@ -211,6 +211,17 @@ void Watchdog::blockCaughtSignals() {
 }
 
 QSocketNotifier *Watchdog::catchSignal(int signalNumber, SignalHandler handler) {
+    // Blocked, the signal stays pending for the signalfd even while ignored:
+    // it is handled on the main loop, never inside the signal context.
+    sigset_t one;
+    sigemptyset(&one);
+    sigaddset(&one, signalNumber);
+    pthread_sigmask(SIG_BLOCK, &one, nullptr);
+    const int fd = ::signalfd(-1, &one, SFD_NONBLOCK | SFD_CLOEXEC);
+    // Ignoring a signal discards it when pending: one that arrived during
+    // start-up is taken off first and handled once the main loop runs.
+    signalfd_siginfo early{};
+    const bool arrivedEarly = fd >= 0 && ::read(fd, &early, sizeof early) == ssize_t(sizeof early);
     struct sigaction action {};
     action.sa_handler = SIG_IGN;
     sigemptyset(&action.sa_mask);
@@ -220,13 +231,6 @@ QSocketNotifier *Watchdog::catchSignal(int signalNumber, SignalHandler handler) 
                 .arg(signalDescription(signalNumber), QString::fromLocal8Bit(std::strerror(errno)));
         Watchdog::systemLog(line);
     }
-    // Ignored but blocked, the signal stays pending for the signalfd: it is
-    // handled on the main loop, never inside the signal context.
-    sigset_t one;
-    sigemptyset(&one);
-    sigaddset(&one, signalNumber);
-    pthread_sigmask(SIG_BLOCK, &one, nullptr);
-    const int fd = ::signalfd(-1, &one, SFD_NONBLOCK | SFD_CLOEXEC);
     if (fd < 0)
         return nullptr;
     auto *source = new QSocketNotifier(fd, QSocketNotifier::Read);
@@ -236,6 +240,9 @@ QSocketNotifier *Watchdog::catchSignal(int signalNumber, SignalHandler handler) 
             if (handler)
                 handler(int(info.ssi_signo));
     });
+    if (arrivedEarly && handler)
+        QMetaObject::invokeMethod(
+            source, [handler, signalNumber] { handler(signalNumber); }, Qt::QueuedConnection);
     return source;
 }
 
