@@ -16,6 +16,8 @@ CommandLine CommandLine::parse(const QStringList &arguments) {
             cl.version = true;
         } else if (arg == "--headless") {
             cl.headless = true;
+        } else if (arg == "--quiet" || arg == "-q") {
+            cl.quiet = true;
         } else if (arg.startsWith("--camera-backend=")) {
             QString value = arg.mid(int(qstrlen("--camera-backend="))).toLower();
             if (kBackends.contains(value))
@@ -43,6 +45,9 @@ QString CommandLine::helpText(const QString &programName) {
                "  --headless                 run without a window (kiosk, service, tests)\n"
                "  --camera-backend=NAME      simulator | gphoto2 | edsdk | auto\n"
                "                             (default: $BRIX_CAMERA_BACKEND, else auto)\n"
+               "  -q, --quiet                print nothing on standard output; without it the\n"
+               "                             station prints a line for the backend, each camera\n"
+               "                             found or lost, each shot saved and each error to act on\n"
                "  --version                  print the version and exit\n"
                "  -h, --help                 print this help and exit\n"
                "\n"

@@ -9,6 +9,7 @@
 #include "Logger.h"
 #include "MainWindow.h"
 #include "OKVA_CanonCamera.h"
+#include "OperatorConsole.h"
 #include "Paths.h"
 #include "Preferences.h"
 #include "SimulatorControl.h"
@@ -65,18 +66,23 @@ int main(int argc, char **argv) {
                          .arg(bundle::kName, bundle::kShortVersion,
                               options.headless ? QStringLiteral("headless") : QStringLiteral("window")));
 
+    // Short lines for the operator on standard output; the log keeps everything.
+    OperatorConsole console(options.quiet);
+
     // The camera backend; the simulator is also driven from outside over D-Bus.
     std::string backendWhy;
     std::unique_ptr<eds::EdsSdk> cameraSdk = eds::createSdk(options.cameraBackend.toStdString(), &backendWhy);
     std::unique_ptr<QObject> simulatorControl;
     if (!cameraSdk) {
-        Logger::setError(QStringLiteral("camera backend \"%1\" is not available: %2")
-                             .arg(options.cameraBackend.isEmpty()
+        const QString requested = options.cameraBackend.isEmpty()
                                       ? qEnvironmentVariable("BRIX_CAMERA_BACKEND", QStringLiteral("auto"))
-                                      : options.cameraBackend,
-                                  QString::fromStdString(backendWhy)));
+                                      : options.cameraBackend;
+        Logger::setError(QStringLiteral("camera backend \"%1\" is not available: %2")
+                             .arg(requested, QString::fromStdString(backendWhy)));
+        console.backendUnavailable(requested, QString::fromStdString(backendWhy));
     } else {
         Logger::setError(QStringLiteral("camera backend: %1").arg(QLatin1String(cameraSdk->backendName())));
+        console.backendStarted(QLatin1String(cameraSdk->backendName()));
         if (eds::simulatorControl(*cameraSdk)) {
             QString why;
             simulatorControl = eds::exportSimulatorControl(*cameraSdk, &why);
@@ -99,9 +105,10 @@ int main(int argc, char **argv) {
     // Each saved shot is announced, in order, from the queue that saved it.
     QObject::connect(
         &viewController, &ViewController::photoSaved, &viewController,
-        [](const QString &path) {
+        [&console](const QString &path) {
             interapp::mySendBrixXNotification2(path);
             interapp::mySendPreviewerAppNotificationWithFilePath(path);
+            console.shotSaved(path);
         },
         Qt::DirectConnection);
 
@@ -125,6 +132,7 @@ int main(int argc, char **argv) {
 
     // Shots already downloaded are written and announced before the end.
     ViewController::metadataQueue()->sync([] {});
+    console.stopping();
     if (sdk)
         OKVA_CanonCamera::applicationWillTerminate(QStringLiteral("application will terminate"));
     QCoreApplication::processEvents();

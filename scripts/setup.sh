@@ -10,6 +10,7 @@ packages=(
   dbus dbus-x11 libglib2.0-bin xvfb xauth procps
   libgtest-dev libgmock-dev googletest libbenchmark-dev libspdlog-dev
   clang libclang-rt-14-dev
+  dpkg-dev file gzip appstream desktop-file-utils
 )
 
 missing=()
