@@ -45,7 +45,7 @@ constexpr const char *kBanner = "%1->%2 ========================================
 // The alert of the single-instance rule stays switched off: a photo station
 // left alone must not wait on a button; the beep and the log line stand for it.
 constexpr bool kShowDuplicateInstanceAlert = false;
-// The 32-bit branch of the original is never taken.
+// The station is 64-bit only: the 32-bit label is never chosen.
 constexpr const char *kLable1Text = "64bit";
 constexpr const char *kRunningModeText = "64bit mode";
 constexpr const char *kUnknownVersion = "Unknown???";
