@@ -100,7 +100,7 @@ int main(int argc, char **argv) {
         station.setProcessChannelMode(QProcess::ForwardedChannels);
         const int before = announced;
         const auto t0 = Clock::now();
-        station.start(BRIX_EXECUTABLE, {"--headless"});
+        station.start(BRIX_EXECUTABLE, {"--headless", "--quiet"});
         if (!waitUntil([&] { return announced > before; })) {
             std::fprintf(stderr, "start %d: no camera announced\n", i);
             return 1;
@@ -115,7 +115,7 @@ int main(int argc, char **argv) {
     first.setProcessEnvironment(env);
     first.setProcessChannelMode(QProcess::ForwardedChannels);
     int before = announced;
-    first.start(BRIX_EXECUTABLE, {"--headless"});
+    first.start(BRIX_EXECUTABLE, {"--headless", "--quiet"});
     if (!waitUntil([&] { return announced > before; }))
         return 1;
     const QString logPath = home.path() + "/.local/state/Logs/Brix/BrixCanonCapture.log";
