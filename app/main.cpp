@@ -8,6 +8,7 @@
 #include "InterAppNotifications.h"
 #include "Logger.h"
 #include "MainWindow.h"
+#include "MemoryPolicy.h"
 #include "OKVA_CanonCamera.h"
 #include "OperatorConsole.h"
 #include "Paths.h"
@@ -29,6 +30,7 @@ int main(int argc, char **argv) {
     // and the signals reach only the signalfds of the main loop.
     Watchdog::blockCaughtSignals();
     dispatch::setMainThread();
+    keepShotBuffersInTheHeap();
 
     QStringList arguments;
     for (int i = 0; i < argc; ++i)
@@ -130,11 +132,12 @@ int main(int argc, char **argv) {
 
     const int status = app->exec();
 
-    // Shots already downloaded are written and announced before the end.
+    // On its way out the loop told the camera class, which waited for the SDK
+    // callbacks under way and let no later one through, then ended the SDK:
+    // no camera event reaches the objects below any more. Shots already
+    // downloaded are written and announced before they go.
     ViewController::metadataQueue()->sync([] {});
     console.stopping();
-    if (sdk)
-        OKVA_CanonCamera::applicationWillTerminate(QStringLiteral("application will terminate"));
     QCoreApplication::processEvents();
     Preferences::standard().synchronize();
     Logger::setError(QStringLiteral("%1 ended with status %2").arg(bundle::kName).arg(status));

@@ -10,6 +10,7 @@
 #include "EdsSdk.h"
 #include "InterAppNotifications.h"
 #include "Logger.h"
+#include "MemoryPolicy.h"
 #include "NotificationCenter.h"
 #include "OKVA_CanonCamera.h"
 #include "Preferences.h"
@@ -282,6 +283,7 @@ template <class F> int inChild(F f) {
 } // namespace
 
 int main(int argc, char **argv) {
+    keepShotBuffersInTheHeap(); // as the station does
     const int shots = argc > 1 ? std::atoi(argv[1]) : 100;
     const qint64 bytes = qint64((argc > 2 ? std::atof(argv[2]) : 25.0) * 1e6);
     if (qEnvironmentVariableIsEmpty("DBUS_SESSION_BUS_ADDRESS")) {

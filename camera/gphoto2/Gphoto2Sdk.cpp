@@ -181,14 +181,7 @@ struct Value {
 // loop keeps turning meanwhile: a handler on that queue may be waiting for the
 // main thread (a notification posted and waited for), and must get its turn.
 void drain(const dispatch::QueuePtr &queue) {
-    if (dispatch::isMainThread() && QCoreApplication::instance()) {
-        auto done = std::make_shared<std::atomic<bool>>(false);
-        queue->async([done] { done->store(true); });
-        while (!done->load())
-            QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
-    } else {
-        queue->sync([] {});
-    }
+    dispatch::drainPumpingMainLoop(queue);
 }
 
 } // namespace
