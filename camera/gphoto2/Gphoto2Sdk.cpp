@@ -620,7 +620,7 @@ struct Gphoto2Sdk::Impl {
         Widget w;
         const int rc = readWidget(c, *spec, &w);
         if (rc == gp::NotSupported) {
-            if (id == kEdsPropID_ProductName) {
+            if (spec->fromModelName) {
                 out->text = c.id.model;
                 return EDS_ERR_OK;
             }
@@ -678,7 +678,7 @@ struct Gphoto2Sdk::Impl {
         int rc = gp::OK;
         switch (spec->kind) {
         case PropertyKind::Text:
-            if (id == kEdsPropID_ProductName || id == kEdsPropID_FirmwareVersion || id == kEdsPropID_LensName)
+            if (spec->readOnly)
                 return EDS_ERR_NOT_SUPPORTED;
             rc = writeWidget(c, widget, textValue(in.text));
             break;
