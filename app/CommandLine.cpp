@@ -54,7 +54,10 @@ QString CommandLine::helpText(const QString &programName) {
                "Launch arguments understood for the station's own tools:\n"
                "  -fromlaunchagent, -frombrixpreview, --autorelaunched\n"
                "\n"
-               "The station ends on SIGTERM, SIGINT or SIGHUP and from the window's Quit.\n")
+               "Only one station runs per session: a second start asks the running one to\n"
+               "come forward and exits. SIGTERM and the window's Quit end the station\n"
+               "normally; after a crash, a kill or a hang its watchdog starts it again.\n"
+               "SIGHUP is logged and ignored.\n")
         .arg(programName);
 }
 

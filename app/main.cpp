@@ -13,10 +13,9 @@
 #include "OperatorConsole.h"
 #include "Paths.h"
 #include "Preferences.h"
-#include "SignalWatcher.h"
 #include "SimulatorControl.h"
-#include "SystemInfo.h"
 #include "ViewController.h"
+#include "Watchdog.h"
 
 #include <QApplication>
 #include <QCoreApplication>
@@ -28,8 +27,8 @@ using namespace brix;
 
 int main(int argc, char **argv) {
     // Before any thread exists, so that every thread inherits the blocked mask
-    // and the signals reach only the signalfd.
-    SignalWatcher::blockTerminationSignals();
+    // and the signals reach only the signalfds of the main loop.
+    Watchdog::blockCaughtSignals();
     dispatch::setMainThread();
     keepShotBuffersInTheHeap();
 
@@ -61,15 +60,9 @@ int main(int argc, char **argv) {
     QCoreApplication::setApplicationName(bundle::kName);
     QCoreApplication::setApplicationVersion(bundle::kShortVersion);
 
-    // From here on the error stream, ours and every library's, goes to the rotating log.
-    Logger::setLogFile(Logger::defaultLogFileWithinSubdirectory(QStringLiteral("Brix")));
-    OKVA_SystemInfo::logCurrentSystemInfo();
-
-    SignalWatcher signalWatcher;
-    QObject::connect(&signalWatcher, &SignalWatcher::terminationRequested, app.get(), [](int signalNumber) {
-        Logger::setError(QStringLiteral("received signal %1, quitting").arg(signalNumber));
-        QCoreApplication::quit();
-    });
+    // Start-up: from here on the error stream, ours and every library's, goes
+    // to the rotating log. A second copy ends here, before any camera is opened.
+    AppDelegate::initialize(arguments);
 
     Logger::setError(QStringLiteral("%1 %2 starting (%3)")
                          .arg(bundle::kName, bundle::kShortVersion,
@@ -103,9 +96,6 @@ int main(int argc, char **argv) {
         }
     }
 
-    // Factory values under the user's own.
-    Preferences::standard().registerFactoryDefaults();
-
     // The delegate and the view controller listen before the camera class
     // starts, so that the first camera list is not missed.
     AppDelegate delegate;
@@ -124,11 +114,17 @@ int main(int argc, char **argv) {
         },
         Qt::DirectConnection);
 
+    // Arms the watchdog (or leaves the station unmonitored, signals as usual).
+    delegate.applicationWillFinishLaunching();
+    Watchdog::releaseUncaughtSignals();
+
     std::unique_ptr<MainWindow> window;
     if (!options.headless) {
         window = std::make_unique<MainWindow>();
         window->show();
     }
+
+    delegate.applicationDidFinishLaunching();
 
     std::shared_ptr<eds::EdsSdk> sdk(std::move(cameraSdk));
     if (sdk)
