@@ -242,7 +242,7 @@ private:
 struct OKVA_FileEvent::Core : std::enable_shared_from_this<Core> {
     QStringList paths;
     double latency = kDefaultLatency;
-    quint32 createFlags = kFileEventCreateFlagUseCFTypes | kFileEventCreateFlagNoDefer;
+    quint32 createFlags = kFileEventCreateFlagPathObjects | kFileEventCreateFlagNoDefer;
     std::atomic<bool> running{false};
     std::atomic<bool> paused{false};
 

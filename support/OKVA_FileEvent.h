@@ -49,7 +49,7 @@ inline constexpr quint32 kItemIsDir = 0x00020000;
 
 // Stream creation flags: path list as platform objects, no defer, and
 // file-level events for a single watched file.
-inline constexpr quint32 kFileEventCreateFlagUseCFTypes = 0x1;
+inline constexpr quint32 kFileEventCreateFlagPathObjects = 0x1;
 inline constexpr quint32 kFileEventCreateFlagNoDefer = 0x2;
 inline constexpr quint32 kFileEventCreateFlagFileEvents = 0x10;
 
