@@ -1,15 +1,28 @@
 #include "AppDelegate.h"
 
+#include "BundleInfo.h"
 #include "CameraPanelModel.h"
 #include "Describe.h"
 #include "InterAppNotifications.h"
 #include "Logger.h"
+#include "Preferences.h"
 #include "PropertyDisplay.h"
 #include "Scheduling.h"
+#include "SingleInstance.h"
+#include "SystemInfo.h"
 #include "SystemSound.h"
+#include "ViewController.h"
+#include "Watchdog.h"
 
+#include <QApplication>
+#include <QFile>
+#include <QMessageBox>
+
+#include <sys/utsname.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <memory>
 
 namespace brix {
 
@@ -66,7 +79,228 @@ QString cameraText(const CameraPtr &camera) {
     return camera ? camera->description() : QStringLiteral("(null)");
 }
 
+constexpr const char *kClassName = "AppDelegate";
+constexpr const char *kBanner = "%1->%2 ===================================================================";
+// The alert of the single-instance rule stays switched off: a photo station
+// left alone must not wait on a button; the beep and the log line stand for it.
+constexpr bool kShowDuplicateInstanceAlert = false;
+// The station is 64-bit only: the 32-bit label is never chosen.
+constexpr const char *kLable1Text = "64bit";
+constexpr const char *kRunningModeText = "64bit mode";
+constexpr const char *kUnknownVersion = "Unknown???";
+
+// Process-wide start-up state (main thread).
+bool gDidOnceAlready = false;
+bool gAutorelaunched = false;
+SingleInstance *gSingleInstance = nullptr; // lives for the process
+
+QString banner(const char *operation) {
+    return QString::fromLatin1(kBanner).arg(QLatin1String(kClassName), QLatin1String(operation));
+}
+
+// The system beep: the window's own with a window, the theme's bell without one.
+void beep() {
+    if (qobject_cast<QApplication *>(QCoreApplication::instance()))
+        QApplication::beep();
+    SystemSound::beep();
+}
+
+// What the release tool reports: product name and version, and the kernel's build.
+QString operatingSystemText() {
+    QFile f(QStringLiteral("/etc/os-release"));
+    if (!f.open(QIODevice::ReadOnly))
+        return {};
+    QString name, version;
+    for (const QByteArray &raw : f.readAll().split('\n')) {
+        const QString line = QString::fromUtf8(raw);
+        auto value = [&](const QString &prefix) {
+            QString v = line.mid(prefix.size());
+            if (v.size() >= 2 && (v.front() == '"' || v.front() == '\'') && v.back() == v.front())
+                v = v.mid(1, v.size() - 2);
+            return v;
+        };
+        if (line.startsWith(QLatin1String("NAME=")))
+            name = value(QStringLiteral("NAME="));
+        else if (line.startsWith(QLatin1String("VERSION_ID=")))
+            version = value(QStringLiteral("VERSION_ID="));
+    }
+    struct utsname uts;
+    const QString build = ::uname(&uts) == 0 ? QString::fromLocal8Bit(uts.release) : QString();
+    return QStringLiteral("ProductName:\t%1\nProductVersion:\t%2\nBuildVersion:\t%3\n")
+        .arg(name, version, build);
+}
+
+QString hardwareModelText() {
+    const QString model =
+        OKVA_SystemInfo::sysctlValuesForKeys({QStringLiteral("hw.model")}).value(QStringLiteral("hw.model"));
+    return model.isEmpty() ? QString() : QStringLiteral("hw.model: %1\n").arg(model);
+}
+
 } // namespace
+
+// --- start-up and shutdown -----------------------------------------------------
+
+bool AppDelegate::didOnceAlready() {
+    return gDidOnceAlready;
+}
+bool AppDelegate::autorelaunched() {
+    return gAutorelaunched;
+}
+SingleInstance *AppDelegate::singleInstance() {
+    return gSingleInstance;
+}
+
+void AppDelegate::initialize(const QStringList &arguments) {
+    if (gDidOnceAlready) {
+        Logger::setError(QStringLiteral("Inside %1 => %2...ALREADY gDidOnceAlready....")
+                             .arg(QLatin1String(kClassName), QLatin1String("initialize")));
+        return;
+    }
+    gDidOnceAlready = true;
+
+    Logger::setLogFile(Logger::defaultLogFileWithinSubdirectory(QStringLiteral("Brix")));
+    OKVA_SystemInfo::logCurrentSystemInfo();
+    Logger::setError(banner("initialize"));
+
+    checkForDuplicateRunningInstances();
+
+    Logger::setError(QStringLiteral("\n\n"));
+    Logger::setError(banner("initialize"));
+    const QString os = operatingSystemText();
+    if (!os.isEmpty())
+        Logger::setError(os);
+    const QString model = hardwareModelText();
+    if (!model.isEmpty())
+        Logger::setError(model);
+    Logger::setError(QStringLiteral("RunningMode: %1").arg(QLatin1String(kRunningModeText)));
+    Logger::setError(banner("initialize"));
+    Logger::setError(QStringLiteral("\n\n"));
+
+    Logger::setError(QStringLiteral("args = %1").arg(describe(QVariant(arguments))));
+    for (const QString &arg : arguments) {
+        if (arg.compare(QLatin1String("-fromlaunchagent"), Qt::CaseInsensitive) == 0) {
+            Logger::setError(QStringLiteral("App Launched From LaunchAgent..."));
+        } else if (arg.compare(QLatin1String("-frombrixpreview"), Qt::CaseInsensitive) == 0) {
+            Logger::setError(QStringLiteral("App Launched From BrixPreviewer.app..."));
+        } else if (arg.compare(QLatin1String(Watchdog::kRelaunchArgument), Qt::CaseInsensitive) == 0) {
+            Logger::setError(QStringLiteral("App Launched From WatchDog..."));
+            gAutorelaunched = true;
+            beep();
+        }
+    }
+
+    // Factory values under the user's own; without the resource, none.
+    Preferences::standard().registerFactoryDefaults();
+}
+
+void AppDelegate::checkForDuplicateRunningInstances() {
+    gSingleInstance = new SingleInstance;
+    QObject::connect(gSingleInstance, &SingleInstance::activateRequested, gSingleInstance, [](qint64 pid) {
+        Logger::setError(
+            QStringLiteral("Inside %1 => %2...another instance (pid %3) asked us to come forward")
+                .arg(QLatin1String(kClassName), QLatin1String("Activate"))
+                .arg(pid));
+    });
+    if (gSingleInstance->claim())
+        return;
+    const pid_t other = gSingleInstance->otherPid();
+    beep();
+    Logger::setError(QStringLiteral("Inside %1 => %2...Another Instance of this app is already running...")
+                         .arg(QLatin1String(kClassName), QLatin1String("checkForDuplicateRunningInstances")));
+    if constexpr (kShowDuplicateInstanceAlert) {
+        const QStringList texts = duplicateInstanceAlertTexts();
+        QMessageBox alert;
+        alert.setText(texts[0]);
+        alert.setInformativeText(texts[1]);
+        alert.addButton(texts[2], QMessageBox::AcceptRole);
+        alert.exec();
+    }
+    const bool activated = gSingleInstance->activateOther();
+    Logger::setError(QStringLiteral("the running copy (pid %1) %2")
+                         .arg(other)
+                         .arg(activated ? QStringLiteral("was asked to come forward")
+                                        : QStringLiteral("could not be asked to come forward")));
+    Logger::flush();
+    ::_exit(0);
+}
+
+QStringList AppDelegate::duplicateInstanceAlertTexts() {
+    return {QStringLiteral("!!! Another Instance of This App is Already Running !!!"),
+            QStringLiteral("Only One Instance of this app can be running at the same time.\n\nThis App PID = "
+                           "(myPID)\nExisting Running App PID = (existingrunningapp!.processIdentifier)\n\n"),
+            QStringLiteral("OK")};
+}
+
+// The variant that told an older version from a newer one; nothing calls it.
+QStringList AppDelegate::olderVersionAlertTexts(const QString &otherName) {
+    return {
+        QStringLiteral("!!! An OLDER Version of %1 is Running !!!").arg(otherName),
+        QStringLiteral("Quit the Older Version or This Newer Version??"),
+        QStringLiteral("Quit \"%1\"").arg(otherName),
+        QStringLiteral("Quit This Version"),
+        QStringLiteral(
+            "already running an instance of our app bundleIdentifier or older/debug bundlerIdentifier..."),
+        QStringLiteral("com.lumetra.BRIX-XML")};
+}
+
+dispatch::QueuePtr AppDelegate::currentCameraDispatchQueue() {
+    // A function-local static: concurrent first callers get the same queue.
+    static const dispatch::QueuePtr queue =
+        Scheduling::dispatchQueueSerialWithDebugLabel(QLatin1String(kCurrentCameraQueueLabel));
+    return queue;
+}
+
+QVariantMap AppDelegate::bundleInfo() {
+    return {{QStringLiteral("CFBundleName"), QLatin1String(bundle::kName)},
+            {QStringLiteral("CFBundleExecutable"), QLatin1String(bundle::kName)},
+            {QStringLiteral("CFBundleIdentifier"), QLatin1String(bundle::kIdentifier)},
+            {QStringLiteral("CFBundleShortVersionString"), QLatin1String(bundle::kShortVersion)},
+            {QStringLiteral("CFBundleVersion"), QLatin1String(bundle::kBundleVersion)},
+            {QStringLiteral("DTXcode"), QLatin1String(bundle::kCompiler)},
+            {QStringLiteral("DTSDKName"), QLatin1String(bundle::kSDKName)}};
+}
+
+void AppDelegate::applicationWillFinishLaunching() {
+    Logger::setError(QStringLiteral("Inside %1 => %2...")
+                         .arg(objectDescription(), QLatin1String("applicationWillFinishLaunching:")));
+    Watchdog::autoRelaunchUnless(4, 30.0, [](unsigned, double) { return false; });
+}
+
+void AppDelegate::applicationDidFinishLaunching() {
+    fControlKeyPressed = false;
+    setupWindowTitle();
+}
+
+void AppDelegate::setupWindowTitle(const QVariantMap &info) {
+    Logger::setError(QStringLiteral("myappinfo = %1").arg(describe(QVariant(info))));
+    const QString name = info.value(QStringLiteral("CFBundleName")).toString();
+    QString version = info.value(QStringLiteral("CFBundleShortVersionString")).toString();
+    if (version.isEmpty())
+        version = QLatin1String(kUnknownVersion);
+    Preferences &prefs = Preferences::standard();
+    prefs.setObject(QString::fromLatin1(kLable1Text), QLatin1String(pref::kLable1String));
+    const QString longInfo = QStringLiteral("%1 v%2 xc-%3 sdk-%4")
+                                 .arg(name, version, info.value(QStringLiteral("DTXcode")).toString(),
+                                      info.value(QStringLiteral("DTSDKName")).toString());
+    prefs.setObject(longInfo, QLatin1String(pref::kLongInfoString));
+    // Both title writes stay, in this order; the second wins.
+    prefs.setObject(QStringLiteral("%1 (v%2)").arg(name, version) +
+                        QStringLiteral(" %1").arg(prefs.stringForKey(QLatin1String(pref::kLable1String))),
+                    QLatin1String(pref::kWindowTitleName));
+    prefs.setObject(longInfo, QLatin1String(pref::kWindowTitleName));
+}
+
+void AppDelegate::ibOpenPrefsAction() {
+    Logger::setError(
+        QStringLiteral("Inside %1 => %2...").arg(objectDescription(), QLatin1String("ibOpenPrefsAction:")));
+    NotificationCenter::defaultCenter().post(QLatin1String(ViewController::kOpenPrefsNotification));
+}
+
+void AppDelegate::ibHandleCommandQuit() {
+    Logger::setError(
+        QStringLiteral("Inside %1 => %2...").arg(objectDescription(), QLatin1String("ibHandleCommandQuit:")));
+    NotificationCenter::defaultCenter().post(QLatin1String(kQuitAppNotification));
+}
 
 AppDelegate::AppDelegate(QObject *parent) : QObject(parent) {}
 
@@ -100,13 +334,15 @@ void AppDelegate::awakeFromNib() {
     observe(kOKVA_CanonCameraPropertiesDidChange, &AppDelegate::cameraPropertiesChanged);
     observe(kOKVA_CanonCameraPropertyDidChange, &AppDelegate::cameraPropertyChanged);
     // Registered without a handler of their own: delivery does nothing.
+    localTokens_.push_back(center.addObserver(kOKVA_CanonCameraLiveViewImageUpdate, {}, [](const Notification &) {}));
+    localTokens_.push_back(center.addObserver(kOKVA_CanonCameraCommandError, {}, [](const Notification &) {}));
+    // Nothing in the station posts it; a sibling that does only gets a log line.
     localTokens_.push_back(
-        center.addObserver(kOKVA_CanonCameraLiveViewImageUpdate, {}, [](const Notification &) {}));
-    localTokens_.push_back(
-        center.addObserver(kOKVA_CanonCameraCommandError, {}, [](const Notification &) {}));
-    // Nothing in the station posts it; its handler never existed.
-    localTokens_.push_back(
-        center.addObserver(QStringLiteral("notifictionStartPhotoSession"), {}, [](const Notification &) {}));
+        center.addObserver(QLatin1String(kStartPhotoSessionNotification), {}, [this](const Notification &) {
+            Logger::setError(
+                QStringLiteral("Inside %1 => %2...no photo session to start")
+                    .arg(objectDescription(), QLatin1String("handleDoStartPhotoSessionNotification:")));
+        }));
 
     distributedTokens_.push_back(DistributedNotificationCenter::defaultCenter().addObserver(
         QString::fromLatin1(interapp::kNikonAppNotification),

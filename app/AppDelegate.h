@@ -1,4 +1,9 @@
-// AppDelegate: keeps the current camera, loads the first camera that appears,
+// AppDelegate: owns the process's life: the one-time start-up sequence (log
+// file, system report, single instance, launch arguments, factory defaults),
+// the launch callbacks that arm the watchdog and compose the window title, the
+// queue on which the current camera is driven, and the menu actions that ask
+// for the preferences or a quit. It also keeps the current camera, loads the
+// first camera that appears,
 // tells the sibling applications when the camera becomes available or goes
 // away, mirrors camera properties into the window's controls (when there is a
 // window), and answers the siblings' requests ("grabimage",
@@ -12,6 +17,7 @@
 #pragma once
 
 #include "CameraControls.h"
+#include "Dispatch.h"
 #include "DistributedNotificationCenter.h"
 #include "NotificationCenter.h"
 #include "OKVA_CanonCamera.h"
@@ -26,13 +32,53 @@
 
 namespace brix {
 
+class SingleInstance;
+
 class AppDelegate : public QObject, public OKVA_CanonCameraDelegate {
     Q_OBJECT
 public:
     static constexpr const char *kSeparator = "===========================================";
+    static constexpr const char *kQuitAppNotification = "quitAppNotification";
+    static constexpr const char *kStartPhotoSessionNotification = "notifictionStartPhotoSession";
+    static constexpr const char *kCurrentCameraQueueLabel = "com.lumetra.brix.current.camera.queue";
 
     explicit AppDelegate(QObject *parent = nullptr);
     ~AppDelegate() override;
+
+    // --- start-up and shutdown ---
+    // The start-up sequence, once per process (a second call only logs). Ends
+    // the process with status 0 when another copy runs.
+    static void initialize(const QStringList &arguments);
+    static bool didOnceAlready();
+    // Another copy running: beep, log, ask it to come forward, exit 0.
+    static void checkForDuplicateRunningInstances();
+    // The single-instance guard of this process (after initialize()); the window
+    // connects to its activateRequested to raise itself.
+    static SingleInstance *singleInstance();
+    // Set when the launch arguments hold "--autorelaunched"; written, never read.
+    static bool autorelaunched();
+    // The serial queue "com.lumetra.brix.current.camera.queue", created on first
+    // use. Never released.
+    static dispatch::QueuePtr currentCameraDispatchQueue();
+    // Name, versions, tool and SDK names, identifier, executable.
+    static QVariantMap bundleInfo();
+    // The texts of the alerts of the single-instance rule (both stay switched off).
+    static QStringList duplicateInstanceAlertTexts();
+    static QStringList olderVersionAlertTexts(const QString &otherName);
+
+    // Arms the watchdog: 4 relaunches within 30.0 s stop the loop.
+    void applicationWillFinishLaunching();
+    void applicationDidFinishLaunching();
+    // Logs the bundle information and writes the title preferences.
+    void setupWindowTitle(const QVariantMap &info = bundleInfo());
+    // Closing the last window does not quit; quitting goes through the quit sheet.
+    bool applicationShouldTerminateAfterLastWindowClosed() const { return false; }
+    void applicationWillTerminate() {}
+    // Menu actions.
+    void ibOpenPrefsAction();
+    void ibHandleCommandQuit();
+
+    bool fControlKeyPressed = false;
 
     // Registers the camera and sibling observers.
     void awakeFromNib();

@@ -16,6 +16,8 @@ CommandLine CommandLine::parse(const QStringList &arguments) {
             cl.version = true;
         } else if (arg == "--headless") {
             cl.headless = true;
+        } else if (arg == "--quiet" || arg == "-q") {
+            cl.quiet = true;
         } else if (arg.startsWith("--camera-backend=")) {
             QString value = arg.mid(int(qstrlen("--camera-backend="))).toLower();
             if (kBackends.contains(value))
@@ -43,13 +45,19 @@ QString CommandLine::helpText(const QString &programName) {
                "  --headless                 run without a window (kiosk, service, tests)\n"
                "  --camera-backend=NAME      simulator | gphoto2 | edsdk | auto\n"
                "                             (default: $BRIX_CAMERA_BACKEND, else auto)\n"
+               "  -q, --quiet                print nothing on standard output; without it the\n"
+               "                             station prints a line for the backend, each camera\n"
+               "                             found or lost, each shot saved and each error to act on\n"
                "  --version                  print the version and exit\n"
                "  -h, --help                 print this help and exit\n"
                "\n"
                "Launch arguments understood for the station's own tools:\n"
                "  -fromlaunchagent, -frombrixpreview, --autorelaunched\n"
                "\n"
-               "The station ends on SIGTERM, SIGINT or SIGHUP and from the window's Quit.\n")
+               "Only one station runs per session: a second start asks the running one to\n"
+               "come forward and exits. SIGTERM and the window's Quit end the station\n"
+               "normally; after a crash, a kill or a hang its watchdog starts it again.\n"
+               "SIGHUP is logged and ignored.\n")
         .arg(programName);
 }
 

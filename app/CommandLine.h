@@ -13,6 +13,7 @@ struct CommandLine {
     bool help = false;
     bool version = false;
     bool headless = false;
+    bool quiet = false;    // no operator lines on standard output
     QString cameraBackend; // "simulator", "gphoto2", "edsdk", "auto"; empty = environment or default
     QStringList errors;    // options given with a bad value
 

@@ -12,15 +12,15 @@
 #include "LiveViewController.h"
 #include "Logger.h"
 #include "MainWindow.h"
+#include "MemoryPolicy.h"
 #include "OKVA_CanonCamera.h"
+#include "OperatorConsole.h"
 #include "Paths.h"
 #include "Preferences.h"
-#include "Relaunch.h"
 #include "Scheduling.h"
-#include "SignalWatcher.h"
 #include "SimulatorControl.h"
-#include "SystemInfo.h"
 #include "ViewController.h"
+#include "Watchdog.h"
 #include "WindowProbe.h"
 
 #include <QApplication>
@@ -34,9 +34,10 @@ using namespace brix;
 
 int main(int argc, char **argv) {
     // Before any thread exists, so that every thread inherits the blocked mask
-    // and the signals reach only the signalfd.
-    SignalWatcher::blockTerminationSignals();
+    // and the signals reach only the signalfds of the main loop.
+    Watchdog::blockCaughtSignals();
     dispatch::setMainThread();
+    keepShotBuffersInTheHeap();
 
     QStringList arguments;
     for (int i = 0; i < argc; ++i)
@@ -66,34 +67,31 @@ int main(int argc, char **argv) {
     QCoreApplication::setApplicationName(bundle::kName);
     QCoreApplication::setApplicationVersion(bundle::kShortVersion);
 
-    // From here on the error stream, ours and every library's, goes to the rotating log.
-    Logger::setLogFile(Logger::defaultLogFileWithinSubdirectory(QStringLiteral("Brix")));
-    OKVA_SystemInfo::logCurrentSystemInfo();
-
-    SignalWatcher signalWatcher;
-    QObject::connect(&signalWatcher, &SignalWatcher::terminationRequested, app.get(), [](int signalNumber) {
-        Logger::setError(QStringLiteral("received signal %1, quitting").arg(signalNumber));
-        // exit, not quit: a quit request goes through the window's close
-        // confirmation, and a signal must end the station without a question.
-        QCoreApplication::exit(0);
-    });
+    // Start-up: from here on the error stream, ours and every library's, goes
+    // to the rotating log. A second copy ends here, before any camera is opened.
+    AppDelegate::initialize(arguments);
 
     Logger::setError(QStringLiteral("%1 %2 starting (%3)")
                          .arg(bundle::kName, bundle::kShortVersion,
                               options.headless ? QStringLiteral("headless") : QStringLiteral("window")));
+
+    // Short lines for the operator on standard output; the log keeps everything.
+    OperatorConsole console(options.quiet);
 
     // The camera backend; the simulator is also driven from outside over D-Bus.
     std::string backendWhy;
     std::unique_ptr<eds::EdsSdk> cameraSdk = eds::createSdk(options.cameraBackend.toStdString(), &backendWhy);
     std::unique_ptr<QObject> simulatorControl;
     if (!cameraSdk) {
-        Logger::setError(QStringLiteral("camera backend \"%1\" is not available: %2")
-                             .arg(options.cameraBackend.isEmpty()
+        const QString requested = options.cameraBackend.isEmpty()
                                       ? qEnvironmentVariable("BRIX_CAMERA_BACKEND", QStringLiteral("auto"))
-                                      : options.cameraBackend,
-                                  QString::fromStdString(backendWhy)));
+                                      : options.cameraBackend;
+        Logger::setError(QStringLiteral("camera backend \"%1\" is not available: %2")
+                             .arg(requested, QString::fromStdString(backendWhy)));
+        console.backendUnavailable(requested, QString::fromStdString(backendWhy));
     } else {
         Logger::setError(QStringLiteral("camera backend: %1").arg(QLatin1String(cameraSdk->backendName())));
+        console.backendStarted(QLatin1String(cameraSdk->backendName()));
         if (eds::simulatorControl(*cameraSdk)) {
             QString why;
             simulatorControl = eds::exportSimulatorControl(*cameraSdk, &why);
@@ -104,9 +102,6 @@ int main(int argc, char **argv) {
                 Logger::setError(QStringLiteral("simulator control not exported: %1").arg(why));
         }
     }
-
-    // Factory values under the user's own.
-    Preferences::standard().registerFactoryDefaults();
 
     // The delegate and the view controller listen before the camera class
     // starts, so that the first camera list is not missed.
@@ -121,11 +116,16 @@ int main(int argc, char **argv) {
     // Each saved shot is announced, in order, from the queue that saved it.
     QObject::connect(
         &viewController, &ViewController::photoSaved, &viewController,
-        [](const QString &path) {
+        [&console](const QString &path) {
             interapp::mySendBrixXNotification2(path);
             interapp::mySendPreviewerAppNotificationWithFilePath(path);
+            console.shotSaved(path);
         },
         Qt::DirectConnection);
+
+    // Arms the watchdog (or leaves the station unmonitored, signals as usual).
+    delegate.applicationWillFinishLaunching();
+    Watchdog::releaseUncaughtSignals();
 
     // The camera object is made by the view's start sequence (the start control).
     std::shared_ptr<eds::EdsSdk> sdk(std::move(cameraSdk));
@@ -150,7 +150,7 @@ int main(int argc, char **argv) {
         QObject::connect(window.get(), &MainWindow::quitConfirmed, app.get(),
                          [] { QCoreApplication::exit(0); });
         QObject::connect(window.get(), &MainWindow::quitAndRelaunchRequested, app.get(),
-                         [arguments] { Relaunch::quitAndRelaunch(arguments); });
+                         [] { Watchdog::quitAndRelaunch(); });
         QObject::connect(
             window.get(), &MainWindow::sendAllItemsInHotFolderRequested, &viewController, [&viewController] {
                 const QVariant folder = viewController.getPathToSavePhotos();
@@ -160,14 +160,17 @@ int main(int argc, char **argv) {
         window->show();
         probe = WindowProbe::exportIfRequested(*window, panel, viewController);
     }
+    delegate.applicationDidFinishLaunching();
     viewController.viewDidLoad();
 
     const int status = app->exec();
 
-    // Shots already downloaded are written and announced before the end.
+    // On its way out the loop told the camera class, which waited for the SDK
+    // callbacks under way and let no later one through, then ended the SDK:
+    // no camera event reaches the objects below any more. Shots already
+    // downloaded are written and announced before they go.
     ViewController::metadataQueue()->sync([] {});
-    if (viewController.cameraObjectExists())
-        OKVA_CanonCamera::applicationWillTerminate(QStringLiteral("application will terminate"));
+    console.stopping();
     QCoreApplication::processEvents();
     Preferences::standard().synchronize();
     Logger::setError(QStringLiteral("%1 ended with status %2").arg(bundle::kName).arg(status));

@@ -4,6 +4,7 @@
 //   build/default/bench/camera_bench
 #include "Dispatch.h"
 #include "ForwardingSdk.h"
+#include "MemoryPolicy.h"
 #include "NotificationCenter.h"
 #include "OKVA_CanonCamera.h"
 #include "SimulatorControl.h"
@@ -194,6 +195,7 @@ BENCHMARK(BM_LiveViewFrameRate)->Unit(benchmark::kMillisecond)->Iterations(1)->U
 
 int main(int argc, char **argv) {
     dispatch::setMainThread();
+    keepShotBuffersInTheHeap(); // as the station does
     QCoreApplication app(argc, argv);
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();

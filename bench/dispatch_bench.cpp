@@ -1,8 +1,10 @@
-// Serial queue against QThreadPool: submit-to-run latency and throughput.
+// Serial queue against QThreadPool: submit-to-run latency and throughput; the
+// main queue's throughput.
 //   build/default/bench/dispatch_bench
 #include "Dispatch.h"
 
 #include <QCoreApplication>
+#include <QEventLoop>
 #include <QThreadPool>
 
 #include <benchmark/benchmark.h>
@@ -114,14 +116,35 @@ void BM_QThreadPoolLatency(benchmark::State &state) {
     latency(state, [&](auto f) { pool.start(f); });
 }
 
+// Tasks posted to the main queue in a burst and run by its event loop, one at
+// a time, as a modal loop inside one of them needs.
+void BM_MainQueueThroughput(benchmark::State &state) {
+    auto main = dispatch::mainQueue();
+    std::atomic<uint64_t> sink{0};
+    for (auto _ : state) {
+        int64_t left = kBatch;
+        for (int64_t i = 0; i < kBatch; ++i)
+            main->async([&, i] {
+                work(sink, uint64_t(i));
+                --left;
+            });
+        while (left > 0)
+            QCoreApplication::processEvents(QEventLoop::AllEvents | QEventLoop::WaitForMoreEvents);
+    }
+    state.counters["tasks_per_s"] =
+        benchmark::Counter(double(state.iterations() * kBatch), benchmark::Counter::kIsRate);
+}
+
 } // namespace
 
+BENCHMARK(BM_MainQueueThroughput)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_SerialQueueThroughput)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_QThreadPoolThroughput)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(BM_SerialQueueLatency)->Iterations(20000)->UseRealTime();
 BENCHMARK(BM_QThreadPoolLatency)->Iterations(20000)->UseRealTime();
 
 int main(int argc, char **argv) {
+    dispatch::setMainThread();
     QCoreApplication app(argc, argv);
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();

@@ -1,17 +1,26 @@
 // The gphoto2 backend's own costs, without a camera: reading a setting's label
 // back into a camera value, and a download through the backend (1 MiB parts,
 // each handed to the camera's device queue) from an adapter that serves the
-// file from memory, so what is measured is the backend, not USB.
+// file from memory, so what is measured is the backend, not USB. Then a whole
+// shot through the real libgphoto2 on the emulated EOS body (when the tests'
+// emulated libusb is built): shutter to the downloaded bytes in the handler,
+// with the body's bulk transfer held to USB 2 speed or unlimited.
 #include "Gphoto2Sdk.h"
 #include "Gphoto2Tables.h"
+#ifdef BRIX_HAVE_EOSBODY
+#include "EosBody.h"
+#endif
 
 #include <QCoreApplication>
 
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstring>
+#include <mutex>
 #include <thread>
 
 using namespace brix::gphoto2;
@@ -124,6 +133,96 @@ void BM_DownloadThroughBackend(benchmark::State &state) {
     sdk.EdsRelease(camera);
 }
 BENCHMARK(BM_DownloadThroughBackend)->Arg(25)->Unit(benchmark::kMillisecond)->UseRealTime();
+
+#ifdef BRIX_HAVE_EOSBODY
+struct ShotWaiter {
+    Gphoto2Sdk *sdk = nullptr;
+    std::mutex m;
+    std::condition_variable cv;
+    int done = 0;
+    std::string bytes;
+    static EdsError onObject(EdsObjectEvent, EdsBaseRef item, EdsVoid *ctx) {
+        auto *w = static_cast<ShotWaiter *>(ctx);
+        EdsDirectoryItemInfo info{};
+        w->sdk->EdsGetDirectoryItemInfo(item, &info);
+        w->bytes.resize(info.size);
+        EdsStreamRef stream = nullptr;
+        w->sdk->EdsCreateMemoryStreamFromPointer(w->bytes.data(), w->bytes.size(), &stream);
+        w->sdk->EdsDownload(item, info.size, stream);
+        w->sdk->EdsDownloadComplete(item);
+        w->sdk->EdsRelease(stream);
+        std::lock_guard lock(w->m);
+        ++w->done;
+        w->cv.notify_all();
+        return 0;
+    }
+};
+
+// Arguments: shot size in MB, body speed in MB/s (0 = unlimited).
+void BM_ShotThroughEmulatedBody(benchmark::State &state) {
+    const uint64_t bytes = uint64_t(state.range(0)) * 1000 * 1000;
+    const uint64_t speed = uint64_t(state.range(1)) * 1000 * 1000;
+    auto &body = brix::eosbody::EosBody::instance();
+    body.command("reset");
+    body.command("shot-bytes " + std::to_string(bytes));
+    body.limitSpeed(speed);
+    body.plug();
+    Gphoto2Options o;
+    o.hotplug = Gphoto2Options::Hotplug::Off;
+    Gphoto2Sdk sdk(makeLibGphoto2Port(), o);
+    ShotWaiter waiter;
+    waiter.sdk = &sdk;
+    sdk.EdsInitializeSDK();
+    EdsCameraListRef list = nullptr;
+    sdk.EdsGetCameraList(&list);
+    EdsCameraRef camera = nullptr;
+    sdk.EdsGetChildAtIndex(list, 0, &camera);
+    sdk.EdsRelease(list);
+    sdk.EdsSetObjectEventHandler(camera, kEdsObjectEvent_All, ShotWaiter::onObject, &waiter);
+    if (!camera || sdk.EdsOpenSession(camera) != EDS_ERR_OK) {
+        state.SkipWithError("the emulated body did not open");
+        return;
+    }
+    std::vector<double> ms;
+    for (auto _ : state) {
+        const int before = waiter.done;
+        const auto start = std::chrono::steady_clock::now();
+        if (sdk.EdsSendCommand(camera, kEdsCameraCommand_TakePicture, 0) != EDS_ERR_OK) {
+            state.SkipWithError("the shot failed");
+            break;
+        }
+        std::unique_lock lock(waiter.m);
+        if (!waiter.cv.wait_for(lock, std::chrono::seconds(30), [&] { return waiter.done > before; })) {
+            state.SkipWithError("no shot arrived");
+            break;
+        }
+        const double elapsed =
+            std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+        state.SetIterationTime(elapsed / 1000);
+        ms.push_back(elapsed);
+    }
+    if (!ms.empty()) {
+        std::sort(ms.begin(), ms.end());
+        const double wire = speed ? double(waiter.bytes.size()) * 1000 / double(speed) : 0;
+        state.counters["median_ms"] = ms[ms.size() / 2];
+        state.counters["p99_ms"] = ms[std::min(ms.size() - 1, ms.size() * 99 / 100)];
+        state.counters["wire_ms"] = wire;
+        state.counters["added_median_ms"] = ms[ms.size() / 2] - wire;
+    }
+    state.SetBytesProcessed(int64_t(state.iterations()) * int64_t(waiter.bytes.size()));
+    sdk.EdsCloseSession(camera);
+    sdk.EdsRelease(camera);
+    sdk.EdsTerminateSDK();
+    body.unplug();
+}
+BENCHMARK(BM_ShotThroughEmulatedBody)
+    ->Args({25, 35})
+    ->Args({25, 0})
+    ->Args({0, 35})
+    ->Iterations(40)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
+#endif
 
 } // namespace
 

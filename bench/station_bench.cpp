@@ -10,6 +10,7 @@
 #include "EdsSdk.h"
 #include "InterAppNotifications.h"
 #include "Logger.h"
+#include "MemoryPolicy.h"
 #include "NotificationCenter.h"
 #include "OKVA_CanonCamera.h"
 #include "Preferences.h"
@@ -39,7 +40,9 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-double ms(Clock::duration d) { return std::chrono::duration<double, std::milli>(d).count(); }
+double ms(Clock::duration d) {
+    return std::chrono::duration<double, std::milli>(d).count();
+}
 
 long peakRssKiB() {
     rusage u{};
@@ -71,65 +74,76 @@ public:
         return in_->EdsSetCameraAddedHandler(h, c);
     }
     eds::EdsError EdsGetCameraList(eds::EdsCameraListRef *o) override { return in_->EdsGetCameraList(o); }
-    eds::EdsError EdsGetChildCount(eds::EdsBaseRef r, eds::EdsUInt32 *o) override { return in_->EdsGetChildCount(r, o); }
+    eds::EdsError EdsGetChildCount(eds::EdsBaseRef r, eds::EdsUInt32 *o) override {
+        return in_->EdsGetChildCount(r, o);
+    }
     eds::EdsError EdsGetChildAtIndex(eds::EdsBaseRef r, eds::EdsInt32 i, eds::EdsBaseRef *o) override {
         return in_->EdsGetChildAtIndex(r, i, o);
     }
-    eds::EdsError EdsGetDeviceInfo(eds::EdsCameraRef c, eds::EdsDeviceInfo *o) override { return in_->EdsGetDeviceInfo(c, o); }
+    eds::EdsError EdsGetDeviceInfo(eds::EdsCameraRef c, eds::EdsDeviceInfo *o) override {
+        return in_->EdsGetDeviceInfo(c, o);
+    }
     eds::EdsUInt32 EdsRetain(eds::EdsBaseRef r) override { return in_->EdsRetain(r); }
     eds::EdsUInt32 EdsRelease(eds::EdsBaseRef r) override { return in_->EdsRelease(r); }
     eds::EdsError EdsOpenSession(eds::EdsCameraRef c) override { return in_->EdsOpenSession(c); }
     eds::EdsError EdsCloseSession(eds::EdsCameraRef c) override { return in_->EdsCloseSession(c); }
-    eds::EdsError EdsSetCameraStateEventHandler(eds::EdsCameraRef c, eds::EdsStateEvent e, eds::EdsStateEventHandler h,
-                                                void *x) override {
+    eds::EdsError EdsSetCameraStateEventHandler(eds::EdsCameraRef c, eds::EdsStateEvent e,
+                                                eds::EdsStateEventHandler h, void *x) override {
         return in_->EdsSetCameraStateEventHandler(c, e, h, x);
     }
     eds::EdsError EdsSetPropertyEventHandler(eds::EdsCameraRef c, eds::EdsPropertyEvent e,
                                              eds::EdsPropertyEventHandler h, void *x) override {
         return in_->EdsSetPropertyEventHandler(c, e, h, x);
     }
-    eds::EdsError EdsSetObjectEventHandler(eds::EdsCameraRef c, eds::EdsObjectEvent e, eds::EdsObjectEventHandler h,
-                                           void *x) override {
+    eds::EdsError EdsSetObjectEventHandler(eds::EdsCameraRef c, eds::EdsObjectEvent e,
+                                           eds::EdsObjectEventHandler h, void *x) override {
         handler_ = h;
         context_ = x;
-        return in_->EdsSetObjectEventHandler(c, e, h ? &ProbeSdk::objectTrampoline : nullptr, h ? this : nullptr);
+        return in_->EdsSetObjectEventHandler(c, e, h ? &ProbeSdk::objectTrampoline : nullptr,
+                                             h ? this : nullptr);
     }
-    eds::EdsError EdsGetPropertySize(eds::EdsBaseRef r, eds::EdsPropertyID p, eds::EdsInt32 a, eds::EdsDataType *t,
-                                     eds::EdsUInt32 *s) override {
+    eds::EdsError EdsGetPropertySize(eds::EdsBaseRef r, eds::EdsPropertyID p, eds::EdsInt32 a,
+                                     eds::EdsDataType *t, eds::EdsUInt32 *s) override {
         return in_->EdsGetPropertySize(r, p, a, t, s);
     }
-    eds::EdsError EdsGetPropertyData(eds::EdsBaseRef r, eds::EdsPropertyID p, eds::EdsInt32 a, eds::EdsUInt32 s,
-                                     void *d) override {
+    eds::EdsError EdsGetPropertyData(eds::EdsBaseRef r, eds::EdsPropertyID p, eds::EdsInt32 a,
+                                     eds::EdsUInt32 s, void *d) override {
         return in_->EdsGetPropertyData(r, p, a, s, d);
     }
-    eds::EdsError EdsSetPropertyData(eds::EdsBaseRef r, eds::EdsPropertyID p, eds::EdsInt32 a, eds::EdsUInt32 s,
-                                     const void *d) override {
+    eds::EdsError EdsSetPropertyData(eds::EdsBaseRef r, eds::EdsPropertyID p, eds::EdsInt32 a,
+                                     eds::EdsUInt32 s, const void *d) override {
         return in_->EdsSetPropertyData(r, p, a, s, d);
     }
-    eds::EdsError EdsGetPropertyDesc(eds::EdsBaseRef r, eds::EdsPropertyID p, eds::EdsPropertyDesc *d) override {
+    eds::EdsError EdsGetPropertyDesc(eds::EdsBaseRef r, eds::EdsPropertyID p,
+                                     eds::EdsPropertyDesc *d) override {
         return in_->EdsGetPropertyDesc(r, p, d);
     }
     eds::EdsError EdsSendCommand(eds::EdsCameraRef c, eds::EdsCameraCommand k, eds::EdsInt32 p) override {
         return in_->EdsSendCommand(c, k, p);
     }
-    eds::EdsError EdsSendStatusCommand(eds::EdsCameraRef c, eds::EdsCameraStatusCommand k, eds::EdsInt32 p) override {
+    eds::EdsError EdsSendStatusCommand(eds::EdsCameraRef c, eds::EdsCameraStatusCommand k,
+                                       eds::EdsInt32 p) override {
         return in_->EdsSendStatusCommand(c, k, p);
     }
-    eds::EdsError EdsSetCapacity(eds::EdsCameraRef c, eds::EdsCapacity k) override { return in_->EdsSetCapacity(c, k); }
+    eds::EdsError EdsSetCapacity(eds::EdsCameraRef c, eds::EdsCapacity k) override {
+        return in_->EdsSetCapacity(c, k);
+    }
     eds::EdsError EdsGetDirectoryItemInfo(eds::EdsDirectoryItemRef i, eds::EdsDirectoryItemInfo *o) override {
         return in_->EdsGetDirectoryItemInfo(i, o);
     }
     eds::EdsError EdsCreateMemoryStreamFromPointer(void *b, eds::EdsUInt64 n, eds::EdsStreamRef *o) override {
         return in_->EdsCreateMemoryStreamFromPointer(b, n, o);
     }
-    eds::EdsError EdsSetProgressCallback(eds::EdsBaseRef r, eds::EdsProgressCallback f, eds::EdsProgressOption o,
-                                         void *c) override {
+    eds::EdsError EdsSetProgressCallback(eds::EdsBaseRef r, eds::EdsProgressCallback f,
+                                         eds::EdsProgressOption o, void *c) override {
         return in_->EdsSetProgressCallback(r, f, o, c);
     }
     eds::EdsError EdsDownload(eds::EdsDirectoryItemRef i, eds::EdsUInt64 n, eds::EdsStreamRef s) override {
         return in_->EdsDownload(i, n, s);
     }
-    eds::EdsError EdsDownloadComplete(eds::EdsDirectoryItemRef i) override { return in_->EdsDownloadComplete(i); }
+    eds::EdsError EdsDownloadComplete(eds::EdsDirectoryItemRef i) override {
+        return in_->EdsDownloadComplete(i);
+    }
     eds::EdsError EdsCreateEvfImageRef(eds::EdsStreamRef s, eds::EdsEvfImageRef *o) override {
         return in_->EdsCreateEvfImageRef(s, o);
     }
@@ -161,7 +175,8 @@ int baseline(int shots, qint64 bytes) {
     for (int i = 0; i < shots; ++i) {
         auto t0 = Clock::now();
         const QByteArray tmp = QFile::encodeName(dir.path() + QStringLiteral("/.tmp%1").arg(i));
-        const QByteArray dst = QFile::encodeName(dir.path() + QStringLiteral("/%1.jpg").arg(i, 17, 10, QChar('0')));
+        const QByteArray dst =
+            QFile::encodeName(dir.path() + QStringLiteral("/%1.jpg").arg(i, 17, 10, QChar('0')));
         int fd = ::open(tmp.constData(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
         qint64 done = 0;
         while (done < bytes) {
@@ -175,10 +190,11 @@ int baseline(int shots, qint64 bytes) {
         perShot.push_back(ms(Clock::now() - t0));
     }
     const double total = ms(Clock::now() - start);
-    std::printf("baseline write+rename: %d x %.1f MB in %.0f ms = %.0f MB/s; per shot median %.2f ms, p99 %.2f ms; "
-                "peak RSS %.0f MB\n",
-                shots, double(bytes) / 1e6, total, double(shots) * double(bytes) / 1e6 / (total / 1000.0),
-                percentile(perShot, 0.5), percentile(perShot, 0.99), double(peakRssKiB()) / 1024.0);
+    std::printf(
+        "baseline write+rename: %d x %.1f MB in %.0f ms = %.0f MB/s; per shot median %.2f ms, p99 %.2f ms; "
+        "peak RSS %.0f MB\n",
+        shots, double(bytes) / 1e6, total, double(shots) * double(bytes) / 1e6 / (total / 1000.0),
+        percentile(perShot, 0.5), percentile(perShot, 0.99), double(peakRssKiB()) / 1024.0);
     return 0;
 }
 
@@ -211,10 +227,11 @@ int station(int argc, char **argv, int shots, qint64 bytes, bool sequential) {
 
     std::mutex m;
     std::vector<Clock::time_point> photoData;
-    NotificationCenter::defaultCenter().addObserver(kOKVA_CanonCameraPhotoDataAvailable, {}, [&](const Notification &) {
-        std::lock_guard lk(m);
-        photoData.push_back(Clock::now());
-    });
+    NotificationCenter::defaultCenter().addObserver(kOKVA_CanonCameraPhotoDataAvailable, {},
+                                                    [&](const Notification &) {
+                                                        std::lock_guard lk(m);
+                                                        photoData.push_back(Clock::now());
+                                                    });
     QDBusConnection siblingBus = QDBusConnection::connectToBus(QDBusConnection::SessionBus, "bench-sibling");
     DistributedNotificationCenter sibling(siblingBus);
     std::vector<Clock::time_point> announced;
@@ -253,13 +270,15 @@ int station(int argc, char **argv, int shots, qint64 bytes, bool sequential) {
         eventToAnnounce.push_back(ms(announced[size_t(i)] - probe->objectEvents[size_t(i)]));
         dataToAnnounce.push_back(ms(announced[size_t(i)] - photoData[size_t(i)]));
     }
-    std::fprintf(stdout, "station %s: %d x %.1f MB in %.0f ms = %.0f MB/s; object event -> brixXNotification median %.2f ms, "
-                "p99 %.2f ms; photo data -> brixXNotification (save + announce) median %.2f ms, p99 %.2f ms; "
-                "peak RSS %.0f MB (%.0f MB before the shots)\n",
-                sequential ? "one shot at a time" : "burst", shots, double(bytes) / 1e6, total,
-                double(shots) * double(bytes) / 1e6 / (total / 1000.0), percentile(eventToAnnounce, 0.5),
-                percentile(eventToAnnounce, 0.99), percentile(dataToAnnounce, 0.5), percentile(dataToAnnounce, 0.99),
-                double(peakRssKiB()) / 1024.0, double(rssBefore) / 1024.0);
+    std::fprintf(
+        stdout,
+        "station %s: %d x %.1f MB in %.0f ms = %.0f MB/s; object event -> brixXNotification median %.2f ms, "
+        "p99 %.2f ms; photo data -> brixXNotification (save + announce) median %.2f ms, p99 %.2f ms; "
+        "peak RSS %.0f MB (%.0f MB before the shots)\n",
+        sequential ? "one shot at a time" : "burst", shots, double(bytes) / 1e6, total,
+        double(shots) * double(bytes) / 1e6 / (total / 1000.0), percentile(eventToAnnounce, 0.5),
+        percentile(eventToAnnounce, 0.99), percentile(dataToAnnounce, 0.5), percentile(dataToAnnounce, 0.99),
+        double(peakRssKiB()) / 1024.0, double(rssBefore) / 1024.0);
     ViewController::metadataQueue()->sync([] {});
     OKVA_CanonCamera::applicationWillTerminate(QStringLiteral("bench done"));
     return 0;
@@ -268,8 +287,7 @@ int station(int argc, char **argv, int shots, qint64 bytes, bool sequential) {
 template <class F> int inChild(F f) {
     std::fflush(stdout);
     pid_t pid = ::fork();
-    if (pid == 0)
-    {
+    if (pid == 0) {
         int r = f();
         std::fflush(stdout);
         ::_exit(r);
@@ -282,6 +300,7 @@ template <class F> int inChild(F f) {
 } // namespace
 
 int main(int argc, char **argv) {
+    keepShotBuffersInTheHeap(); // as the station does
     const int shots = argc > 1 ? std::atoi(argv[1]) : 100;
     const qint64 bytes = qint64((argc > 2 ? std::atof(argv[2]) : 25.0) * 1e6);
     if (qEnvironmentVariableIsEmpty("DBUS_SESSION_BUS_ADDRESS")) {

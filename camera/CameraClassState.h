@@ -12,6 +12,7 @@
 #include <QString>
 
 #include <atomic>
+#include <condition_variable>
 #include <memory>
 #include <mutex>
 #include <unordered_map>
@@ -39,6 +40,40 @@ struct CameraClassState {
 
     std::mutex currentMutex;
     CameraPtr current;
+
+    // The SDK's event callbacks under way. When the application terminates the
+    // gate closes: callbacks that arrive later do nothing, and termination
+    // waits for those still running, so that none reaches an object of the
+    // application (observer, delegate) after it is gone.
+    class CallbackGate {
+    public:
+        bool enter();
+        void leave();
+        void open();
+        // On the main thread its event loop keeps turning while it waits: a
+        // running callback may be waiting for the main thread.
+        void closeAndWait();
+
+    private:
+        std::mutex m_;
+        std::condition_variable idle_;
+        int running_ = 0;
+        bool closed_ = false;
+    };
+    CallbackGate callbacks;
+    bool terminated = false; // guarded by sdkMutex: the SDK is terminated once
+    // One SDK callback passing the gate, for its length.
+    class CallbackPass {
+    public:
+        CallbackPass();
+        ~CallbackPass();
+        CallbackPass(const CallbackPass &) = delete;
+        CallbackPass &operator=(const CallbackPass &) = delete;
+        explicit operator bool() const { return entered_; }
+
+    private:
+        bool entered_;
+    };
 
     // Cameras alive, by the context pointer the SDK hands back to the handlers,
     // so that an event that races with a camera's destruction finds nothing.

@@ -10,7 +10,6 @@
 
 #include <chrono>
 #include <dlfcn.h>
-#include <malloc.h>
 #include <thread>
 
 namespace brix {
@@ -70,25 +69,9 @@ void logSdkLocation(const EdsSdk &sdk) {
         logf(kLogLoadedNoPath);
 }
 
-// Shots of tens of megabytes arrive one after another, each in a buffer of its
-// own that the application lets go once the file is written. Left to its
-// defaults the allocator maps every such buffer afresh from the system and
-// unmaps it again, so each download pays a page fault per 4 KiB before a byte
-// is copied. Keeping buffers up to the allocator's largest heap size in the
-// heap lets the next shot reuse the memory of the last one.
-void keepShotBuffersInTheHeap() {
-    static const bool done = [] {
-        mallopt(M_MMAP_THRESHOLD, 32 * 1024 * 1024);
-        mallopt(M_TRIM_THRESHOLD, 256 * 1024 * 1024);
-        return true;
-    }();
-    (void)done;
-}
-
 } // namespace
 
 bool OKVA_CanonCamera::initialize(std::shared_ptr<EdsSdk> sdk) {
-    keepShotBuffersInTheHeap();
     auto &st = CameraClassState::get();
     // A new SDK replaces the old one: its camera is let go and its list dropped.
     if (CameraPtr current = st.currentCamera()) {
@@ -105,7 +88,9 @@ bool OKVA_CanonCamera::initialize(std::shared_ptr<EdsSdk> sdk) {
     {
         std::lock_guard lk(st.sdkMutex);
         st.sdk = sdk;
+        st.terminated = false;
     }
+    st.callbacks.open();
     if (!sdk) {
         logf(kLogNoSdk);
         return false;
@@ -136,7 +121,18 @@ std::shared_ptr<EdsSdk> OKVA_CanonCamera::sdk() {
 
 void OKVA_CanonCamera::applicationWillTerminate(const QString &notification) {
     logf(kLogWillTerminate, notification);
-    auto sdk = CameraClassState::get().currentSdk();
+    auto &st = CameraClassState::get();
+    // From here on no SDK event reaches the application, and the ones under
+    // way (a download, say) finish before the application goes on quitting.
+    st.callbacks.closeAndWait();
+    std::shared_ptr<EdsSdk> sdk;
+    {
+        std::lock_guard lk(st.sdkMutex);
+        if (st.terminated)
+            return;
+        st.terminated = true;
+        sdk = st.sdk;
+    }
     if (!sdk)
         return;
     const EdsError err = sdk->EdsTerminateSDK();
@@ -145,6 +141,9 @@ void OKVA_CanonCamera::applicationWillTerminate(const QString &notification) {
 }
 
 EdsError OKVA_CanonCamera::cameraAddedHandler(void *context) {
+    CameraClassState::CallbackPass pass;
+    if (!pass)
+        return EDS_ERR_OK;
     logf(kLogAddedSelf, static_cast<const void *>(context), kClassName);
     updateCameraList();
     NotificationCenter::defaultCenter().postOnMainNoWait(

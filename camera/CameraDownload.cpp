@@ -20,6 +20,8 @@ using cameratext::logf;
 
 namespace {
 constexpr const char kLogShouldDownload[] = "should download an object";
+constexpr const char kLogNoSize[] =
+    "error %x getting the size of a new shot (%u bytes, \"%@\"): it is not downloaded and is lost";
 constexpr const char kLogStarting[] = "starting download of %u byte file named \"%@\"";
 constexpr const char kLogStreamError[] = "error %x creating memory stream";
 constexpr const char kLogProgressError[] = "error %x registering for download progress";
@@ -44,10 +46,17 @@ constexpr auto kNotReadyPoll = std::chrono::microseconds(500);
 EdsError OKVA_CanonCamera::downloadObject(EdsDirectoryItemRef item) {
     logf(kLogShouldDownload);
     EdsDirectoryItemInfo info{};
-    sdk_->EdsGetDirectoryItemInfo(item, &info); // an item without info still downloads what it can
+    const EdsError ierr = sdk_->EdsGetDirectoryItemInfo(item, &info);
     const EdsUInt32 size = static_cast<EdsUInt32>(info.size);
     const QString fileName =
         QString::fromUtf8(info.szFileName, qsizetype(strnlen(info.szFileName, sizeof info.szFileName)));
+    // Without its size there is nothing to download into: a zero-byte
+    // "download" would succeed, completing it would free the camera's copy and
+    // an empty file would be saved. The item is left alone instead.
+    if (ierr != EDS_ERR_OK || size == 0) {
+        logf(kLogNoSize, ierr, size, fileName);
+        return ierr != EDS_ERR_OK ? ierr : EDS_ERR_INVALID_LENGTH;
+    }
     logf(kLogStarting, size, fileName);
 
     QByteArray buffer;

@@ -1,12 +1,11 @@
 #include "CameraText.h"
 
-#include "DateFormat.h"
+#include "Describe.h"
 #include "Logger.h"
 #include "OKVA_CanonCamera.h"
 
 #include <QByteArray>
 #include <QDateTime>
-#include <QImage>
 
 #include <cstdio>
 #include <cstring>
@@ -19,59 +18,6 @@ namespace brix::cameratext {
 Arg::Arg(const QVariant &v) : kind(Text), s(describe(v)) {}
 
 namespace {
-
-QString describeIndented(const QVariant &value, int depth);
-
-QString indent(int depth) {
-    return QString(depth * 4, QLatin1Char(' '));
-}
-
-QString describeIndented(const QVariant &value, int depth) {
-    if (!value.isValid() || value.isNull())
-        return QStringLiteral("(null)");
-    const auto type = value.metaType();
-    if (type == QMetaType::fromType<QString>())
-        return value.toString();
-    if (type == QMetaType::fromType<QDateTime>())
-        return DateFormat::format(value.toDateTime(), QStringLiteral("yyyy-MM-dd HH:mm:ss Z"),
-                                  QStringLiteral("UTC"));
-    if (type == QMetaType::fromType<QVariantMap>()) {
-        const QVariantMap map = value.toMap();
-        QString out = QStringLiteral("{\n");
-        for (auto it = map.begin(); it != map.end(); ++it)
-            out += indent(depth + 1) + QLatin1Char('"') + it.key() + QStringLiteral("\" = ") +
-                   describeIndented(it.value(), depth + 1) + QStringLiteral(";\n");
-        return out + indent(depth) + QLatin1Char('}');
-    }
-    if (type == QMetaType::fromType<QVariantList>()) {
-        const QVariantList list = value.toList();
-        QString out = QStringLiteral("(\n");
-        for (int i = 0; i < list.size(); ++i)
-            out += indent(depth + 1) + describeIndented(list[i], depth + 1) +
-                   (i + 1 < list.size() ? QStringLiteral(",\n") : QStringLiteral("\n"));
-        return out + indent(depth) + QLatin1Char(')');
-    }
-    if (type == QMetaType::fromType<QByteArray>()) {
-        const QByteArray bytes = value.toByteArray();
-        return QStringLiteral("{length = %1, bytes = 0x%2%3}")
-            .arg(bytes.size())
-            .arg(QString::fromLatin1(bytes.left(16).toHex()))
-            .arg(bytes.size() > 16 ? QStringLiteral("...") : QString());
-    }
-    if (type == QMetaType::fromType<CameraPtr>()) {
-        const auto camera = value.value<CameraPtr>();
-        return camera ? camera->description() : QStringLiteral("(null)");
-    }
-    if (type == QMetaType::fromType<QImage>()) {
-        const auto image = value.value<QImage>();
-        return QStringLiteral("<QImage %1x%2>").arg(image.width()).arg(image.height());
-    }
-    if (type == QMetaType::fromType<ErrorValue>())
-        return value.value<ErrorValue>().description();
-    if (value.canConvert<QString>())
-        return value.toString();
-    return QStringLiteral("<%1>").arg(QString::fromLatin1(type.name()));
-}
 
 // Formats one conversion with the C library; `spec` is the conversion without
 // its length modifier.
@@ -145,7 +91,16 @@ QString one(const QByteArray &spec, char conversion, const Arg *arg) {
 } // namespace
 
 QString describe(const QVariant &value) {
-    return describeIndented(value, 0);
+    // Text stands for itself, as "%@" prints it; anything else is described
+    // as every other log line describes values, within the same limits.
+    if (value.typeId() == QMetaType::QString) {
+        const QString text = value.toString();
+        const qsizetype limit = DescribeLimits{}.maxStringChars;
+        return text.size() > limit
+                   ? text.left(limit) + QStringLiteral("...(%1 more characters)").arg(text.size() - limit)
+                   : text;
+    }
+    return brix::describe(value);
 }
 
 QString format(const char *fmt, std::initializer_list<Arg> args) {

@@ -43,9 +43,8 @@ struct Arg {
 // the argument is wider than 32 bits). The format is a constant of the caller.
 QString format(const char *fmt, std::initializer_list<Arg> args = {});
 
-// The description of a value as log lines show it: text as is, numbers in
-// decimal, dates as "yyyy-MM-dd HH:mm:ss Z" in UTC, dictionaries and arrays
-// spread over lines, cameras by their model name, none as "(null)".
+// The description of a value as log lines show it: text as is, anything else
+// as brix::describe() gives it (bounded; cameras by their model name).
 QString describe(const QVariant &value);
 
 // "<Thread: 0x...>{number = <tid>, name = <name>}" for the calling thread.

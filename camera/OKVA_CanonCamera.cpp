@@ -127,9 +127,74 @@ EdsUInt32 unsignedValue(const QVariant &v) {
 
 // --- class-wide state --------------------------------------------------------------
 
+namespace {
+// Log lines describe a camera (in a notification, a list) by its model name.
+[[maybe_unused]] const bool kCamerasDescribeAsText = QMetaType::registerConverter<CameraPtr, QString>(
+    [](const CameraPtr &camera) { return camera ? camera->description() : QStringLiteral("(null)"); });
+} // namespace
+
 CameraClassState &CameraClassState::get() {
     static auto *state = new CameraClassState; // process lifetime: detached threads may outlive main()
     return *state;
+}
+
+namespace {
+// Callbacks this thread is running: a wait for the callbacks under way made
+// from inside one must not wait for itself.
+thread_local int tCallbacksOnThisThread = 0;
+} // namespace
+
+bool CameraClassState::CallbackGate::enter() {
+    std::lock_guard lk(m_);
+    if (closed_)
+        return false;
+    ++running_;
+    return true;
+}
+
+void CameraClassState::CallbackGate::leave() {
+    bool wake;
+    {
+        std::lock_guard lk(m_);
+        wake = --running_ == 0 && closed_;
+    }
+    if (wake) {
+        idle_.notify_all();
+        dispatch::mainQueue()->async([] {}); // lets a wait on the main thread look again
+    }
+}
+
+void CameraClassState::CallbackGate::open() {
+    std::lock_guard lk(m_);
+    closed_ = false;
+}
+
+void CameraClassState::CallbackGate::closeAndWait() {
+    const int own = tCallbacksOnThisThread;
+    auto settled = [&] { return running_ <= own; };
+    std::unique_lock lk(m_);
+    closed_ = true;
+    if (!dispatch::isMainThread()) {
+        idle_.wait(lk, settled);
+        return;
+    }
+    lk.unlock();
+    dispatch::waitPumpingMainLoop([&] {
+        std::lock_guard relock(m_);
+        return settled();
+    });
+}
+
+CameraClassState::CallbackPass::CallbackPass() : entered_(get().callbacks.enter()) {
+    if (entered_)
+        ++tCallbacksOnThisThread;
+}
+
+CameraClassState::CallbackPass::~CallbackPass() {
+    if (!entered_)
+        return;
+    --tCallbacksOnThisThread;
+    get().callbacks.leave();
 }
 
 bool OKVA_CanonCameraDelegate::cancelDownloadForProgress(EdsUInt32) {
@@ -170,12 +235,12 @@ CameraPtr OKVA_CanonCamera::initWithCameraRef(EdsCameraRef cameraRef) {
     if (!sdk)
         return nullptr;
     CameraPtr camera(new OKVA_CanonCamera(sdk));
+    camera->cameraRef_ = cameraRef;
     {
         auto &st = CameraClassState::get();
         std::lock_guard lk(st.registryMutex);
         st.registry[camera.get()] = camera;
     }
-    camera->cameraRef_ = cameraRef;
     logf(kLogRetain, sdk->EdsRetain(cameraRef));
     camera->cameraHandle_ = EdsCameraHandle::adopt(*sdk, cameraRef);
 
@@ -208,15 +273,16 @@ OKVA_CanonCamera::~OKVA_CanonCamera() {
         std::lock_guard lk(st.registryMutex);
         st.registry.erase(this);
     }
-    // A second object for the same camera (a list update makes one for every
-    // camera it sees) took over the state handler when it was created; give the
-    // handler back to the loaded camera so that its disappearance still arrives.
+    // A list update makes a second object for every camera it sees, and the
+    // SDK keeps one state handler per camera: the newest object took it over.
+    // Hand it to another object of the same body (the loaded one first, but
+    // also one still opening its session and not yet current), so that its
+    // disappearance still arrives.
     if (ownsStateHandler_ && cameraRef_) {
-        CameraPtr current = st.currentCamera();
-        if (current && current.get() != this && current->cameraRef_ == cameraRef_ && current->sdk_ == sdk_) {
+        if (CameraPtr heir = otherObjectForBody(cameraRef_, sdk_.get())) {
             sdk_->EdsSetCameraStateEventHandler(cameraRef_, kEdsStateEvent_All, &stateEventHandler,
-                                                current.get());
-            current->ownsStateHandler_ = true;
+                                                heir.get());
+            heir->ownsStateHandler_ = true;
         }
     }
     if (cameraHandle_)
@@ -346,8 +412,36 @@ void OKVA_CanonCamera::letGoOffEventThread(CameraPtr camera) {
         dispatch::globalQueue()->async([camera = std::move(camera)]() mutable { camera.reset(); });
 }
 
+CameraPtr OKVA_CanonCamera::otherObjectForBody(EdsCameraRef cameraRef, const EdsSdk *sdk) {
+    auto sameBody = [&](const CameraPtr &c) {
+        return c && c->cameraRef_ == cameraRef && c->sdk_.get() == sdk;
+    };
+    auto &st = CameraClassState::get();
+    if (CameraPtr current = st.currentCamera(); sameBody(current))
+        return current;
+    std::vector<CameraPtr> alive; // let go outside the mutex: a last reference destroys its camera
+    {
+        std::lock_guard lk(st.registryMutex);
+        for (const auto &entry : st.registry)
+            alive.push_back(entry.second.lock());
+    }
+    auto found = std::find_if(alive.begin(), alive.end(), sameBody);
+    return found == alive.end() ? nullptr : *found;
+}
+
 EdsError OKVA_CanonCamera::stateEventHandler(EdsStateEvent event, EdsUInt32 data, void *context) {
+    CameraClassState::CallbackPass pass;
+    if (!pass)
+        return EDS_ERR_OK;
     CameraPtr camera = cameraForContext(context);
+    // The handler may still be held by a second object a list update made for
+    // the loaded body: the body's state is the loaded camera's business.
+    if (camera) {
+        if (CameraPtr current = currentCamera(); current && current != camera &&
+                                                 current->cameraRef_ == camera->cameraRef_ &&
+                                                 current->sdk_ == camera->sdk_)
+            camera = std::move(current);
+    }
     const EdsError err = camera ? camera->processCameraEvent(event, data) : EDS_ERR_OK;
     letGoOffEventThread(std::move(camera));
     return err;
@@ -355,6 +449,9 @@ EdsError OKVA_CanonCamera::stateEventHandler(EdsStateEvent event, EdsUInt32 data
 
 EdsError OKVA_CanonCamera::propertyEventHandler(EdsPropertyEvent event, EdsPropertyID id, EdsUInt32 param,
                                                 void *context) {
+    CameraClassState::CallbackPass pass;
+    if (!pass)
+        return EDS_ERR_OK;
     CameraPtr camera = cameraForContext(context);
     const EdsError err = camera ? camera->processPropertyEvent(event, id, param) : EDS_ERR_OK;
     letGoOffEventThread(std::move(camera));
@@ -362,6 +459,9 @@ EdsError OKVA_CanonCamera::propertyEventHandler(EdsPropertyEvent event, EdsPrope
 }
 
 EdsError OKVA_CanonCamera::objectEventHandler(EdsObjectEvent event, EdsBaseRef ref, void *context) {
+    CameraClassState::CallbackPass pass;
+    if (!pass)
+        return EDS_ERR_OK;
     CameraPtr camera = cameraForContext(context);
     const EdsError err = camera ? camera->processObjectEvent(event, ref) : EDS_ERR_OK;
     letGoOffEventThread(std::move(camera));

@@ -107,7 +107,10 @@ public:
     static bool initialize(std::shared_ptr<eds::EdsSdk> sdk);
     // The SDK installed by initialize(), or null.
     static std::shared_ptr<eds::EdsSdk> sdk();
-    // Logs the notification's text and terminates the SDK.
+    // Logs the notification's text, closes the way in for SDK events and waits
+    // for the ones under way (pumping the main loop on the main thread), then
+    // terminates the SDK, once for each initialize(). Afterwards no SDK event
+    // reaches an observer or a delegate, until the next initialize().
     static void applicationWillTerminate(const QString &notification);
     // A copy of the camera list, or nothing while the list is busy (ask later).
     static std::optional<QList<CameraPtr>> cameras();
@@ -235,6 +238,9 @@ private:
     static eds::EdsError progressHandler(eds::EdsUInt32 percent, void *context, eds::EdsBool *cancel);
     static eds::EdsError cameraAddedHandler(void *context);
     static CameraPtr cameraForContext(void *context);
+    // A live camera object for the body other than the one being destroyed
+    // (whose weak reference no longer locks): the current camera first.
+    static CameraPtr otherObjectForBody(eds::EdsCameraRef cameraRef, const eds::EdsSdk *sdk);
     // Lets a camera go that an SDK callback held, on another thread when it is the last reference.
     static void letGoOffEventThread(CameraPtr camera);
 

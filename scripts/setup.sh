@@ -6,10 +6,12 @@ set -euo pipefail
 packages=(
   build-essential cmake ninja-build pkg-config git clang-format
   qt6-base-dev qt6-base-dev-tools libqt6dbus6 libqt6test6 libgl-dev
-  libicu-dev libplist-dev libexiv2-dev libgphoto2-dev libcanberra-dev libudev-dev
+  libicu-dev libplist-dev libexiv2-dev libgphoto2-dev libusb-1.0-0-dev libcanberra-dev libudev-dev
+  libgphoto2-l10n locales
   dbus dbus-x11 libglib2.0-bin xvfb xauth procps
   libgtest-dev libgmock-dev googletest libbenchmark-dev libspdlog-dev
   clang libclang-rt-14-dev
+  exiv2 dpkg-dev file gzip appstream desktop-file-utils
 )
 
 missing=()
@@ -19,13 +21,18 @@ for p in "${packages[@]}"; do
   fi
 done
 
-if [ ${#missing[@]} -eq 0 ]; then
-  echo "setup: all packages present"
-  exit 0
-fi
-
 SUDO=""
 if [ "$(id -u)" -ne 0 ]; then SUDO=sudo; fi
-export DEBIAN_FRONTEND=noninteractive
-$SUDO apt-get update -qq
-$SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"
+if [ ${#missing[@]} -eq 0 ]; then
+  echo "setup: all packages present"
+else
+  export DEBIAN_FRONTEND=noninteractive
+  $SUDO apt-get update -qq
+  $SUDO apt-get install -y -qq --no-install-recommends "${missing[@]}"
+fi
+
+# The gphoto2 tests also run once on a German desktop (libgphoto2's German
+# translations installed and in use).
+if ! locale -a 2>/dev/null | grep -qix 'de_DE.utf8'; then
+  $SUDO localedef -i de_DE -f UTF-8 de_DE.UTF-8
+fi

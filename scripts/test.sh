@@ -23,6 +23,9 @@ cmake --preset asan >/dev/null
 cmake --build --preset asan -j "$jobs"
 ctest --test-dir build/asan --output-on-failure -j "$jobs"
 
+echo "== Debian package: build, validate, unpack, run"
+bash scripts/check-package.sh
+
 echo "== TSan build and concurrency tests"
 cmake --preset tsan >/dev/null
 cmake --build --preset tsan -j "$jobs" --target brix_concurrency_tests

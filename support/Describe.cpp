@@ -1,5 +1,7 @@
 #include "Describe.h"
 
+#include "ErrorValue.h"
+
 #include <QDateTime>
 #include <QRegularExpression>
 
@@ -82,6 +84,10 @@ void append(QString &out, const QVariant &v, const DescribeLimits &lim, int dept
         out += QStringLiteral("(null)");
         return;
     default:
+        if (v.metaType() == QMetaType::fromType<ErrorValue>()) {
+            out += v.value<ErrorValue>().description().left(lim.maxStringChars);
+            return;
+        }
         if (v.canConvert<QString>())
             out += quoteIfNeeded(v.toString().left(lim.maxStringChars));
         else

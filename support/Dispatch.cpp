@@ -1,6 +1,7 @@
 #include "Dispatch.h"
 
 #include <QCoreApplication>
+#include <QEventLoop>
 #include <QMetaObject>
 #include <QThread>
 
@@ -348,15 +349,33 @@ public:
         done.wait();
     }
 
+    // Runs tasks one at a time from the shared list, so that a task running a
+    // nested event loop (a modal alert) lets the tasks behind it run there in
+    // their order, before anything posted later. While tasks remain one wake-up
+    // stays pending: the nested loop needs it, and a burst still costs at most
+    // two events.
     void drain() {
-        std::deque<Task> batch;
         {
             std::lock_guard lk(m_);
-            batch.swap(tasks_);
-            wakeScheduled_ = false;
+            wakeScheduled_ = false; // the wake-up that called us is used up
         }
-        for (auto &t : batch)
-            runTask(t);
+        for (;;) {
+            Task task;
+            bool wake = false;
+            {
+                std::lock_guard lk(m_);
+                if (tasks_.empty())
+                    return;
+                task = std::move(tasks_.front());
+                tasks_.pop_front();
+                if (!tasks_.empty() && !wakeScheduled_)
+                    wake = wakeScheduled_ = true;
+            }
+            if (wake)
+                QMetaObject::invokeMethod(waker(QCoreApplication::instance()), "drainMainQueue",
+                                          Qt::QueuedConnection);
+            runTask(task);
+        }
     }
 
 private:
@@ -443,6 +462,30 @@ Queue *currentQueue() {
 const char *currentQueueLabel() { return currentQueue()->label().c_str(); }
 
 void *getSpecific(const void *key) { return currentQueue()->specific(key); }
+
+void waitPumpingMainLoop(const std::function<bool()> &done) {
+    // Blocks in the event dispatcher rather than polling; the main-queue task
+    // of whoever ends the wait is the event that wakes it. processEvents, not
+    // a nested QEventLoop, because an event loop started after the application
+    // was told to quit returns at once.
+    while (!done())
+        QCoreApplication::processEvents(QEventLoop::AllEvents | QEventLoop::WaitForMoreEvents);
+}
+
+void drainPumpingMainLoop(const QueuePtr &queue) {
+    if (currentQueue() == queue.get())
+        return;
+    if (!isMainThread() || !QCoreApplication::instance()) {
+        queue->sync([] {});
+        return;
+    }
+    auto drained = std::make_shared<std::atomic<bool>>(false);
+    queue->async([drained] {
+        drained->store(true);
+        mainQueue()->async([] {});
+    });
+    waitPumpingMainLoop([&] { return drained->load(); });
+}
 
 // ---------------------------------------------------------------------------
 // Timers

@@ -93,6 +93,17 @@ bool isMainThread();
 // the application object; done automatically on first use otherwise.
 void setMainThread();
 
+// Waits until every task submitted to `queue` so far has run. On the main
+// thread the Qt event loop keeps turning meanwhile: a task of the queue may
+// itself be waiting for the main thread. Such waits may nest, and main-queue
+// tasks keep their order. Called from a task of `queue` itself it returns at
+// once, since everything submitted before that task has run.
+void drainPumpingMainLoop(const QueuePtr &queue);
+// On the main thread: runs its event loop until `done` answers true. Whoever
+// makes the answer true then submits a task to the main queue (any, even an
+// empty one), which is what makes the wait look again. Elsewhere: not allowed.
+void waitPumpingMainLoop(const std::function<bool()> &done);
+
 // --- time -----------------------------------------------------------------
 
 using Nanos = std::chrono::nanoseconds;

@@ -89,90 +89,120 @@ QVariant DistributedNotificationCenter::toWire(const QVariant &value, int depth)
     }
 }
 
-bool DistributedNotificationCenter::fromWire(const QVariant &wire, QVariant &out, QString *why, int depth) {
-    if (depth > kMaxDepth)
-        return fail(why, QStringLiteral("nested deeper than %1 levels").arg(kMaxDepth));
-    const int type = wire.metaType().id();
-    if (type == qMetaTypeId<QDBusVariant>())
-        return fromWire(wire.value<QDBusVariant>().variant(), out, why, depth + 1);
-    if (type == qMetaTypeId<QDBusObjectPath>()) {
-        out = wire.value<QDBusObjectPath>().path();
-        return true;
+namespace {
+
+// What one incoming message may still cost: every value decoded, at any level,
+// takes one element from a budget shared by the whole message.
+struct WireReader {
+    QString *why;
+    qsizetype elementsLeft = DistributedNotificationCenter::kMaxElements;
+
+    bool take() {
+        if (--elementsLeft >= 0)
+            return true;
+        return fail(why,
+                    QStringLiteral("more than %1 values").arg(DistributedNotificationCenter::kMaxElements));
     }
-    if (type == qMetaTypeId<QDBusSignature>()) {
-        out = wire.value<QDBusSignature>().signature();
-        return true;
+
+    bool checkLength(const QVariant &value) {
+        const int type = value.metaType().id();
+        const qsizetype length = type == QMetaType::QString      ? value.toString().size()
+                                 : type == QMetaType::QByteArray ? value.toByteArray().size()
+                                                                 : 0;
+        if (length <= DistributedNotificationCenter::kMaxStringLength)
+            return true;
+        return fail(why, QStringLiteral("a text or data value of %1 characters (at most %2)")
+                             .arg(length)
+                             .arg(DistributedNotificationCenter::kMaxStringLength));
     }
-    if (type != qMetaTypeId<QDBusArgument>()) {
-        out = wire; // a basic type, already decoded
-        return true;
+
+    bool read(const QVariant &wire, QVariant &out, int depth) {
+        if (depth > DistributedNotificationCenter::kMaxDepth)
+            return fail(
+                why,
+                QStringLiteral("nested deeper than %1 levels").arg(DistributedNotificationCenter::kMaxDepth));
+        const int type = wire.metaType().id();
+        if (type == qMetaTypeId<QDBusVariant>()) // a wrapper and its value are one value
+            return read(wire.value<QDBusVariant>().variant(), out, depth + 1);
+        if (!take())
+            return false;
+        if (type == qMetaTypeId<QDBusObjectPath>())
+            out = wire.value<QDBusObjectPath>().path();
+        else if (type == qMetaTypeId<QDBusSignature>())
+            out = wire.value<QDBusSignature>().signature();
+        else if (type != qMetaTypeId<QDBusArgument>())
+            out = wire; // a basic type, already decoded
+        else
+            return readArgument(wire.value<QDBusArgument>(), out, depth);
+        return checkLength(out);
     }
-    const QDBusArgument arg = wire.value<QDBusArgument>();
-    switch (arg.currentType()) {
-    case QDBusArgument::ArrayType: {
-        if (arg.currentSignature() == QLatin1String("ay")) {
-            QByteArray bytes;
-            arg >> bytes;
-            out = bytes;
+
+    bool readArgument(const QDBusArgument &arg, QVariant &out, int depth) {
+        switch (arg.currentType()) {
+        case QDBusArgument::ArrayType: {
+            if (arg.currentSignature() == QLatin1String("ay")) {
+                QByteArray bytes;
+                arg >> bytes;
+                out = bytes;
+                return checkLength(out);
+            }
+            // Every begin is paired with its end even when a value is refused:
+            // the argument reader allocates a level per begin.
+            QVariantList list;
+            bool ok = true;
+            arg.beginArray();
+            while (ok && !arg.atEnd()) {
+                QVariant element;
+                ok = read(arg.asVariant(), element, depth + 1);
+                list << element;
+            }
+            arg.endArray();
+            if (!ok)
+                return false;
+            out = list;
             return true;
         }
-        // Every begin is paired with its end even when a value is refused:
-        // the argument reader allocates a level per begin.
-        QVariantList list;
-        bool ok = true;
-        arg.beginArray();
-        while (ok && !arg.atEnd()) {
-            if (list.size() >= kMaxElements) {
-                ok = fail(why, QStringLiteral("an array of more than %1 elements").arg(kMaxElements));
-                break;
+        case QDBusArgument::MapType: {
+            QVariantMap map;
+            bool ok = true;
+            arg.beginMap();
+            while (ok && !arg.atEnd()) {
+                arg.beginMapEntry();
+                const QVariant key = arg.asVariant();
+                QVariant value;
+                ok = key.metaType().id() == QMetaType::QString
+                         ? checkLength(key) && read(arg.asVariant(), value, depth + 1)
+                         : fail(why, QStringLiteral("a dictionary key that is not a string"));
+                arg.endMapEntry();
+                if (ok)
+                    map.insert(key.toString(), value);
             }
-            QVariant element;
-            ok = fromWire(arg.asVariant(), element, why, depth + 1);
-            list << element;
+            arg.endMap();
+            if (!ok)
+                return false;
+            out = map;
+            return true;
         }
-        arg.endArray();
-        if (!ok)
-            return false;
-        out = list;
-        return true;
-    }
-    case QDBusArgument::MapType: {
-        QVariantMap map;
-        bool ok = true;
-        qsizetype count = 0;
-        arg.beginMap();
-        while (ok && !arg.atEnd()) {
-            if (++count > kMaxElements) {
-                ok = fail(why, QStringLiteral("a dictionary of more than %1 entries").arg(kMaxElements));
-                break;
-            }
-            arg.beginMapEntry();
-            QVariant key = arg.asVariant();
-            QVariant value;
-            ok = fromWire(arg.asVariant(), value, why, depth + 1);
-            arg.endMapEntry();
-            if (ok && key.metaType().id() != QMetaType::QString)
-                ok = fail(why, QStringLiteral("a dictionary key that is not a string"));
-            if (ok)
-                map.insert(key.toString(), value);
+        case QDBusArgument::VariantType: {
+            QDBusVariant inner;
+            arg >> inner;
+            ++elementsLeft; // a wrapper and its value are one value
+            return read(inner.variant(), out, depth + 1);
         }
-        arg.endMap();
-        if (!ok)
-            return false;
-        out = map;
-        return true;
+        case QDBusArgument::BasicType:
+            out = arg.asVariant();
+            return checkLength(out);
+        default:
+            return fail(why, QStringLiteral("a value of D-Bus signature %1").arg(arg.currentSignature()));
+        }
     }
-    case QDBusArgument::VariantType: {
-        QDBusVariant inner;
-        arg >> inner;
-        return fromWire(inner.variant(), out, why, depth + 1);
-    }
-    case QDBusArgument::BasicType:
-        out = arg.asVariant();
-        return true;
-    default:
-        return fail(why, QStringLiteral("a value of D-Bus signature %1").arg(arg.currentSignature()));
-    }
+};
+
+} // namespace
+
+bool DistributedNotificationCenter::fromWire(const QVariant &wire, QVariant &out, QString *why) {
+    WireReader reader{why};
+    return reader.read(wire, out, 0);
 }
 
 bool DistributedNotificationCenter::post(const QString &name, const QString &object, const QVariantMap &userInfo) {
@@ -231,6 +261,15 @@ void DistributedNotificationCenter::handleSignal(const QDBusMessage &message) {
     Message m;
     m.name = args.value(0).toString();
     m.object = args.value(1).toString();
+    if (m.name.size() > kMaxNameLength || m.object.size() > kMaxNameLength) {
+        Logger::setError(QStringLiteral("ignored notification %1 from %2: a name or object of more than %3 "
+                                        "characters (%4, %5)")
+                             .arg(m.name.left(200), message.service())
+                             .arg(kMaxNameLength)
+                             .arg(m.name.size())
+                             .arg(m.object.size()));
+        return;
+    }
     QVariant info;
     QString why;
     if (!fromWire(args.value(2), info, &why)) {

@@ -29,9 +29,16 @@ public:
     static constexpr const char *kPath = "/com/lumetra/brix/DistributedNotificationCenter";
     static constexpr const char *kInterface = "com.lumetra.brix.DistributedNotificationCenter";
     static constexpr const char *kMember = "Post";
-    // Limits on what an incoming message may carry; larger ones are refused.
+    // Limits on what one incoming message may carry; larger ones are refused
+    // whole. The element budget counts every value of the message, at every
+    // level, so that decoding stays cheap on the main thread.
     static constexpr int kMaxDepth = 32;
-    static constexpr qsizetype kMaxElements = 1'000'000;
+    static constexpr qsizetype kMaxElements = 200'000;
+    // Characters of one text (or dictionary key), bytes of one data value.
+    static constexpr qsizetype kMaxStringLength = 1 << 20;
+    // Characters of the notification's name and of its object, which the
+    // station may echo back and keep.
+    static constexpr qsizetype kMaxNameLength = 1024;
 
     struct Message {
         QString name;
@@ -59,8 +66,9 @@ public:
     // Converts a property-list value to what goes on the wire, and back.
     // toWire answers an invalid QVariant for values that cannot travel.
     static QVariant toWire(const QVariant &value, int depth = 0);
-    // fromWire answers false (with `why`) for values nested too deep or too large.
-    static bool fromWire(const QVariant &wire, QVariant &out, QString *why, int depth = 0);
+    // fromWire answers false (with `why`) for values nested too deep, with too
+    // many values in all or with too long a text.
+    static bool fromWire(const QVariant &wire, QVariant &out, QString *why);
 
 private slots:
     void handleSignal(const QDBusMessage &message);

@@ -7,6 +7,7 @@
 #include <QString>
 
 #include <chrono>
+#include <condition_variable>
 #include <mutex>
 
 namespace brix {
@@ -19,22 +20,47 @@ public:
 
     const QString &name() const { return name_; }
 
-    bool tryLock() { return m_.try_lock(); }
-    // Waits at most `seconds` for the lock; true when taken.
-    bool lockBeforeSeconds(double seconds) {
-        // A deadline on the system clock waits in pthread_mutex_timedlock; the
-        // steady-clock form waits in pthread_mutex_clocklock, which the thread
-        // sanitizer does not see, so it would lose track of who holds the lock.
-        const auto wait = std::chrono::duration_cast<std::chrono::system_clock::duration>(
-            std::chrono::duration<double>(seconds < 0 ? 0 : seconds));
-        return m_.try_lock_until(std::chrono::system_clock::now() + wait);
+    bool tryLock() {
+        std::lock_guard lk(m_);
+        return take();
     }
-    void lock() { m_.lock(); }
-    void unlock() { m_.unlock(); }
+    // Waits at most `seconds` for the lock; true when taken. The wait is measured
+    // on the steady clock: a step of the wall clock (NTP on a machine without a
+    // real-time clock) neither stretches nor cuts it. A condition variable rather
+    // than a timed mutex, because the steady-clock timed lock of the C library
+    // is invisible to the thread sanitizer.
+    bool lockBeforeSeconds(double seconds) {
+        const auto deadline = std::chrono::steady_clock::now() +
+                              std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                                  std::chrono::duration<double>(seconds < 0 ? 0 : seconds));
+        std::unique_lock lk(m_);
+        return freed_.wait_until(lk, deadline, [&] { return !held_; }) && take();
+    }
+    void lock() {
+        std::unique_lock lk(m_);
+        freed_.wait(lk, [&] { return !held_; });
+        held_ = true;
+    }
+    void unlock() {
+        {
+            std::lock_guard lk(m_);
+            held_ = false;
+        }
+        freed_.notify_one();
+    }
 
 private:
+    bool take() {
+        if (held_)
+            return false;
+        held_ = true;
+        return true;
+    }
+
     QString name_;
-    std::timed_mutex m_;
+    std::mutex m_;
+    std::condition_variable freed_;
+    bool held_ = false;
 };
 
 } // namespace brix

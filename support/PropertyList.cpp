@@ -1,5 +1,6 @@
 #include "PropertyList.h"
 
+#include "Describe.h"
 #include "Logger.h"
 
 #include <QDateTime>
@@ -599,66 +600,6 @@ QByteArray decodeBase64IgnoringUnknown(QByteArrayView text, bool *ok) {
     return *ok ? *result : QByteArray();
 }
 
-QString describeIndented(const QVariant &value, int indent) {
-    const QString pad(indent * 4, QLatin1Char(' '));
-    const QString inner((indent + 1) * 4, QLatin1Char(' '));
-    if (indent > PropertyList::kMaxDepth)
-        return QStringLiteral("...");
-    switch (value.typeId()) {
-    case QMetaType::UnknownType:
-        return QStringLiteral("(null)");
-    case QMetaType::Bool:
-        return value.toBool() ? QStringLiteral("1") : QStringLiteral("0");
-    case QMetaType::QString: {
-        const QString s = value.toString();
-        bool plain = !s.isEmpty();
-        for (QChar c : s)
-            plain = plain && (c.isLetterOrNumber() || c == QLatin1Char('_') || c == QLatin1Char('.'));
-        if (plain)
-            return s;
-        QString quoted = s;
-        quoted.replace(QLatin1String("\\"), QLatin1String("\\\\"))
-            .replace(QLatin1String("\""), QLatin1String("\\\""));
-        return QLatin1Char('"') + quoted + QLatin1Char('"');
-    }
-    case QMetaType::QByteArray: {
-        const QByteArray b = value.toByteArray();
-        return QStringLiteral("{length = %1, bytes = 0x%2%3}")
-            .arg(b.size())
-            .arg(QString::fromLatin1(b.left(24).toHex()))
-            .arg(b.size() > 24 ? QStringLiteral("...") : QString());
-    }
-    case QMetaType::QDateTime:
-        return value.toDateTime().toUTC().toString(QStringLiteral("yyyy-MM-dd HH:mm:ss +0000"));
-    case QMetaType::QVariantMap:
-    case QMetaType::QVariantHash: {
-        const QVariantMap map = value.typeId() == QMetaType::QVariantMap ? value.toMap() : [&] {
-            QVariantMap m;
-            const QVariantHash h = value.toHash();
-            for (auto it = h.constBegin(); it != h.constEnd(); ++it)
-                m.insert(it.key(), it.value());
-            return m;
-        }();
-        QString out = QStringLiteral("{\n");
-        for (auto it = map.constBegin(); it != map.constEnd(); ++it)
-            out += inner + describeIndented(it.key(), indent + 1) + QStringLiteral(" = ") +
-                   describeIndented(it.value(), indent + 1) + QStringLiteral(";\n");
-        return out + pad + QLatin1Char('}');
-    }
-    case QMetaType::QVariantList:
-    case QMetaType::QStringList: {
-        const QVariantList list = value.toList();
-        QString out = QStringLiteral("(\n");
-        for (qsizetype i = 0; i < list.size(); ++i)
-            out += inner + describeIndented(list[i], indent + 1) +
-                   (i + 1 < list.size() ? QStringLiteral(",\n") : QStringLiteral("\n"));
-        return out + pad + QLatin1Char(')');
-    }
-    default:
-        return value.toString();
-    }
-}
-
 } // namespace
 
 // --- general reader and writer ------------------------------------------------
@@ -727,7 +668,7 @@ QVariant PropertyList::propertyListFromData(const QByteArray &data, Mutability, 
 }
 
 QString PropertyList::describe(const QVariant &value) {
-    return describeIndented(value, 0);
+    return brix::describe(value);
 }
 
 // --- string conversions ----------------------------------------------------------

@@ -14,6 +14,7 @@
 #include "ViewController.h"
 
 #include <QAction>
+#include <QApplication>
 #include <QCheckBox>
 #include <QCloseEvent>
 #include <QDoubleSpinBox>
@@ -152,6 +153,7 @@ MainWindow::MainWindow(ViewController &viewController, CameraPanelModel &panel, 
     connect(quit, &QAction::triggered, this,
             [] { NotificationCenter::defaultCenter().post(QString::fromLatin1(kQuitAppNotification)); });
     resize(1100, 720);
+    qApp->installEventFilter(this);
     windowDidLoad();
 }
 
@@ -313,7 +315,13 @@ void MainWindow::ibHandleCloseWindow() {
 }
 
 void MainWindow::closeEvent(QCloseEvent *event) {
-    event->setAccepted(windowShouldClose());
+    event->setAccepted(applicationQuitting_ || windowShouldClose());
+}
+
+bool MainWindow::eventFilter(QObject *watched, QEvent *event) {
+    if (watched == qApp && event->type() == QEvent::Quit)
+        applicationQuitting_ = true;
+    return QMainWindow::eventFilter(watched, event);
 }
 
 bool MainWindow::windowShouldClose() {

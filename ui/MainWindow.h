@@ -61,6 +61,9 @@ signals:
 
 protected:
     void closeEvent(QCloseEvent *event) override;
+    // Sees the application's quit request (a signal asking the station to
+    // end): the window then lets itself be closed without the sheet.
+    bool eventFilter(QObject *watched, QEvent *event) override;
 
 private:
     QWidget *buildPanelTab();
@@ -85,6 +88,7 @@ private:
     QLabel *downloadCount_ = nullptr;
     QLabel *savedCount_ = nullptr;
     std::vector<NotificationCenter::Token> tokens_;
+    bool applicationQuitting_ = false;
 };
 
 } // namespace brix

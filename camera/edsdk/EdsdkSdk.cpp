@@ -3,7 +3,6 @@
 #include "Dispatch.h"
 #include "Logger.h"
 
-#include <QCoreApplication>
 #include <QString>
 
 #include <atomic>
@@ -411,14 +410,7 @@ public:
         // its event loop turning while it waits.
         if (core_->onEventQueue())
             return;
-        if (dispatch::isMainThread() && QCoreApplication::instance()) {
-            auto drained = std::make_shared<std::atomic<bool>>(false);
-            core_->eventQueue()->async([drained] { drained->store(true); });
-            while (!drained->load())
-                QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
-        } else {
-            core_->eventQueue()->sync([] {});
-        }
+        dispatch::drainPumpingMainLoop(core_->eventQueue());
     }
 
     const char *backendName() const override { return "edsdk"; }

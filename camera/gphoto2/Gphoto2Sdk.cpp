@@ -11,6 +11,7 @@
 #endif
 
 #include <QCoreApplication>
+#include <QDateTime>
 #include <QProcess>
 
 #include <algorithm>
@@ -49,6 +50,14 @@ constexpr EdsUInt32 kEosSubtype = 1;
 
 // After this many failed event fetches in a row the camera counts as gone.
 constexpr int kEventErrorLimit = 10;
+// I/O failures in a row after which a body that detection still lists is
+// given up (a timeout or one bad packet is not a pulled cable).
+constexpr int kIoFailureLimit = 3;
+// More AE-mode choices than any body offers: libgphoto2's whole table (about
+// 40 modes in 2.5.30), which it lists when the body sent no list of its own.
+constexpr size_t kWholeAeModeTable = 25;
+// The folder in which libgphoto2 reports the shots a body sent to the host.
+constexpr const char *kHostShotFolder = "/";
 // Events handled in one pass of the event loop before other calls get a turn.
 constexpr int kEventsPerPass = 16;
 
@@ -105,6 +114,11 @@ struct ItemObj : Object {
     std::shared_ptr<CameraCore> core;
     std::string folder, name;
     Progress progress;
+    // A shot the body sent to the host (capture to RAM): libgphoto2 fetched it
+    // with the event and keeps only a few such files, so the backend takes the
+    // bytes at once and serves the download from them.
+    std::optional<std::string> fetched;
+    int64_t mtime = 0;
 };
 
 struct StreamObj : Object {
@@ -137,6 +151,8 @@ struct CameraCore : std::enable_shared_from_this<CameraCore> {
     bool loopScheduled = false;
     uint64_t loopTimer = 0;
     int errorStreak = 0;
+    int ioFailures = 0;
+    int quietPasses = 0; // event-loop passes in a row that found nothing
     std::set<std::string> widgetNames;
     std::map<EdsPropertyID, std::string> widgetFor;
     std::map<EdsPropertyID, std::vector<std::string>> choices;
@@ -149,6 +165,7 @@ struct CameraCore : std::enable_shared_from_this<CameraCore> {
 
     std::atomic<bool> open{false};
     std::atomic<bool> gone{false};
+    std::atomic<bool> reannounced{false};
 
     std::mutex handlersMutex;
     Registration state, property, object;
@@ -181,14 +198,7 @@ struct Value {
 // loop keeps turning meanwhile: a handler on that queue may be waiting for the
 // main thread (a notification posted and waited for), and must get its turn.
 void drain(const dispatch::QueuePtr &queue) {
-    if (dispatch::isMainThread() && QCoreApplication::instance()) {
-        auto done = std::make_shared<std::atomic<bool>>(false);
-        queue->async([done] { done->store(true); });
-        while (!done->load())
-            QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
-    } else {
-        queue->sync([] {});
-    }
+    dispatch::drainPumpingMainLoop(queue);
 }
 
 } // namespace
@@ -261,6 +271,7 @@ struct Gphoto2Sdk::Impl {
 
     dispatch::QueuePtr hotplug = dispatch::makeSerialQueue("com.lumetra.brix.gphoto2.hotplug");
     std::atomic<bool> hotplugRunning{false};
+    std::shared_ptr<std::atomic<bool>> pollRun = std::make_shared<std::atomic<bool>>(false);
     std::atomic<uint64_t> pollTimer{0};
     std::set<std::string> knownPorts; // hotplug queue
     bool seeded = false;              // hotplug queue
@@ -330,9 +341,20 @@ struct Gphoto2Sdk::Impl {
                                   QString::fromStdString(text))
                              .arg(result)
                              .arg(hex(e)));
-        if (e == EDS_ERR_COMM_DISCONNECTED)
+        if (e == EDS_ERR_COMM_DISCONNECTED && (++c.ioFailures >= kIoFailureLimit || !stillAttached(c)))
             markGone(c);
         return e;
+    }
+
+    // Device queue. Whether a fresh detection still lists the camera's port.
+    bool stillAttached(const CameraCore &c) {
+        std::vector<DetectedCamera> found;
+        if (port->autodetect(&found) != gp::OK)
+            return true; // cannot tell: the failure streak decides
+        for (const auto &f : found)
+            if (f.port == c.id.port)
+                return true;
+        return false;
     }
 
     static EdsError usable(const CameraCore &c) {
@@ -367,11 +389,13 @@ struct Gphoto2Sdk::Impl {
     }
 
     void deliverObject(const std::shared_ptr<CameraCore> &c, const std::string &folder,
-                       const std::string &name) {
+                       const std::string &name, std::optional<std::string> fetched = std::nullopt) {
         auto *item = add(new ItemObj);
         item->core = c;
         item->folder = folder;
         item->name = name;
+        item->fetched = std::move(fetched);
+        item->mtime = QDateTime::currentSecsSinceEpoch();
         c->events->async([this, c, item] {
             const Registration r = registration(*c, &CameraCore::object);
             if (r.handler &&
@@ -407,19 +431,26 @@ struct Gphoto2Sdk::Impl {
             c->loopScheduled = false;
             if (!c->open || c->gone)
                 return;
-            for (int i = 0; i < kEventsPerPass && pump(c); ++i) {
-            }
+            int handled = 0;
+            while (handled < kEventsPerPass && pump(c))
+                ++handled;
+            c->quietPasses = handled ? 0 : std::min(c->quietPasses + 1, 8);
             scheduleLoop(c);
         };
         if (now)
             c->device->async(std::move(pass));
         else
             c->loopTimer =
-                dispatch::after(std::chrono::milliseconds(options.eventWaitMs), c->device, std::move(pass));
+                dispatch::after(std::chrono::milliseconds(std::max(
+                                    options.eventWaitMs,
+                                    std::min(options.eventWaitMaxMs, options.eventWaitMs << c->quietPasses))),
+                                c->device, std::move(pass));
     }
 
     // Handles one event; false when the body had none (or failed).
-    bool pump(const std::shared_ptr<CameraCore> &c) {
+    // With `pastErrors`, a failed fetch that leaves the body usable also
+    // answers true: events libgphoto2 still holds behind it come next.
+    bool pump(const std::shared_ptr<CameraCore> &c, bool pastErrors = false) {
         Event ev;
         const int rc = port->waitForEvent(c->handle, 0, &ev);
         if (rc < gp::OK) {
@@ -428,15 +459,31 @@ struct Gphoto2Sdk::Impl {
             const EdsError e = fail(*c, QStringLiteral("waiting for an event"), rc);
             if (e != EDS_ERR_COMM_DISCONNECTED && ++c->errorStreak >= kEventErrorLimit)
                 markGone(*c);
-            return false;
+            return pastErrors && !c->gone;
         }
         c->errorStreak = 0;
+        c->ioFailures = 0;
         switch (ev.type) {
         case Event::Type::FileAdded:
             Logger::setDebug(QStringLiteral("gphoto2: new file %1/%2 on %3")
                                  .arg(QString::fromStdString(ev.folder), QString::fromStdString(ev.name),
                                       QString::fromStdString(c->id.model)));
-            deliverObject(c, ev.folder, ev.name);
+            if (ev.folder == kHostShotFolder) {
+                // Sent to the host: fetched whole now, on this queue, before
+                // libgphoto2's small cache of such files lets it go; then
+                // dropped from that cache. Both files of a RAW+JPEG shot come
+                // as consecutive events and are delivered in that order.
+                std::string bytes;
+                const int grc = port->getFile(c->handle, ev.folder, ev.name, &bytes);
+                if (grc != gp::OK) {
+                    fail(*c, QStringLiteral("fetching the new shot %1").arg(ev.name.c_str()), grc);
+                    return true;
+                }
+                port->deleteFile(c->handle, ev.folder, ev.name);
+                deliverObject(c, ev.folder, ev.name, std::move(bytes));
+            } else {
+                deliverObject(c, ev.folder, ev.name);
+            }
             return true;
         case Event::Type::Unknown:
             if (auto code = ptpCodeInEventText(ev.text))
@@ -558,12 +605,13 @@ struct Gphoto2Sdk::Impl {
             return EDS_ERR_OK;
         }
         case PropertyKind::OutputDevice: {
-            uint32_t bits = 0;
+            // The body's own outputs when it tells them; only a body without
+            // that setting is taken to show on the host while live view runs.
             Widget w;
+            std::optional<uint32_t> bits;
             if (has(c, spec->widgets.front()) && readWidget(c, *spec, &w) == gp::OK)
-                bits = valueForLabel(id, w.text, w.choices).value_or(0);
-            bits = c.liveView ? (bits | kEdsEvfOutputDevice_PC) : (bits & ~kEdsEvfOutputDevice_PC);
-            out->number = bits;
+                bits = valueForLabel(id, w.text, w.choices);
+            out->number = bits ? *bits : (c.liveView ? kEdsEvfOutputDevice_PC : 0);
             return EDS_ERR_OK;
         }
         default:
@@ -572,7 +620,7 @@ struct Gphoto2Sdk::Impl {
         Widget w;
         const int rc = readWidget(c, *spec, &w);
         if (rc == gp::NotSupported) {
-            if (id == kEdsPropID_ProductName) {
+            if (spec->fromModelName) {
                 out->text = c.id.model;
                 return EDS_ERR_OK;
             }
@@ -630,7 +678,7 @@ struct Gphoto2Sdk::Impl {
         int rc = gp::OK;
         switch (spec->kind) {
         case PropertyKind::Text:
-            if (id == kEdsPropID_ProductName || id == kEdsPropID_FirmwareVersion || id == kEdsPropID_LensName)
+            if (spec->readOnly)
                 return EDS_ERR_NOT_SUPPORTED;
             rc = writeWidget(c, widget, textValue(in.text));
             break;
@@ -893,9 +941,24 @@ struct Gphoto2Sdk::Impl {
         };
         switch (cmd) {
         case kEdsCameraCommand_TakePicture: {
+            // libgphoto2 fetches and throws away the body's pending events
+            // before it releases the shutter: an earlier shot announced there
+            // would be lost, so they are taken first.
+            for (int i = 0; i < kEventsPerPass && pump(cp, true); ++i) {
+            }
+            if (c.gone)
+                return EDS_ERR_COMM_DISCONNECTED;
             const int rc = port->triggerCapture(c.handle);
-            if (rc == gp::OK)
+            if (rc == gp::OK) {
+                // The shot is announced within a few polls: ask at once
+                // rather than after a quiet loop's long pause.
+                c.quietPasses = 0;
+                if (dispatch::cancelTimer(c.loopTimer)) {
+                    c.loopScheduled = false;
+                    scheduleLoop(cp, true);
+                }
                 return EDS_ERR_OK;
+            }
             const std::string text = port->describe(rc, c.handle);
             const EdsError e = edsErrorFor(rc);
             if (e == EDS_ERR_INTERNAL_ERROR && containsNoCase(text, "focus")) {
@@ -907,7 +970,7 @@ struct Gphoto2Sdk::Impl {
                                  .arg(QString::fromStdString(c.id.model), QString::fromStdString(text))
                                  .arg(rc)
                                  .arg(hex(e)));
-            if (e == EDS_ERR_COMM_DISCONNECTED)
+            if (e == EDS_ERR_COMM_DISCONNECTED && (++c.ioFailures >= kIoFailureLimit || !stillAttached(c)))
                 markGone(c);
             return e;
         }
@@ -1031,7 +1094,7 @@ struct Gphoto2Sdk::Impl {
                 ports.insert(c.port);
         bool fresh = false;
         for (const auto &p : ports)
-            if (!knownPorts.count(p))
+            if (!knownPorts.count(p) || givenUpAndNotAnnounced(p))
                 fresh = true;
         for (const auto &p : knownPorts)
             if (!ports.count(p))
@@ -1042,15 +1105,27 @@ struct Gphoto2Sdk::Impl {
         seeded = true;
     }
 
+    // Hotplug queue. A camera on the port was given up while still attached
+    // (I/O failures): announced once as arriving again.
+    bool givenUpAndNotAnnounced(const std::string &portName) {
+        std::lock_guard lock(m);
+        auto it = byPort.find(portName);
+        return it != byPort.end() && it->second->core->gone && !it->second->core->reannounced.exchange(true);
+    }
+
     void armPoll() {
         if (!hotplugRunning)
             return;
-        pollTimer = dispatch::after(dispatch::secondsToNanos(options.pollSeconds), hotplug, [this] {
-            if (!hotplugRunning)
-                return;
-            pollOnce();
-            armPoll();
-        });
+        // A timer that fired just as detection stopped may still hand its
+        // task to the queue after the drain: it then finds its run ended
+        // without touching the backend, which may be gone by then.
+        pollTimer =
+            dispatch::after(dispatch::secondsToNanos(options.pollSeconds), hotplug, [this, run = pollRun] {
+                if (!*run)
+                    return;
+                pollOnce();
+                armPoll();
+            });
     }
 
 #ifdef BRIX_HAVE_LIBUDEV
@@ -1114,6 +1189,7 @@ struct Gphoto2Sdk::Impl {
         }
 #endif
         Logger::setDebug(QStringLiteral("gphoto2: polling for cameras every %1 s").arg(options.pollSeconds));
+        pollRun = std::make_shared<std::atomic<bool>>(true);
         hotplug->async([this] { pollOnce(); });
         armPoll();
     }
@@ -1121,6 +1197,7 @@ struct Gphoto2Sdk::Impl {
     void stopHotplug() {
         if (!hotplugRunning.exchange(false))
             return;
+        *pollRun = false;
         dispatch::cancelTimer(pollTimer);
         drain(hotplug);
 #ifdef BRIX_HAVE_LIBUDEV
@@ -1218,7 +1295,9 @@ EdsError Gphoto2Sdk::EdsGetCameraList(EdsCameraListRef *out) {
                 continue;
             present.insert(cam.port);
             CameraObj *&obj = d->byPort[cam.port];
-            if (!obj || obj->core->id.model != cam.model) {
+            // A body given up (I/O failures) that detection lists again gets a
+            // fresh camera object, which can be opened again.
+            if (!obj || obj->core->id.model != cam.model || obj->core->gone) {
                 if (obj)
                     dropped.push_back(obj);
                 obj = new CameraObj;
@@ -1480,6 +1559,14 @@ EdsError Gphoto2Sdk::EdsGetPropertyDesc(EdsBaseRef ref, EdsPropertyID id, EdsPro
             if (std::find(values.begin(), values.end(), *v) == values.end())
                 values.push_back(*v);
         }
+        if (id == kEdsPropID_AEMode && w.choices.size() > kWholeAeModeTable) {
+            // The body sent no list of modes (a body with a mode dial does
+            // not), and libgphoto2 then offers every mode it knows of. Only
+            // the dial's mode can be had.
+            values.clear();
+            if (auto current = valueForLabel(id, w.text, w.choices))
+                values.push_back(*current);
+        }
         const size_t n = std::min<size_t>(values.size(), std::size(desc->propDesc));
         for (size_t i = 0; i < n; ++i)
             desc->propDesc[i] = EdsInt32(values[i]);
@@ -1537,6 +1624,11 @@ EdsError Gphoto2Sdk::EdsGetDirectoryItemInfo(EdsDirectoryItemRef ref, EdsDirecto
         return EDS_ERR_INVALID_POINTER;
     std::memset(info, 0, sizeof *info);
     std::strncpy(info->szFileName, item->name.c_str(), EDS_MAX_NAME - 1);
+    if (item->fetched) {
+        info->size = item->fetched->size();
+        info->dateTime = EdsUInt32(item->mtime);
+        return EDS_ERR_OK;
+    }
     auto core = item->core;
     return core->onDevice([&]() -> EdsError {
         if (EdsError e = Impl::usable(*core))
@@ -1598,7 +1690,12 @@ EdsError Gphoto2Sdk::EdsDownload(EdsDirectoryItemRef itemRef, EdsUInt64 readSize
     while (done < readSize) {
         uint64_t got = std::min<uint64_t>(d->options.downloadChunk, readSize - done);
         int rc = gp::OK;
-        EdsError e = core->onDevice([&]() -> EdsError {
+        if (item->fetched) {
+            got = std::min<uint64_t>(got,
+                                     item->fetched->size() - std::min<uint64_t>(done, item->fetched->size()));
+            std::memcpy(stream->buffer + stream->position, item->fetched->data() + done, got);
+        }
+        EdsError e = item->fetched ? EDS_ERR_OK : core->onDevice([&]() -> EdsError {
             if (EdsError u = Impl::usable(*core))
                 return u;
             rc = d->port->readFile(core->handle, item->folder, item->name, done,
@@ -1641,6 +1738,8 @@ EdsError Gphoto2Sdk::EdsDownloadComplete(EdsDirectoryItemRef ref) {
     auto *item = d->as<ItemObj>(ref);
     if (!item)
         return EDS_ERR_INVALID_HANDLE;
+    if (item->fetched) // already let go when it was fetched
+        return EDS_ERR_OK;
     auto core = item->core;
     return core->onDevice([&]() -> EdsError {
         if (EdsError e = Impl::usable(*core))
@@ -1686,6 +1785,16 @@ EdsError Gphoto2Sdk::EdsDownloadEvfImage(EdsCameraRef ref, EdsEvfImageRef evfRef
         const int rc = d->port->capturePreview(core->handle, &jpeg);
         if (rc == gp::CameraBusy)
             return EDS_ERR_OBJECT_NOTREADY;
+        if (rc == gp::Error) {
+            // An EOS body answers "not ready" while it refocuses or writes a
+            // shot; libgphoto2 asks again for 3 s and then gives up with a
+            // plain error. A stall, not the end of live view: the next frame
+            // is asked for as usual.
+            Logger::setVerbose(QStringLiteral("gphoto2: no live-view frame from %1: %2")
+                                   .arg(QString::fromStdString(core->id.model),
+                                        QString::fromStdString(d->port->describe(rc, core->handle))));
+            return EDS_ERR_OBJECT_NOTREADY;
+        }
         if (rc != gp::OK)
             return d->fail(*core, QStringLiteral("reading a live-view frame"), rc);
         if (jpeg.empty())

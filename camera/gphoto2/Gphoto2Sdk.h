@@ -49,8 +49,12 @@ struct Gphoto2Options {
     Hotplug hotplug = Hotplug::Auto;
     // Autodetect period when polling for new cameras.
     double pollSeconds = 2.0;
-    // Time between two passes of a camera's event loop (on the dispatch clock).
-    int eventWaitMs = 30;
+    // Time between two passes of a camera's event loop (on the dispatch clock):
+    // eventWaitMs after a pass that found events, doubling with each quiet pass
+    // up to eventWaitMaxMs (as libgphoto2's own wait backs off from 50 to
+    // 200 ms). Every pass also keeps an EOS body awake.
+    int eventWaitMs = 50;
+    int eventWaitMaxMs = 200;
     // Claimed device: how often and how far apart to retry after releasing a mount.
     int claimRetries = 3;
     std::chrono::milliseconds claimRetryDelay{700};

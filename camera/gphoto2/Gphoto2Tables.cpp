@@ -332,10 +332,16 @@ const std::vector<LabelEntry> kImageFormat = {
 const std::vector<LabelEntry> kNoTable;
 
 const std::vector<PropertySpec> kSpecs = {
-    {kEdsPropID_ProductName, PropertyKind::Text, kEdsDataType_String, {"cameramodel", "model"}},
+    {kEdsPropID_ProductName,
+     PropertyKind::Text,
+     kEdsDataType_String,
+     {"cameramodel", "model"},
+     0,
+     true,
+     true},
     {kEdsPropID_OwnerName, PropertyKind::Text, kEdsDataType_String, {"ownername"}},
     {kEdsPropID_DateTime, PropertyKind::Time, kEdsDataType_Time, {"datetime"}},
-    {kEdsPropID_FirmwareVersion, PropertyKind::Text, kEdsDataType_String, {"deviceversion"}},
+    {kEdsPropID_FirmwareVersion, PropertyKind::Text, kEdsDataType_String, {"deviceversion"}, 0, true},
     {kEdsPropID_BatteryLevel, PropertyKind::Battery, kEdsDataType_UInt32, {"batterylevel"}},
     {kEdsPropID_SaveTo, PropertyKind::SaveTo, kEdsDataType_UInt32, {"capturetarget"}},
     {kEdsPropID_ImageQuality,
@@ -357,7 +363,7 @@ const std::vector<PropertySpec> kSpecs = {
     {kEdsPropID_Av, PropertyKind::Table, kEdsDataType_UInt32, {"aperture"}, 16},
     {kEdsPropID_Tv, PropertyKind::Table, kEdsDataType_UInt32, {"shutterspeed"}, 16},
     {kEdsPropID_ExposureCompensation, PropertyKind::Table, kEdsDataType_UInt32, {"exposurecompensation"}, 8},
-    {kEdsPropID_LensName, PropertyKind::Text, kEdsDataType_String, {"lensname"}},
+    {kEdsPropID_LensName, PropertyKind::Text, kEdsDataType_String, {"lensname"}, 0, true},
     {kEdsPropID_Artist, PropertyKind::Text, kEdsDataType_String, {"artist"}},
     {kEdsPropID_Copyright, PropertyKind::Text, kEdsDataType_String, {"copyright"}},
     {kEdsPropID_Evf_OutputDevice, PropertyKind::OutputDevice, kEdsDataType_UInt32, {"output"}, 16},

@@ -50,6 +50,10 @@ struct PropertySpec {
     std::vector<std::string> widgets;
     // The widget value's width on the body (8 or 16 bits) for tables; 0 otherwise.
     int valueBits = 0;
+    // The body's own text: the host may read it but never write it.
+    bool readOnly = false;
+    // Answered from the detected model's name when the body has no such widget.
+    bool fromModelName = false;
 };
 
 // The properties the backend serves; nullptr for any other ID.

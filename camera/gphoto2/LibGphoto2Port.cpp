@@ -123,9 +123,20 @@ void collectLeaves(CameraWidget *w, std::vector<Widget> *out) {
     out->push_back(std::move(leaf));
 }
 
+// libgphoto2 translates its labels and messages when its translations are
+// installed, and the backend looks labels up and reads its messages in
+// English. Pointing its message catalogues (its own and its port library's) at
+// a place that holds none keeps them untranslated whatever the desktop's
+// language. Must come before any other libgphoto2 call of the process, which
+// would bind the installed catalogues for good.
+void speakUntranslated() {
+    static const int once = gp_init_localedir("/dev/null");
+    (void)once;
+}
+
 class LibGphoto2Port final : public Gphoto2Port {
 public:
-    LibGphoto2Port() : context_(gp_context_new()) {
+    LibGphoto2Port() : context_((speakUntranslated(), gp_context_new())) {
         gp_context_set_error_func(context_, onContextError, &errors_);
     }
     ~LibGphoto2Port() override {
@@ -150,6 +161,8 @@ public:
         std::lock_guard lock(m_);
         cameras->clear();
         int rc = loadLists();
+        if (rc >= GP_OK)
+            rc = refreshPorts();
         if (rc < GP_OK)
             return rc;
         CameraList *list = nullptr;
@@ -164,7 +177,8 @@ public:
                 const char *name = nullptr, *value = nullptr;
                 gp_list_get_name(list, i, &name);
                 gp_list_get_value(list, i, &value);
-                if (name && value)
+                // The bare "usb:" entry stands for "any USB camera", not a device.
+                if (name && value && std::strcmp(value, "usb:") != 0)
                     cameras->push_back({name, value});
             }
         }
@@ -174,10 +188,11 @@ public:
 
     int openCamera(const DetectedCamera &which, Handle *handle) override {
         OpenCamera open;
+        // Initialising the camera loads drivers through libltdl, which is not
+        // safe against the port-driver loading of a detection on another
+        // thread: the whole open holds the lock, even though it can take seconds.
+        std::lock_guard lock(m_);
         {
-            // The driver and port lists are shared; initialising the camera is
-            // not, and can take seconds, so it runs outside the lock.
-            std::lock_guard lock(m_);
             int rc = loadLists();
             if (rc < GP_OK)
                 return rc;
@@ -186,7 +201,9 @@ public:
                 lastOpenError_ = "no driver for the model \"" + which.model + "\"";
                 return model;
             }
-            const int port = gp_port_info_list_lookup_path(ports_, which.port.c_str());
+            int port = gp_port_info_list_lookup_path(ports_, which.port.c_str());
+            if (port < GP_OK && refreshPorts() >= GP_OK) // plugged in since the last detection
+                port = gp_port_info_list_lookup_path(ports_, which.port.c_str());
             if (port < GP_OK) {
                 lastOpenError_ = "no such port \"" + which.port + "\"";
                 return port;
@@ -205,7 +222,6 @@ public:
         open.context = gp_context_new();
         gp_context_set_error_func(open.context, onContextError, open.errors.get());
         const int rc = gp_camera_init(open.camera, open.context);
-        std::lock_guard lock(m_);
         if (rc < GP_OK) {
             {
                 std::lock_guard elock(open.errors->m);
@@ -457,6 +473,24 @@ private:
             ports_ = nullptr;
         }
         return rc;
+    }
+
+    // A fresh list of ports: a body plugged in, replugged or power-cycled since
+    // the last one has a new USB device number. Caller holds m_.
+    int refreshPorts() {
+        GPPortInfoList *fresh = nullptr;
+        int rc = gp_port_info_list_new(&fresh);
+        if (rc >= GP_OK)
+            rc = gp_port_info_list_load(fresh);
+        if (rc < GP_OK) {
+            if (fresh)
+                gp_port_info_list_free(fresh);
+            return rc;
+        }
+        if (ports_)
+            gp_port_info_list_free(ports_);
+        ports_ = fresh;
+        return GP_OK;
     }
 
     static void release(OpenCamera &open) {

@@ -3,7 +3,6 @@
 #include "Logger.h"
 #include "SimulatorImages.h"
 
-#include <QCoreApplication>
 #include <QDateTime>
 
 #include <algorithm>
@@ -334,16 +333,7 @@ SimulatorSdk::~SimulatorSdk() {
     // Let deliveries under way finish; the ones still queued see closing_. A
     // handler may be waiting for the main thread, so the main thread keeps its
     // event loop turning while it waits instead of blocking.
-    if (dispatch::currentQueue() != events_.get()) {
-        if (dispatch::isMainThread() && QCoreApplication::instance()) {
-            auto drained = std::make_shared<std::atomic<bool>>(false);
-            events_->async([drained] { drained->store(true); });
-            while (!drained->load())
-                QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
-        } else {
-            events_->sync([] {});
-        }
-    }
+    dispatch::drainPumpingMainLoop(events_);
     Lock lock(mutex_);
     const long leaked = totalRefs_ - internalRefs_;
     if (leaked != 0)

@@ -195,3 +195,23 @@ TEST_F(CameraUnderLoad, SettingsChangingOnTheBodyWhileTheStationReloads) {
     EXPECT_EQ(value.toUInt(), control->property(kEdsPropID_Av).toUInt());
     EXPECT_TRUE(camera->isLoaded());
 }
+
+// Quitting in the middle of a download: the will-terminate step waits for the
+// transfer under way, whose shot still arrives, and lets no later event reach
+// the application, whose objects are about to go.
+TEST_F(CameraUnderLoad, TerminationWaitsForTheDownloadUnderWayAndLetsNoLaterEventThrough) {
+    CameraPtr camera = loadFirstCamera();
+    ASSERT_TRUE(camera);
+    ASSERT_TRUE(control->setShotFormat("JPG", 8 * 1024 * 1024));
+    ASSERT_TRUE(control->pressShutter());
+    // Each further progress report needs the main thread, which is here.
+    ASSERT_TRUE(waitFor([&] { return count(kOKVA_CanonCameraDownloadProgress) >= 1; }));
+    OKVA_CanonCamera::applicationWillTerminate(QStringLiteral("quit during a download"));
+    EXPECT_EQ(count(kOKVA_CanonCameraPhotoDataAvailable), 1u);
+
+    clearPosted();
+    ASSERT_TRUE(control->pressShutter());
+    ASSERT_TRUE(control->unplug());
+    settle();
+    EXPECT_TRUE(posted.empty()) << posted.front().note.name.toStdString();
+}

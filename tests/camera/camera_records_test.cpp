@@ -25,8 +25,14 @@ TEST(CameraLogFormat, ConversionsFollowTheArgumentsWidthAndObjectsAreDescribed) 
 
     QVariantMap dict{{"commandNumber", 0u}, {"description", "Take a picture"}};
     EXPECT_EQ(format("%@", {QVariant(dict)}),
-              "{\n    \"commandNumber\" = 0;\n    \"description\" = Take a picture;\n}");
+              "{\n    commandNumber = 0;\n    description = \"Take a picture\";\n}");
     EXPECT_EQ(format("got value %@", {QVariant()}), "got value (null)");
+    EXPECT_EQ(format("got value %@", {QVariant("Canon EOS")}), "got value Canon EOS");
+    // A value from outside (a body's owner name, a sibling's message) cannot flood the log.
+    QVariantList many;
+    for (int i = 0; i < 100000; ++i)
+        many << QString(100, 'x');
+    EXPECT_LT(format("%@ %@", {QVariant(QString(1'000'000, 'x')), QVariant(many)}).size(), 30'000);
 }
 
 TEST(CameraCommandText, ShutterParametersAndUnknownCommands) {

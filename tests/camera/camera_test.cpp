@@ -454,15 +454,18 @@ TEST_F(Download, ACancelledOrFailedTransferPostsNothingAndTheNextShotArrives) {
     ASSERT_TRUE(waitFor([&] { return delegate.asked.load() >= 1; }));
     camera->setDelegate(nullptr);
 
+    // One transfer fails; one shot's size cannot be read, so it must not be
+    // taken as an empty file (nor freed on the camera as if downloaded).
     ASSERT_TRUE(control->injectError("EdsDownload", EDS_ERR_COMM_DISCONNECTED, 1));
-    ASSERT_TRUE(control->pressShutter());
-    ASSERT_TRUE(control->pressShutter());
+    ASSERT_TRUE(control->injectError("EdsGetDirectoryItemInfo", EDS_ERR_COMM_DISCONNECTED, 1));
+    for (int shot = 0; shot < 3; ++shot)
+        ASSERT_TRUE(control->pressShutter());
     ASSERT_TRUE(waitFor([&] { return count(kOKVA_CanonCameraPhotoDataAvailable) == 1; }));
     settle();
     ASSERT_EQ(count(kOKVA_CanonCameraPhotoDataAvailable), 1u);
     EXPECT_EQ(
         named(kOKVA_CanonCameraPhotoDataAvailable)[0].note.userInfo.value(kOKVA_CanonCameraPhotoFilename),
-        "IMG_0003.JPG");
+        "IMG_0004.JPG");
     EXPECT_EQ(delegate.asked.load(), 1); // the cancelled transfer asked once
 }
 
@@ -524,6 +527,38 @@ TEST_F(Disappearance, AListUpdateWhileLoadedDoesNotSwallowTheDisappearance) {
         auto c = OKVA_CanonCamera::cameras();
         return c && c->isEmpty();
     }));
+    clearPosted();
+    ASSERT_TRUE(control->unplug());
+    ASSERT_TRUE(waitFor([&] { return count(kOKVA_CanonCameraDidUnload) == 1; }));
+    EXPECT_EQ(named(kOKVA_CanonCameraDidUnload)[0].camera(), camera);
+    EXPECT_FALSE(camera->isLoaded());
+}
+
+// A camera-list update that runs while the session is being opened, as one
+// started by a camera-added event can.
+class UpdateWhileOpeningSdk : public ForwardingSdk {
+public:
+    using ForwardingSdk::ForwardingSdk;
+    EdsError EdsOpenSession(EdsCameraRef camera) override {
+        // After the start-up update has let go of its lock, or this one would be skipped.
+        auto &updateLock = CameraClassState::get().updateLock;
+        updateLock.lock();
+        updateLock.unlock();
+        OKVA_CanonCamera::updateCameraListAsync();
+        return ForwardingSdk::EdsOpenSession(camera);
+    }
+};
+
+class DisappearanceAfterLoadRace : public CameraFixture {
+protected:
+    std::shared_ptr<EdsSdk> wrap(std::shared_ptr<EdsSdk> sim) override {
+        return std::make_shared<UpdateWhileOpeningSdk>(sim);
+    }
+};
+
+TEST_F(DisappearanceAfterLoadRace, AListUpdateDuringLoadDoesNotSwallowTheDisappearance) {
+    CameraPtr camera = loadFirstCamera();
+    ASSERT_TRUE(camera);
     clearPosted();
     ASSERT_TRUE(control->unplug());
     ASSERT_TRUE(waitFor([&] { return count(kOKVA_CanonCameraDidUnload) == 1; }));

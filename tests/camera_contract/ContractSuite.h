@@ -207,7 +207,8 @@ TEST_P(EdsContract, DownloadDeliversTheExactBytesWithProgressTo100) {
     EdsDirectoryItemInfo info{};
     ASSERT_EQ(sdk_->EdsGetDirectoryItemInfo(item, &info), EDS_ERR_OK);
     const QString fileName = QString::fromUtf8(info.szFileName);
-    EXPECT_TRUE(fileName.endsWith(".JPG") || fileName.endsWith(".CR2")) << fileName.toStdString();
+    EXPECT_TRUE(fileName.endsWith(".JPG", Qt::CaseInsensitive) || fileName.endsWith(".CR2", Qt::CaseInsensitive))
+        << fileName.toStdString();
     ASSERT_GT(info.size, 0u);
 
     Progress progress;

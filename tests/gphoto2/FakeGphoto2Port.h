@@ -2,8 +2,10 @@
 // of `LANG=C gphoto2 --list-all-config` (so a body's own listing can be
 // replayed) and behaves like an EOS body behind libgphoto2: radio settings
 // accept only their choices (or "Unknown value %04x") and announce their
-// change as "PTP Property dXXX changed", a trigger
-// adds a file and announces it, files are read in parts, previews return JPEG
+// change as "PTP Property dXXX changed", a trigger throws away the pending
+// events (as libgphoto2 does) and announces its shot: with the capture target
+// "Internal RAM" as libgphoto2's cached "/capt0000.jpg", which only a whole
+// read gets, else as a file on the card; card files are read in parts, previews return JPEG
 // frames. Faults are injected per operation; unplug() makes every later call
 // fail as a vanished USB device does.
 //
@@ -125,7 +127,7 @@ public:
     }
     void addFile(const std::string &folder, const std::string &name, std::string bytes) {
         std::lock_guard lock(m_);
-        files_[folder + "/" + name] = std::move(bytes);
+        files_[path(folder, name)] = std::move(bytes);
     }
     void unplug() {
         {
@@ -166,7 +168,7 @@ public:
     }
     bool hasFile(const std::string &folder, const std::string &name) {
         std::lock_guard lock(m_);
-        return files_.count(folder + "/" + name) != 0;
+        return files_.count(path(folder, name)) != 0;
     }
     bool overlapped() const { return overlapped_; }
     std::string lastShot() {
@@ -282,11 +284,24 @@ public:
                 return f;
             if (unplugged_)
                 return gp::Io;
+            // libgphoto2 fetches the body's pending events and throws them
+            // away before it releases the shutter.
+            events_.clear();
             char name[16];
-            std::snprintf(name, sizeof name, "IMG_%04d.JPG", shots_);
-            lastShot_ = jpegPicture(1200, 800, shots_++);
-            files_[std::string("/store_00020001/DCIM/100CANON/") + name] = lastShot_;
-            events_.push_back(Event{Event::Type::FileAdded, "", "/store_00020001/DCIM/100CANON", name});
+            lastShot_ = jpegPicture(1200, 800, shots_);
+            const Widget *target = find("capturetarget");
+            if (target && target->text == "Internal RAM") {
+                // Sent to the host: libgphoto2 fetched it with the event and
+                // keeps it in its cache under "/" as capt%04d.
+                std::snprintf(name, sizeof name, "capt%04d.jpg", captures_++);
+                files_[std::string("/") + name] = lastShot_;
+                events_.push_back(Event{Event::Type::FileAdded, "", "/", name});
+            } else {
+                std::snprintf(name, sizeof name, "IMG_%04d.JPG", shots_);
+                files_[std::string("/store_00020001/DCIM/100CANON/") + name] = lastShot_;
+                events_.push_back(Event{Event::Type::FileAdded, "", "/store_00020001/DCIM/100CANON", name});
+            }
+            ++shots_;
             events_.push_back(Event{Event::Type::CaptureComplete, "", "", ""});
         }
         return gp::OK;
@@ -297,7 +312,7 @@ public:
         std::lock_guard lock(m_);
         if (int f = fault(Op::FileInfo))
             return f;
-        auto it = files_.find(folder + "/" + name);
+        auto it = files_.find(path(folder, name));
         if (it == files_.end())
             return gp::FileNotFound;
         info->size = it->second.size();
@@ -316,7 +331,9 @@ public:
             return gp::Io;
         if (!partialReads_)
             return gp::NotSupported;
-        auto it = files_.find(folder + "/" + name);
+        if (folder == "/") // files sent to the host are not on a storage
+            return gp::Error;
+        auto it = files_.find(path(folder, name));
         if (it == files_.end())
             return gp::FileNotFound;
         readOffsets_.push_back(offset);
@@ -330,7 +347,7 @@ public:
     int getFile(Handle, const std::string &folder, const std::string &name, std::string *data) override {
         Call call(*this);
         std::lock_guard lock(m_);
-        auto it = files_.find(folder + "/" + name);
+        auto it = files_.find(path(folder, name));
         if (it == files_.end())
             return gp::FileNotFound;
         *data = it->second;
@@ -340,7 +357,7 @@ public:
     int deleteFile(Handle, const std::string &folder, const std::string &name) override {
         Call call(*this);
         std::lock_guard lock(m_);
-        return files_.erase(folder + "/" + name) ? gp::OK : gp::FileNotFound;
+        return files_.erase(path(folder, name)) ? gp::OK : gp::FileNotFound;
     }
 
     int capturePreview(Handle, std::string *jpeg) override {
@@ -388,6 +405,10 @@ private:
         list.pop_front();
         lastDetail_ = f.detail;
         return f.code;
+    }
+
+    static std::string path(const std::string &folder, const std::string &name) {
+        return folder == "/" ? "/" + name : folder + "/" + name;
     }
 
     Widget *find(const std::string &name) {
@@ -444,6 +465,7 @@ private:
     std::vector<DetectedCamera> detected_;
     std::map<Op, std::deque<Fault>> faults_;
     std::deque<Event> events_;
+    int captures_ = 0;
     std::map<std::string, std::string> files_;
     std::vector<std::pair<std::string, std::string>> writes_;
     std::vector<uint64_t> readOffsets_;

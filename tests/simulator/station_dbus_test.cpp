@@ -47,9 +47,13 @@ public:
         p_.start(BRIX_EXECUTABLE, QStringList{"--headless"} + args);
     }
     ~Station() {
+        // A normal quit: a killed station would be relaunched by its watchdog.
         if (p_.state() != QProcess::NotRunning) {
-            p_.kill();
-            p_.waitForFinished(5000);
+            p_.terminate();
+            if (!p_.waitForFinished(20000)) {
+                p_.kill();
+                p_.waitForFinished(5000);
+            }
         }
     }
     // Reads the log until it holds `text`.

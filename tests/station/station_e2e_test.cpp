@@ -149,6 +149,11 @@ TEST_F(Station, GrabImageInCapitalsSavesOneShotAndAnnouncesIt) {
     EXPECT_EQ(p.value("action").toString(), "newImageToDisplayForPreviewer");
     EXPECT_EQ(p.value("value").toString(), path);
     EXPECT_EQ(p.value("senderApp").toString(), "BrixCanonCapture");
+
+    stop();
+    EXPECT_EQ(process_.exitStatus(), QProcess::NormalExit);
+    EXPECT_EQ(process_.exitCode(), 0);
+    EXPECT_EQ(log().count("catching applicationWillTerminate"), 1) << "the camera SDK ends once";
 }
 
 TEST_F(Station, BurstOfOneHundredShotsLosesNothingAndKeepsOrder) {

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <QEventLoop>
+
 #include <atomic>
 #include <mutex>
 #include <thread>
@@ -129,9 +131,8 @@ TEST(NotificationCenter, ObserversAddedAndRemovedWhilePostingFromManyThreads) {
 TEST(NotificationCenter, HandOffsToTheMainThread) {
     NotificationCenter center;
     std::atomic<int> onMain{0}, offMain{0};
-    center.addObserver("handoff", {}, [&](const Notification &) {
-        (dispatch::isMainThread() ? onMain : offMain)++;
-    });
+    center.addObserver("handoff", {},
+                       [&](const Notification &) { (dispatch::isMainThread() ? onMain : offMain)++; });
     std::atomic<bool> waitedReturned{false};
     std::atomic<int> seenWhenWaitReturned{-1};
     dispatch::detachThread("test.poster", [&] {
@@ -143,4 +144,46 @@ TEST(NotificationCenter, HandOffsToTheMainThread) {
     ASSERT_TRUE(test::processEventsUntil([&] { return waitedReturned && onMain == 2; }));
     EXPECT_EQ(seenWhenWaitReturned, 1);
     EXPECT_EQ(offMain, 0);
+}
+
+// A task that runs a modal loop (an alert) must not let newer main-queue tasks
+// overtake older ones that were waiting behind it.
+TEST(MainQueue, ModalLoopInsideATaskKeepsTheQueueOrder) {
+    auto main = dispatch::mainQueue();
+    std::vector<std::string> order;
+    QEventLoop modal;
+    bool finished = false;
+    main->async([&] {
+        order.push_back("alert");
+        main->async([&] {
+            order.push_back("posted during alert");
+            modal.quit();
+        });
+        modal.exec();
+        order.push_back("alert closed");
+    });
+    main->async([&] { order.push_back("queued before alert"); });
+    main->async([&] { finished = true; });
+    ASSERT_TRUE(test::processEventsUntil([&] { return finished; }));
+    EXPECT_EQ(order, (std::vector<std::string>{"alert", "queued before alert", "posted during alert",
+                                               "alert closed"}));
+}
+
+// Waiting on the main thread for a queue whose task waits for the main thread,
+// from inside a main-queue task; and waiting for a queue from its own task.
+TEST(MainQueue, DrainPumpingTheMainLoopNestsAndNeverWaitsForItself) {
+    auto queue = dispatch::makeSerialQueue("test.pumped");
+    std::atomic<int> steps{0};
+    queue->async([&] { dispatch::mainQueue()->sync([&] { steps += 1; }); });
+    queue->async([&] {
+        dispatch::drainPumpingMainLoop(queue);
+        steps += 10;
+    });
+    bool drained = false;
+    dispatch::mainQueue()->async([&] {
+        dispatch::drainPumpingMainLoop(queue);
+        drained = true;
+    });
+    ASSERT_TRUE(test::processEventsUntil([&] { return drained; }));
+    EXPECT_EQ(steps.load(), 11);
 }

@@ -74,19 +74,33 @@ TEST(DistributedNotifications, MalformedAndHostileMessagesAreDroppedAndLaterOnes
     for (int i = 0; i < 20; ++i) // legal on the bus, deeper than the station accepts
         deep = QVariantMap{{"d", deep}};
     bus.send(rawPost({QString("hostile"), QString(), QVariant::fromValue(deep)}));
-    // Large but legal: a 10 MB string and a 100,000-element array arrive intact.
+    // Over the budget of one message, though each array alone is small; a
+    // name-sized field or a text over its length.
     QVariantList many;
     for (int i = 0; i < 100000; ++i)
         many << i;
-    ASSERT_TRUE(DistributedNotificationCenter::defaultCenter().post("hostile", "", {{"big", QString(10'000'000, 'x')}}));
-    ASSERT_TRUE(DistributedNotificationCenter::defaultCenter().post("hostile", "", {{"many", many}}));
-    ASSERT_TRUE(DistributedNotificationCenter::defaultCenter().post("hostile", "", {{"last", true}}));
+    const QString longText(DistributedNotificationCenter::kMaxStringLength + 1, 'x');
+    bus.send(
+        rawPost({QString("hostile"), QString(), QVariant::fromValue(QVariantMap{{"a", many}, {"b", many}})}));
+    bus.send(rawPost({QString("hostile"), QString(DistributedNotificationCenter::kMaxNameLength + 1, 'o'),
+                      QVariant::fromValue(QVariantMap{})}));
+    bus.send(rawPost({QString("hostile"), QString(), QVariant::fromValue(QVariantMap{{"t", longText}})}));
+    // Large but legal: the longest text and a 100,000-element array arrive intact.
+    auto &center = DistributedNotificationCenter::defaultCenter();
+    ASSERT_TRUE(center.post("hostile", "",
+                            {{"big", longText.left(DistributedNotificationCenter::kMaxStringLength)}}));
+    ASSERT_TRUE(center.post("hostile", "", {{"many", many}}));
+    // Last from the hostile sender: once it is in, so is everything it sent before.
+    bus.send(rawPost({QString("hostile"), QString(), QVariant::fromValue(QVariantMap{{"last", true}})}));
     ASSERT_TRUE(l.waitFor(3));
     test::processEventsUntil([] { return false; }, std::chrono::milliseconds(100));
     ASSERT_EQ(l.got.size(), 3u);
-    EXPECT_EQ(l.got[0].userInfo.value("big").toString().size(), 10'000'000);
-    EXPECT_EQ(l.got[1].userInfo.value("many").toList().size(), 100000);
-    EXPECT_TRUE(l.got[2].userInfo.value("last").toBool());
+    QVariantMap got; // two senders: their messages may interleave
+    for (const Message &m : l.got)
+        got.insert(m.userInfo);
+    EXPECT_EQ(got.value("big").toString().size(), DistributedNotificationCenter::kMaxStringLength);
+    EXPECT_EQ(got.value("many").toList().size(), 100000);
+    EXPECT_TRUE(got.value("last").toBool());
     QDBusConnection::disconnectFromBus("hostile-sender");
 }
 

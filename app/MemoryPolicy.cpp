@@ -1,0 +1,16 @@
+#include "MemoryPolicy.h"
+
+#include <malloc.h>
+
+namespace brix {
+
+void keepShotBuffersInTheHeap() {
+    // Left to its defaults the allocator maps every such buffer afresh from the
+    // system and unmaps it again, so each download pays a page fault per 4 KiB
+    // before a byte is copied. Buffers up to the allocator's largest heap size
+    // stay in the heap, and the heap is not trimmed between shots.
+    mallopt(M_MMAP_THRESHOLD, 32 * 1024 * 1024);
+    mallopt(M_TRIM_THRESHOLD, 256 * 1024 * 1024);
+}
+
+} // namespace brix

@@ -1,0 +1,396 @@
+// The station keeps itself alive: the real executable and its watchdog on a
+// private bus with a temporary HOME, killed, crashed, hung, started twice.
+#include "AppDelegate.h"
+#include "DistributedNotificationCenter.h"
+#include "Preferences.h"
+#include "TestSupport.h"
+#include "Watchdog.h"
+
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <QDBusInterface>
+#include <QDBusReply>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QProcess>
+
+#include <gtest/gtest.h>
+
+#include <signal.h>
+
+using namespace brix;
+using namespace std::chrono_literals;
+using Message = DistributedNotificationCenter::Message;
+
+namespace {
+
+// Generous: a loaded two-core machine runs these under AddressSanitizer.
+constexpr auto kUp = 60s;
+
+const QString kBusName = QStringLiteral("com.lumetra.BrixCanonCapture");
+
+class KeepAlive : public ::testing::Test {
+protected:
+    void SetUp() override {
+        home_ = test::testHome();
+        connection_ = std::make_unique<QDBusConnection>(
+            QDBusConnection::connectToBus(QDBusConnection::SessionBus, QStringLiteral("keepalive-sibling")));
+        center_ = std::make_unique<DistributedNotificationCenter>(*connection_);
+        center_->addObserver(QStringLiteral("brixXNotification"),
+                             [this](const Message &m) { received_.push_back(m); });
+        env_ = QProcessEnvironment::systemEnvironment();
+        env_.insert("BRIX_CAMERA_BACKEND", "simulator");
+        env_.insert("XDG_RUNTIME_DIR", home_ + "/run");
+    }
+    void TearDown() override {
+        // Whatever is left of this test's stations and watchdogs: a normal quit
+        // first, then SIGKILL for the watchdogs before the stations.
+        for (pid_t pid : ours("BrixCanonCapture"))
+            ::kill(pid, SIGTERM);
+        test::processEventsUntil([&] { return ours("BrixCanonCapture").isEmpty(); }, 20s);
+        for (const char *name : {"watchdog", "BrixCanonCapture"})
+            for (pid_t pid : ours(name))
+                ::kill(pid, SIGKILL);
+        test::processEventsUntil(
+            [&] { return ours("watchdog").isEmpty() && ours("BrixCanonCapture").isEmpty(); }, 20s);
+        first_.waitForFinished(5000);
+        center_.reset();
+        QDBusConnection::disconnectFromBus(QStringLiteral("keepalive-sibling"));
+    }
+
+    // Live processes of this test (its HOME) running the named executable.
+    QList<pid_t> ours(const QString &executable, const QString &argument = {}) const {
+        QList<pid_t> pids;
+        const QByteArray homeEntry = "HOME=" + QFile::encodeName(home_);
+        for (const QString &entry : QDir("/proc").entryList(QDir::Dirs)) {
+            bool isPid = false;
+            const pid_t pid = pid_t(entry.toInt(&isPid));
+            if (!isPid || QFileInfo("/proc/" + entry + "/exe").symLinkTarget().section('/', -1) != executable)
+                continue;
+            QFile environ("/proc/" + entry + "/environ"), cmdline("/proc/" + entry + "/cmdline");
+            if (!environ.open(QIODevice::ReadOnly) || !cmdline.open(QIODevice::ReadOnly))
+                continue;
+            const QList<QByteArray> vars = environ.readAll().split('\0');
+            const QList<QByteArray> args = cmdline.readAll().split('\0');
+            if (vars.contains(homeEntry) && (argument.isEmpty() || args.contains(argument.toLocal8Bit())))
+                pids << pid;
+        }
+        return pids;
+    }
+    pid_t owner() const {
+        QDBusReply<uint> pid = QDBusConnection::sessionBus().interface()->servicePid(kBusName);
+        return pid.isValid() ? pid_t(pid.value()) : 0;
+    }
+    // The watchdog of `station` has read what it needs to relaunch it.
+    bool watched(pid_t station) const {
+        return log().contains(QStringLiteral("watchdog: watching pid %1\n").arg(station));
+    }
+    // The station that owns the bus name now, once it is not `previous`, is
+    // watched by its watchdog, and has announced its camera.
+    pid_t waitForStation(pid_t previous) {
+        const size_t cameras = cameraAnnouncements();
+        pid_t pid = 0;
+        const bool up = test::processEventsUntil(
+            [&] {
+                pid = owner();
+                return pid > 0 && pid != previous && watched(pid) && cameraAnnouncements() > cameras;
+            },
+            kUp);
+        return up ? pid : 0;
+    }
+    size_t cameraAnnouncements() const {
+        size_t n = 0;
+        for (const Message &m : received_)
+            n += m.userInfo.value("cameraStatus").toUInt() == 1 ? 1 : 0;
+        return n;
+    }
+    // A shot on the simulated body is saved and announced.
+    bool shotIsSavedAndAnnounced() {
+        auto count = [&] {
+            int n = 0;
+            for (const Message &m : received_)
+                n += m.userInfo.contains("filePath") ? 1 : 0;
+            return n;
+        };
+        const int before = count();
+        QDBusInterface sim("com.lumetra.BrixCanonCapture.Simulator", "/com/lumetra/brix/Simulator",
+                           "com.lumetra.brix.Simulator");
+        if (!sim.call("PressShutter").errorName().isEmpty())
+            return false;
+        if (!test::processEventsUntil([&] { return count() > before; }, kUp))
+            return false;
+        return QFileInfo::exists(received_.back().userInfo.value("filePath").toString());
+    }
+    void startFirst(const QStringList &extraEnv = {}) {
+        QProcessEnvironment env = env_;
+        for (const QString &kv : extraEnv)
+            env.insert(kv.section('=', 0, 0), kv.section('=', 1));
+        first_.setProcessEnvironment(env);
+        // The relaunched stations inherit these descriptors: they must outlive
+        // the QProcess object.
+        first_.setProcessChannelMode(QProcess::ForwardedChannels);
+        first_.start(BRIX_EXECUTABLE, {"--headless"});
+        ASSERT_TRUE(first_.waitForStarted(10000));
+    }
+    // waitForFinished() answers false for a process already seen to end.
+    static bool finished(QProcess &p) {
+        return p.state() == QProcess::NotRunning || p.waitForFinished(30000);
+    }
+    QString log() const {
+        QFile f(home_ + "/.local/state/Logs/Brix/BrixCanonCapture.log");
+        return f.open(QIODevice::ReadOnly) ? QString::fromUtf8(f.readAll()) : QString();
+    }
+    bool waitForLog(const QString &text) {
+        return test::processEventsUntil([&] { return log().contains(text); }, kUp);
+    }
+
+    QString home_;
+    QProcessEnvironment env_;
+    QProcess first_;
+    std::unique_ptr<QDBusConnection> connection_;
+    std::unique_ptr<DistributedNotificationCenter> center_;
+    std::vector<Message> received_;
+};
+
+} // namespace
+
+TEST_F(KeepAlive, SecondCopyAsksTheFirstToComeForwardAndLeavesItsCamera) {
+    startFirst();
+    const pid_t first = waitForStation(0);
+    ASSERT_EQ(first, pid_t(first_.processId()));
+
+    QProcess second;
+    second.setProcessEnvironment(env_);
+    second.start(BRIX_EXECUTABLE, {"--headless"});
+    ASSERT_TRUE(second.waitForStarted(10000));
+    const qint64 secondPid = second.processId();
+    ASSERT_TRUE(second.waitForFinished(60000));
+    EXPECT_EQ(second.exitStatus(), QProcess::NormalExit);
+    EXPECT_EQ(second.exitCode(), 0);
+    ASSERT_TRUE(
+        waitForLog(QStringLiteral("another instance (pid %1) asked us to come forward").arg(secondPid)));
+    const QString text = log();
+    EXPECT_TRUE(
+        text.contains("Inside AppDelegate => checkForDuplicateRunningInstances...Another Instance of this "
+                      "app is already running..."));
+    // The second copy never reached the camera: one simulator, one watchdog, one camera.
+    EXPECT_EQ(text.count("simulator control on the session bus"), 1);
+    EXPECT_EQ(ours("watchdog").size(), 1);
+    EXPECT_EQ(owner(), first);
+    EXPECT_TRUE(shotIsSavedAndAnnounced());
+}
+
+TEST_F(KeepAlive, CrashSignalAndKillEachGiveARelaunchedStationThatShootsAndAnnounces) {
+    startFirst();
+    const pid_t first = waitForStation(0);
+    ASSERT_GT(first, 0);
+    EXPECT_TRUE(waitForLog("args = (\n    " BRIX_EXECUTABLE ",\n    --headless\n)"));
+
+    ::kill(first, SIGSEGV);
+    ASSERT_TRUE(finished(first_));
+    EXPECT_EQ(first_.exitCode(), SIGSEGV); // ends at once, with the signal's number
+    const pid_t second = waitForStation(first);
+    ASSERT_GT(second, 0) << log().toStdString();
+    EXPECT_FALSE(ours("BrixCanonCapture", "--autorelaunched").isEmpty());
+    EXPECT_TRUE(waitForLog("App Launched From WatchDog..."));
+    EXPECT_TRUE(shotIsSavedAndAnnounced());
+
+    ::kill(second, SIGKILL);
+    const pid_t third = waitForStation(second);
+    ASSERT_GT(third, 0) << log().toStdString();
+    EXPECT_EQ(ours("BrixCanonCapture").size(), 1);
+    EXPECT_TRUE(shotIsSavedAndAnnounced());
+    EXPECT_TRUE(log().contains(QStringLiteral("pid %1 ended without a normal quit; relaunched").arg(second)));
+    // "--autorelaunched" is added once, however often the station comes back.
+    // (both relaunched stations log the same arguments).
+    EXPECT_TRUE(test::processEventsUntil(
+        [&] {
+            return log().count("args = (\n    " BRIX_EXECUTABLE
+                               ",\n    --headless,\n    --autorelaunched\n)") == 2;
+        },
+        kUp));
+    const QString text = log();
+    EXPECT_FALSE(text.contains("--autorelaunched,\n    --autorelaunched"));
+}
+
+TEST_F(KeepAlive, FiveEndsWithinThirtySecondsStopTheLoop) {
+    startFirst();
+    pid_t station = waitForStation(0);
+    ASSERT_GT(station, 0);
+    // Four relaunches keep their watchdog; the fifth start finds four recorded
+    // launches within 30 s and runs without one.
+    for (int relaunch = 1; relaunch <= 4; ++relaunch) {
+        ::kill(station, SIGKILL);
+        pid_t next = 0;
+        // Each relaunched start notes itself once; the log lines of station and
+        // watchdog arrive in either order.
+        ASSERT_TRUE(test::processEventsUntil(
+            [&] {
+                next = owner();
+                return next > 0 && next != station && watched(next) &&
+                       log().count("automatically relaunched due to unexpected termination") == relaunch;
+            },
+            kUp))
+            << "relaunch " << relaunch << log().toStdString();
+        station = next;
+    }
+    ::kill(station, SIGKILL);
+    ASSERT_TRUE(waitForLog(
+        "NOT setting auto-relaunch because interval since 4 previous launches is less than 30.0 sec"))
+        << log().toStdString();
+    ASSERT_TRUE(test::processEventsUntil([&] { return owner() > 0 && owner() != station; }, kUp));
+    station = owner();
+    EXPECT_TRUE(ours("watchdog").isEmpty());
+    // The next end is final.
+    ::kill(station, SIGKILL);
+    ASSERT_TRUE(test::processEventsUntil([&] { return ours("BrixCanonCapture").isEmpty(); }, kUp));
+    EXPECT_TRUE(ours("watchdog").isEmpty());
+}
+
+TEST_F(KeepAlive, HangUpIsLoggedAndTerminateEndsStationAndWatchdogWithoutRelaunch) {
+    startFirst();
+    const pid_t station = waitForStation(0);
+    ASSERT_GT(station, 0);
+    const QList<pid_t> watchdog = ours("watchdog");
+    ASSERT_EQ(watchdog.size(), 1);
+
+    ::kill(station, SIGHUP);
+    ASSERT_TRUE(waitForLog("Caught Hangup ... ignoring."));
+    EXPECT_EQ(owner(), station);
+    EXPECT_EQ(ours("watchdog"), watchdog);
+    EXPECT_TRUE(shotIsSavedAndAnnounced());
+
+    ::kill(station, SIGTERM);
+    ASSERT_TRUE(finished(first_));
+    EXPECT_EQ(first_.exitStatus(), QProcess::NormalExit);
+    EXPECT_EQ(first_.exitCode(), 0);
+    // The station waited for its watchdog, which ended without relaunching.
+    EXPECT_TRUE(ours("watchdog").isEmpty());
+    const QString text = log();
+    EXPECT_TRUE(text.contains("Caught Terminated ... terminating."));
+    EXPECT_TRUE(text.contains("watchdog has terminated with exit code 0"));
+    EXPECT_TRUE(ours("BrixCanonCapture").isEmpty());
+    EXPECT_FALSE(text.contains("relaunched"));
+}
+
+TEST_F(KeepAlive, HungStationIsKilledAndRelaunched) {
+    const QString hang = home_ + "/hang";
+    startFirst({"BRIX_TEST_HANG_FILE=" + hang, "BRIX_WATCHDOG_HANG_SECONDS=5"});
+    const pid_t first = waitForStation(0);
+    ASSERT_GT(first, 0);
+    QFile(hang).open(QIODevice::WriteOnly);
+    ASSERT_TRUE(waitForLog("test switch: the main loop stops turning now"));
+    const pid_t second = waitForStation(first);
+    ASSERT_GT(second, 0) << log().toStdString();
+    EXPECT_TRUE(finished(first_));
+    EXPECT_EQ(first_.exitStatus(), QProcess::CrashExit); // SIGKILL from the watchdog
+    EXPECT_TRUE(
+        log().contains(QStringLiteral("pid %1 has not turned its main loop for 5 s, killed it").arg(first)));
+    EXPECT_TRUE(shotIsSavedAndAnnounced());
+}
+
+// Without a session bus the lock file keeps a second copy out; a lock left by
+// a killed copy does not.
+TEST_F(KeepAlive, WithoutABusTheLockFileServesAndAStaleOneNeverBlocks) {
+    env_.insert("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + home_ + "/no-bus");
+    env_.insert("BRIX_CAMERA_BACKEND", "none-here"); // no camera is needed for this
+    QFile stale(home_ + "/run/com.lumetra.BrixCanonCapture.lock");
+    ASSERT_TRUE(stale.open(QIODevice::WriteOnly));
+    stale.write("99999999\n");
+    stale.close();
+    startFirst();
+    ASSERT_TRUE(waitForLog("myappinfo = ")) << log().toStdString();
+
+    QProcess second;
+    second.setProcessEnvironment(env_);
+    second.start(BRIX_EXECUTABLE, {"--headless"});
+    ASSERT_TRUE(second.waitForFinished(60000));
+    EXPECT_EQ(second.exitCode(), 0);
+    EXPECT_TRUE(log().contains("Another Instance of this app is already running"));
+    EXPECT_EQ(first_.state(), QProcess::Running);
+    EXPECT_EQ(stale.open(QIODevice::ReadOnly) ? stale.readAll().trimmed().toLongLong() : 0,
+              first_.processId());
+}
+
+TEST(LaunchLoopRule, CountsTheNthNewestLaunchWithUnsignedArithmetic) {
+    const QDateTime now = QDateTime::fromSecsSinceEpoch(1'700'000'000);
+    auto ago = [&](int s) { return QVariant(now.addSecs(-s)); };
+    const auto never = [](unsigned, double) { return false; };
+
+    // A normal start clears even a long history and keeps running.
+    QVariantList ten;
+    for (int i = 0; i < 10; ++i)
+        ten << ago(i);
+    Watchdog::LaunchDecision d = Watchdog::launchLoopRule(4, 30.0, never, false, ten, now);
+    EXPECT_TRUE(d.clearHistory);
+    EXPECT_TRUE(d.keepRunning);
+    EXPECT_TRUE(d.logLines.isEmpty());
+
+    // Three recorded dates: the index wraps, no reference, interval = 30.0, not below it.
+    d = Watchdog::launchLoopRule(4, 30.0, never, true, {ago(3), ago(2), ago(1)}, now);
+    EXPECT_TRUE(d.keepRunning);
+    EXPECT_DOUBLE_EQ(d.interval, 30.0);
+    EXPECT_EQ(d.dates.size(), 4);
+    EXPECT_EQ(d.dates.last().toDateTime(), now);
+
+    // The 4th-newest date decides: 29 s back stops the loop, 31 s back does not.
+    d = Watchdog::launchLoopRule(4, 30.0, never, true, {ago(100), ago(29), ago(20), ago(10), ago(5)}, now);
+    EXPECT_FALSE(d.keepRunning);
+    EXPECT_EQ(d.logLines, (QStringList{"automatically relaunched due to unexpected termination",
+                                       "NOT setting auto-relaunch because interval since 4 previous launches "
+                                       "is less than 30.0 sec (29)"}));
+    d = Watchdog::launchLoopRule(4, 30.0, never, true, {ago(31), ago(20), ago(10), ago(5)}, now);
+    EXPECT_TRUE(d.keepRunning);
+    EXPECT_EQ(d.logLines.size(), 1);
+
+    // The escape decision may keep it running; without one it stops; count 0 always asks.
+    d = Watchdog::launchLoopRule(
+        4, 30.0, [](unsigned n, double s) { return n == 4 && s < 30; }, true,
+        {ago(29), ago(20), ago(10), ago(5)}, now);
+    EXPECT_TRUE(d.keepRunning);
+    EXPECT_TRUE(d.logLines.last().startsWith("setting auto-relaunch because interval since 4"));
+    EXPECT_FALSE(
+        Watchdog::launchLoopRule(4, 30.0, nullptr, true, {ago(1), ago(1), ago(1), ago(1)}, now).keepRunning);
+    d = Watchdog::launchLoopRule(0, 30.0, never, false, {}, now);
+    EXPECT_FALSE(d.clearHistory);
+    EXPECT_FALSE(d.keepRunning);
+    EXPECT_EQ(
+        d.logLines.last(),
+        "NOT setting auto-relaunch because interval since 0 previous launches is less than 30.0 sec (30)");
+    // Something other than a date in the reference place: no reference.
+    EXPECT_TRUE(Watchdog::launchLoopRule(1, 30.0, never, true, {QVariant("x")}, now).keepRunning);
+}
+
+// Without the watchdog beside it the station says so once and runs
+// unmonitored: a kill is final, SIGTERM still ends it normally.
+TEST_F(KeepAlive, MissingWatchdogLeavesTheStationUnmonitored) {
+    const QString copy = home_ + "/bin/BrixCanonCapture";
+    ASSERT_TRUE(QDir().mkpath(home_ + "/bin"));
+    ASSERT_TRUE(QFile::copy(BRIX_EXECUTABLE, copy));
+    first_.setProcessEnvironment(env_);
+    first_.setProcessChannelMode(QProcess::ForwardedChannels);
+    first_.start(copy, {"--headless"});
+    ASSERT_TRUE(waitForLog("missing watchdog! Unexpected termination will not be monitored."))
+        << log().toStdString();
+    ASSERT_TRUE(waitForLog("myappinfo = "));
+    EXPECT_TRUE(ours("watchdog").isEmpty());
+    ::kill(pid_t(first_.processId()), SIGTERM);
+    ASSERT_TRUE(finished(first_));
+    EXPECT_EQ(first_.exitCode(), 0);
+    EXPECT_TRUE(log().contains("Caught Terminated ... terminating."));
+}
+
+TEST(StartUp, WindowTitleKeysWithoutAVersionSayUnknown) {
+    AppDelegate delegate;
+    QVariantMap info = AppDelegate::bundleInfo();
+    info.remove("CFBundleShortVersionString");
+    delegate.setupWindowTitle(info);
+    Preferences &prefs = Preferences::standard();
+    const QString longInfo = QStringLiteral("BrixCanonCapture vUnknown??? xc-%1 sdk-%2")
+                                 .arg(info.value("DTXcode").toString(), info.value("DTSDKName").toString());
+    EXPECT_EQ(prefs.stringForKey("prefLongInfoString"), longInfo);
+    EXPECT_EQ(prefs.stringForKey("prefLable1String"), "64bit");
+    EXPECT_EQ(prefs.stringForKey("prefWindowTitleName"), longInfo); // the second write wins
+    EXPECT_TRUE(AppDelegate::currentCameraDispatchQueue() == AppDelegate::currentCameraDispatchQueue());
+}

@@ -1,0 +1,184 @@
+// End-to-end: brixctl against the real station, headless on the simulated
+// camera, each a process of its own on the test's private session bus.
+#include "TestSupport.h"
+
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
+#include <QDBusInterface>
+#include <QElapsedTimer>
+#include <QFileInfo>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QProcess>
+#include <QRegularExpression>
+
+#include <gtest/gtest.h>
+
+#include <signal.h>
+
+using namespace brix;
+using namespace std::chrono_literals;
+
+namespace {
+
+const QRegularExpression kShotPath(QStringLiteral("^/.+/\\d{17}\\.jpg$"));
+
+struct Result {
+    int code = -1;
+    QString out;
+    QString err;
+};
+
+Result brixctl(const QStringList &arguments) {
+    QProcess p;
+    p.start(BRIXCTL_EXECUTABLE, arguments);
+    Result r;
+    if (!p.waitForFinished(60000))
+        return r;
+    r.code = p.exitStatus() == QProcess::NormalExit ? p.exitCode() : -1;
+    r.out = QString::fromLocal8Bit(p.readAllStandardOutput());
+    r.err = QString::fromLocal8Bit(p.readAllStandardError());
+    return r;
+}
+
+class Brixctl : public ::testing::Test {
+protected:
+    void TearDown() override {
+        for (QProcess *p : {&station_, &watch_})
+            if (p->state() != QProcess::NotRunning) {
+                ::kill(pid_t(p->processId()), SIGTERM);
+                p->waitForFinished(20000);
+            }
+    }
+
+    void startStation(const QStringList &extra = {}) {
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert("BRIX_CAMERA_BACKEND", "simulator");
+        station_.setProcessEnvironment(env);
+        station_.start(BRIX_EXECUTABLE, QStringList{"--headless"} + extra);
+        ASSERT_TRUE(station_.waitForStarted(10000));
+        ASSERT_TRUE(test::processEventsUntil(
+            [] {
+                return QDBusConnection::sessionBus().interface()->isServiceRegistered(
+                    "com.lumetra.BrixCanonCapture.Simulator");
+            },
+            20s));
+        ASSERT_TRUE(simulator().call("SetShotFormat", QString("JPG"), 0u).errorName().isEmpty());
+    }
+    // Everything the station printed so far.
+    QString stationOutput() {
+        stationOut_ += QString::fromLocal8Bit(station_.readAllStandardOutput());
+        return stationOut_;
+    }
+    bool stationPrinted(const QString &text) {
+        return test::processEventsUntil(
+            [&] {
+                station_.waitForReadyRead(50);
+                return stationOutput().contains(text);
+            },
+            30s);
+    }
+    static QDBusInterface simulator() {
+        return QDBusInterface("com.lumetra.BrixCanonCapture.Simulator", "/com/lumetra/brix/Simulator",
+                              "com.lumetra.brix.Simulator");
+    }
+
+    QProcess station_;
+    QProcess watch_;
+    QString stationOut_;
+};
+
+} // namespace
+
+TEST_F(Brixctl, ShootAndStatusWithAndWithoutACameraAsTheOperatorSeesThem) {
+    startStation();
+    ASSERT_TRUE(stationPrinted("camera backend: simulator\n")) << stationOutput().toStdString();
+    ASSERT_TRUE(stationPrinted("camera found: Canon EOS 5D Mark IV\n")) << stationOutput().toStdString();
+
+    const Result shot = brixctl({"shoot"});
+    ASSERT_EQ(shot.code, 0) << shot.err.toStdString();
+    const QStringList lines = shot.out.split('\n', Qt::SkipEmptyParts);
+    ASSERT_EQ(lines.size(), 1) << shot.out.toStdString();
+    EXPECT_TRUE(kShotPath.match(lines[0]).hasMatch()) << lines[0].toStdString();
+    EXPECT_TRUE(QFileInfo(lines[0]).isFile() && QFileInfo(lines[0]).size() > 0);
+    EXPECT_TRUE(stationPrinted("shot saved: " + lines[0] + "\n")) << stationOutput().toStdString();
+    EXPECT_EQ(brixctl({"images"}).out, lines[0] + "\n");
+
+    Result status = brixctl({"status"});
+    EXPECT_EQ(status.code, 0) << status.err.toStdString();
+    EXPECT_EQ(status.out, "connected: Canon EOS 5D Mark IV\n");
+
+    ASSERT_EQ(brixctl({"sim", "unplug"}).code, 0);
+    ASSERT_TRUE(stationPrinted("camera lost: Canon EOS 5D Mark IV\n")) << stationOutput().toStdString();
+    status = brixctl({"status"});
+    EXPECT_EQ(status.code, 1) << status.err.toStdString();
+    EXPECT_EQ(status.out, "no camera\n");
+    const Result refused = brixctl({"shoot"});
+    EXPECT_EQ(refused.code, 1);
+    EXPECT_TRUE(refused.err.contains("no camera")) << refused.err.toStdString();
+    // Asking did not change the camera name the station shows.
+    EXPECT_EQ(stationOutput().count("camera lost"), 1) << stationOutput().toStdString();
+}
+
+TEST_F(Brixctl, WatchPrintsABurstOfTenInOrderUntilInterrupted) {
+    startStation({"--quiet"});
+    watch_.start(BRIXCTL_EXECUTABLE, {"watch"});
+    ASSERT_TRUE(watch_.waitForStarted(10000));
+    std::vector<QJsonObject> seen;
+    auto readWatch = [&] {
+        watch_.waitForReadyRead(50);
+        while (watch_.canReadLine()) {
+            const QJsonDocument line = QJsonDocument::fromJson(watch_.readLine());
+            EXPECT_TRUE(line.isObject());
+            seen.push_back(line.object());
+        }
+    };
+    // Once watch shows a request of ours, it is listening.
+    ASSERT_TRUE(test::processEventsUntil(
+        [&] {
+            brixctl({"--timeout", "1", "status"});
+            readWatch();
+            return !seen.empty();
+        },
+        60s));
+
+    auto sim = simulator();
+    for (int i = 0; i < 10; ++i)
+        ASSERT_TRUE(sim.call("PressShutter").errorName().isEmpty());
+    QStringList paths;
+    ASSERT_TRUE(test::processEventsUntil(
+        [&] {
+            readWatch();
+            paths.clear();
+            for (const QJsonObject &o : seen)
+                if (o["name"] == "brixXNotification" && o["userInfo"].toObject().contains("filePath"))
+                    paths << o["userInfo"].toObject()["filePath"].toString();
+            return paths.size() >= 10;
+        },
+        60s))
+        << paths.size();
+    EXPECT_EQ(paths.size(), 10);
+    QStringList sorted = paths;
+    sorted.sort();
+    sorted.removeDuplicates();
+    EXPECT_EQ(paths, sorted) << "out of order or repeated";
+    for (const QString &p : paths)
+        EXPECT_TRUE(kShotPath.match(p).hasMatch() && QFileInfo(p).isFile()) << p.toStdString();
+
+    ::kill(pid_t(watch_.processId()), SIGINT);
+    ASSERT_TRUE(watch_.waitForFinished(20000));
+    EXPECT_EQ(watch_.exitStatus(), QProcess::NormalExit);
+    EXPECT_EQ(watch_.exitCode(), 0);
+    EXPECT_EQ(stationOutput(), "") << "--quiet";
+}
+
+TEST_F(Brixctl, ShootWithNoStationFailsWithinItsTimeout) {
+    QElapsedTimer clock;
+    clock.start();
+    const Result r = brixctl({"--timeout", "2", "shoot"});
+    EXPECT_EQ(r.code, 4);
+    EXPECT_EQ(r.out, "");
+    EXPECT_TRUE(r.err.contains("no station answered on the session bus within 2 s")) << r.err.toStdString();
+    EXPECT_GE(clock.elapsed(), 2000);
+    EXPECT_LT(clock.elapsed(), 8000) << "process start-up included";
+}

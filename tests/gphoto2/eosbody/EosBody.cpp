@@ -1,0 +1,907 @@
+#include "EosBody.h"
+
+#include "SimulatorImages.h"
+
+#include <libusb.h>
+
+#include <QDateTime>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <deque>
+#include <fcntl.h>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <sstream>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+namespace brix::eosbody {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// PTP container types, response codes, operations and event records (the
+// numbers are those of the PTP standard and of Canon's EOS extension).
+constexpr uint16_t kCommand = 1, kData = 2, kResponse = 3;
+constexpr uint16_t kOk = 0x2001, kGeneralError = 0x2002, kSessionNotOpen = 0x2003,
+                   kInvalidObjectHandle = 0x2009, kNotSupported = 0x2005, kDeviceBusy = 0x2019,
+                   kNotReady = 0xA102;
+enum Op : uint16_t {
+    GetDeviceInfo = 0x1001,
+    OpenSession = 0x1002,
+    CloseSession = 0x1003,
+    GetStorageIDs = 0x1004,
+    GetStorageInfo = 0x1005,
+    GetObjectHandles = 0x1007,
+    GetObjectInfo = 0x1008,
+    DeleteObject = 0x100B,
+    GetPartialObject = 0x101B,
+    EosGetStorageIDs = 0x9101,
+    EosGetStorageInfo = 0x9102,
+    EosSetDevicePropValueEx = 0x9110,
+    EosSetRemoteMode = 0x9114,
+    EosSetEventMode = 0x9115,
+    EosGetEvent = 0x9116,
+    EosTransferComplete = 0x9117,
+    EosPCHDDCapacity = 0x911A,
+    EosSetUILock = 0x911B,
+    EosResetUILock = 0x911C,
+    EosKeepDeviceOn = 0x911D,
+    EosRequestDevicePropValue = 0x9127,
+    EosRemoteReleaseOn = 0x9128,
+    EosRemoteReleaseOff = 0x9129,
+    EosInitiateViewfinder = 0x9151,
+    EosTerminateViewfinder = 0x9152,
+    EosGetViewFinderData = 0x9153,
+};
+constexpr uint16_t kOperations[] = {GetDeviceInfo,          OpenSession,         CloseSession,
+                                    GetStorageIDs,          GetStorageInfo,      GetObjectHandles,
+                                    GetObjectInfo,          DeleteObject,        GetPartialObject,
+                                    EosGetStorageIDs,       EosGetStorageInfo,   EosSetDevicePropValueEx,
+                                    EosSetRemoteMode,       EosSetEventMode,     EosGetEvent,
+                                    EosTransferComplete,    EosPCHDDCapacity,    EosSetUILock,
+                                    EosResetUILock,         EosKeepDeviceOn,     EosRequestDevicePropValue,
+                                    EosRemoteReleaseOn,     EosRemoteReleaseOff, EosInitiateViewfinder,
+                                    EosTerminateViewfinder, EosGetViewFinderData};
+constexpr uint32_t kEventObjectAddedEx = 0xC181, kEventRequestObjectTransfer = 0xC186,
+                   kEventPropValueChanged = 0xC189, kEventAvailListChanged = 0xC18A;
+constexpr uint16_t kFormatJpeg = 0x3801, kFormatCr2 = 0xB103;
+constexpr uint32_t kCardStorage = 0x00020001;
+constexpr uint32_t kDestinationCard = 2, kDestinationHost = 4;
+
+// EOS device properties the body reports.
+enum Prop : uint32_t {
+    Aperture = 0xD101,
+    ShutterSpeed = 0xD102,
+    ISOSpeed = 0xD103,
+    ExpCompensation = 0xD104,
+    AutoExposureMode = 0xD105,
+    DriveMode = 0xD106,
+    MeteringMode = 0xD107,
+    FocusMode = 0xD108,
+    WhiteBalance = 0xD109,
+    PictureStyle = 0xD110,
+    BatteryPower = 0xD111,
+    CameraTime = 0xD113,
+    Owner = 0xD115,
+    AvailableShots = 0xD11B,
+    CaptureDestination = 0xD11C,
+    ImageFormat = 0xD120,
+    AEModeDial = 0xD138,
+    SerialNumber = 0xD1AF,
+    EVFOutputDevice = 0xD1B0,
+    EVFMode = 0xD1B1,
+    Artist = 0xD1D0,
+    Copyright = 0xD1D1,
+    FocusInfoEx = 0xD1D3,
+};
+
+constexpr const char *kModel = "Canon EOS 5D Mark IV";
+// Image formats in libgphoto2's condensed form: size, compression|RAW flag
+// of the first entry, then of the second. Large fine JPEG; RAW + large fine JPEG.
+constexpr uint32_t kJpegLargeFine = 0x0300, kRawAndJpegLargeFine = 0x0C03;
+
+class Writer {
+public:
+    void u8(uint8_t v) { b.push_back(char(v)); }
+    void u16(uint16_t v) {
+        u8(uint8_t(v));
+        u8(uint8_t(v >> 8));
+    }
+    void u32(uint32_t v) {
+        u16(uint16_t(v));
+        u16(uint16_t(v >> 16));
+    }
+    void u64(uint64_t v) {
+        u32(uint32_t(v));
+        u32(uint32_t(v >> 32));
+    }
+    // A PTP string: character count including the terminator, UCS-2 characters.
+    void str(const std::string &s) {
+        if (s.empty())
+            return u8(0);
+        u8(uint8_t(s.size() + 1));
+        for (char c : s)
+            u16(uint8_t(c));
+        u16(0);
+    }
+    void array16(const std::vector<uint16_t> &v) {
+        u32(uint32_t(v.size()));
+        for (auto x : v)
+            u16(x);
+    }
+    void array32(const std::vector<uint32_t> &v) {
+        u32(uint32_t(v.size()));
+        for (auto x : v)
+            u32(x);
+    }
+    void bytes(const std::string &s) { b += s; }
+    std::string b;
+};
+
+uint32_t le32(const char *p) {
+    const auto *u = reinterpret_cast<const unsigned char *>(p);
+    return uint32_t(u[0]) | uint32_t(u[1]) << 8 | uint32_t(u[2]) << 16 | uint32_t(u[3]) << 24;
+}
+uint16_t le16(const char *p) {
+    const auto *u = reinterpret_cast<const unsigned char *>(p);
+    return uint16_t(u[0] | u[1] << 8);
+}
+
+// One image-format value packed as the body sends it (see kJpegLargeFine).
+void packImageFormat(Writer &w, uint32_t v) {
+    const bool two = (v & 0xFF) != 0;
+    w.u32(two ? 2 : 1);
+    auto entry = [&](uint32_t size, uint32_t compression) {
+        w.u32(0x10);
+        w.u32((compression & 8) ? 6 : 1);
+        w.u32(size);
+        w.u32(compression & 7);
+    };
+    entry((v >> 12) & 0xF, (v >> 8) & 0xF);
+    if (two)
+        entry((v >> 4) & 0xF, v & 0xF);
+}
+
+uint32_t unpackImageFormat(const std::string &d) {
+    if (d.size() < 20)
+        return 0;
+    const uint32_t n = le32(d.data());
+    auto entry = [&](size_t at) {
+        const uint32_t type = le32(d.data() + at + 4), size = le32(d.data() + at + 8),
+                       compression = le32(d.data() + at + 12) | (type == 6 ? 8 : 0);
+        return (size & 0xF) << 4 | (compression & 0xF);
+    };
+    uint32_t v = entry(4) << 8;
+    if (n == 2 && d.size() >= 36)
+        v |= entry(20);
+    return v;
+}
+
+} // namespace
+
+struct EosBody::State {
+    enum class Kind { U8, U16, U32, Str, ImageFormat, FocusInfo };
+    struct Property {
+        Kind kind = Kind::U16;
+        uint32_t value = 0;
+        std::string text;
+        std::vector<uint32_t> available;
+    };
+    struct Object {
+        std::string name;
+        uint16_t format = kFormatJpeg;
+        uint32_t storage = 0; // 0: in the body's RAM, waiting for the host
+        QByteArray bytes;
+    };
+    struct Command {
+        uint16_t code = 0;
+        uint32_t transaction = 0;
+        uint32_t p[5] = {};
+        std::string data;
+    };
+    struct Pending {
+        int polls = 0;
+        std::string record;
+    };
+
+    std::mutex m;
+    bool plugged = false, open = false, session = false, claimed = false;
+    int bus = 1, address = 5;
+    std::string out;                // bulk-out bytes not yet a whole container
+    std::optional<Command> command; // the operation waiting for its data or for the host's read
+    std::deque<std::string> in;     // containers for the host to read
+    size_t inOffset = 0;            // bytes of the first one already read
+    bool poisoned = false;          // the next data phase fails on the cable
+
+    std::map<uint32_t, Property> props;
+    std::vector<std::string> events; // records for the next GetEvent
+    std::vector<Pending> pending;    // records that need more polls
+    bool announcedAll = false;
+    std::map<uint32_t, Object> objects;
+    uint32_t nextHandle = 0x90000001;
+
+    int shots = 0, failTransfers = 0, failIo = 0, busy = 0, transferPolls = 2;
+    bool pair = false;
+    uint64_t speed = 0;
+    uint64_t shotBytes = 0; // 0 = the picture's natural size
+    Clock::time_point notReadyUntil;
+    uint64_t frame = 0;
+    int controlFd = -1;
+    std::string controlPartial;
+
+    State() { factorySettings(); }
+
+    void factorySettings() {
+        props.clear();
+        objects.clear();
+        events.clear();
+        pending.clear();
+        announcedAll = false;
+        failTransfers = failIo = busy = 0;
+        transferPolls = 2;
+        speed = 0;
+        shotBytes = 0;
+        claimed = false;
+        notReadyUntil = {};
+        auto add = [&](uint32_t code, Kind k, uint32_t v, std::vector<uint32_t> avail = {}) {
+            props[code] = Property{k, v, {}, std::move(avail)};
+        };
+        add(Aperture, Kind::U16, 0x30,
+            {0x20, 0x23, 0x25, 0x28, 0x2B, 0x2D, 0x30, 0x33, 0x35, 0x38, 0x3B, 0x3D, 0x40, 0x43, 0x45, 0x48,
+             0x4B, 0x4D, 0x50});
+        add(ShutterSpeed, Kind::U16, 0x68,
+            {0x48, 0x4B, 0x4D, 0x50, 0x53, 0x55, 0x58, 0x5B, 0x5D, 0x60, 0x63, 0x65,
+             0x68, 0x6B, 0x6D, 0x70, 0x73, 0x75, 0x78, 0x7B, 0x7D, 0x80, 0x83, 0x85,
+             0x88, 0x8B, 0x8D, 0x90, 0x93, 0x95, 0x98, 0x9B, 0x9D, 0xA0});
+        add(ISOSpeed, Kind::U16, 0x48, {0x00, 0x48, 0x4B, 0x4D, 0x50, 0x53, 0x55, 0x58, 0x5B, 0x5D,
+                                        0x60, 0x63, 0x65, 0x68, 0x6B, 0x6D, 0x70, 0x73, 0x75, 0x78});
+        add(ExpCompensation, Kind::U8, 0x00,
+            {0x18, 0x15, 0x13, 0x10, 0x0D, 0x0B, 0x08, 0x05, 0x03, 0x00, 0xFD, 0xFB, 0xF8, 0xF5, 0xF3, 0xF0,
+             0xED, 0xEB, 0xE8});
+        add(AutoExposureMode, Kind::U16, 3);
+        add(AEModeDial, Kind::U16, 3);
+        add(DriveMode, Kind::U16, 0, {0x00, 0x01, 0x04});
+        add(MeteringMode, Kind::U8, 3, {1, 3, 4, 5});
+        add(FocusMode, Kind::U16, 0, {0, 1, 2});
+        add(WhiteBalance, Kind::U8, 0, {0, 1, 2, 3, 4, 5, 6, 8, 9});
+        add(PictureStyle, Kind::U8, 0x81, {0x81, 0x82, 0x83, 0x84, 0x85, 0x86, 0x87, 0x88});
+        add(BatteryPower, Kind::U16, 2);
+        add(CameraTime, Kind::U32, uint32_t(std::time(nullptr)));
+        add(AvailableShots, Kind::U32, 1000);
+        add(CaptureDestination, Kind::U32, kDestinationCard, {kDestinationCard, kDestinationHost});
+        add(ImageFormat, Kind::ImageFormat, kJpegLargeFine, {kJpegLargeFine, kRawAndJpegLargeFine});
+        add(EVFOutputDevice, Kind::U16, 1, {1, 2, 3});
+        add(EVFMode, Kind::U16, 0, {0, 1});
+        add(FocusInfoEx, Kind::FocusInfo, 0);
+        for (auto [code, text] :
+             {std::pair{Owner, ""}, {Artist, ""}, {Copyright, ""}, {SerialNumber, "083021000042"}})
+            props[code] = Property{Kind::Str, 0, text, {}};
+    }
+
+    std::string valueRecord(uint32_t code) const {
+        const Property &p = props.at(code);
+        Writer v;
+        switch (p.kind) {
+        case Kind::Str:
+            v.bytes(p.text);
+            v.u8(0);
+            break;
+        case Kind::ImageFormat:
+            packImageFormat(v, p.value);
+            break;
+        case Kind::FocusInfo:
+            // An empty focus-point set: the release may go on.
+            v.u32(20);
+            v.u16(16);
+            for (int i = 0; i < 7; ++i)
+                v.u16(0);
+            v.u32(0);
+            break;
+        default:
+            v.u32(p.value);
+        }
+        Writer w;
+        w.u32(uint32_t(12 + v.b.size()));
+        w.u32(kEventPropValueChanged);
+        w.u32(code);
+        w.bytes(v.b);
+        return w.b;
+    }
+
+    std::string availRecord(uint32_t code) const {
+        const Property &p = props.at(code);
+        Writer v;
+        for (uint32_t x : p.available) {
+            if (p.kind == Kind::ImageFormat)
+                packImageFormat(v, x);
+            else
+                v.u32(x);
+        }
+        Writer w;
+        w.u32(uint32_t(20 + v.b.size()));
+        w.u32(kEventAvailListChanged);
+        w.u32(code);
+        w.u32(3);
+        w.u32(uint32_t(p.available.size()));
+        w.bytes(v.b);
+        return w.b;
+    }
+
+    void announceAll() {
+        for (const auto &[code, p] : props) {
+            events.push_back(valueRecord(code));
+            if (!p.available.empty())
+                events.push_back(availRecord(code));
+        }
+    }
+
+    void takeShot() {
+        ++shots;
+        const QDateTime now = QDateTime::currentDateTime();
+        const char *ext[] = {"JPG", "CR2"};
+        char name[32];
+        std::snprintf(name, sizeof name, "IMG_%04d.%s", shots, ext[0]);
+        const QByteArray jpeg =
+            eds::sim::padJpeg(eds::sim::renderShotJpeg(unsigned(shots), now, kModel, name), shotBytes);
+        std::vector<Object> files;
+        if ((props[ImageFormat].value >> 8) & 8) { // the first file is a RAW
+            std::snprintf(name, sizeof name, "IMG_%04d.%s", shots, ext[1]);
+            files.push_back(Object{name, kFormatCr2, 0, eds::sim::makeRawFile(jpeg, 0, kModel)});
+        }
+        std::snprintf(name, sizeof name, "IMG_%04d.%s", shots, ext[0]);
+        files.push_back(Object{name, kFormatJpeg, 0, jpeg});
+        const bool host = props[CaptureDestination].value == kDestinationHost;
+        for (auto &f : files) {
+            const uint32_t handle = nextHandle++;
+            Writer w;
+            if (host) {
+                w.u32(0);
+                w.u32(kEventRequestObjectTransfer);
+                w.u32(handle);
+                w.u32(f.format);
+                w.u32(0);
+                w.u32(uint32_t(f.bytes.size()));
+                w.u32(0);
+                w.bytes(f.name);
+                w.u8(0);
+            } else {
+                f.storage = kCardStorage;
+                w.u32(0);
+                w.u32(kEventObjectAddedEx);
+                w.u32(handle);
+                w.u32(kCardStorage);
+                w.u32(f.format);
+                w.u32(0);
+                w.u32(0);
+                w.u32(uint32_t(f.bytes.size()));
+                w.u32(0); // parent: the card's root
+                w.u32(0);
+                w.bytes(f.name);
+                w.u8(0);
+            }
+            while (w.b.size() % 4)
+                w.u8(0);
+            const uint32_t size = uint32_t(w.b.size());
+            std::memcpy(w.b.data(), &size, 4);
+            pending.push_back(Pending{transferPolls, w.b});
+            objects[handle] = std::move(f);
+        }
+        props[AvailableShots].value -= 1;
+        events.push_back(valueRecord(AvailableShots));
+    }
+
+    void respond(const Command &c, uint16_t code, std::vector<uint32_t> params = {}) {
+        Writer w;
+        w.u32(uint32_t(12 + 4 * params.size()));
+        w.u16(kResponse);
+        w.u16(code);
+        w.u32(c.transaction);
+        for (auto p : params)
+            w.u32(p);
+        in.push_back(w.b);
+    }
+    void sendData(const Command &c, const std::string &payload) {
+        Writer w;
+        w.u32(uint32_t(12 + payload.size()));
+        w.u16(kData);
+        w.u16(c.code);
+        w.u32(c.transaction);
+        w.bytes(payload);
+        in.push_back(w.b);
+    }
+
+    std::string deviceInfo() const {
+        Writer w;
+        w.u16(100);
+        w.u32(0x0000000B); // Canon
+        w.u16(100);
+        w.str("");
+        w.u16(0);
+        w.array16(std::vector<uint16_t>(std::begin(kOperations), std::end(kOperations)));
+        w.array16({uint16_t(kEventObjectAddedEx), uint16_t(kEventRequestObjectTransfer),
+                   uint16_t(kEventPropValueChanged), uint16_t(kEventAvailListChanged)});
+        w.array16({});
+        w.array16({kFormatJpeg, kFormatCr2});
+        w.array16({kFormatJpeg, kFormatCr2});
+        w.str("Canon Inc.");
+        w.str(kModel);
+        w.str("3-1.2.0");
+        w.str(props.at(SerialNumber).text);
+        return w.b;
+    }
+
+    void execute(const Command &c) {
+        const bool sessionless = c.code == GetDeviceInfo || c.code == OpenSession;
+        if (!sessionless && !session)
+            return respond(c, kSessionNotOpen);
+        if (busy > 0 && (c.code == EosRemoteReleaseOn || c.code == EosSetDevicePropValueEx)) {
+            --busy;
+            return respond(c, kDeviceBusy);
+        }
+        switch (c.code) {
+        case GetDeviceInfo:
+            sendData(c, deviceInfo());
+            return respond(c, kOk);
+        case OpenSession:
+            session = true;
+            announcedAll = false;
+            return respond(c, kOk);
+        case CloseSession:
+            session = false;
+            return respond(c, kOk);
+        case GetStorageIDs:
+        case EosGetStorageIDs: {
+            Writer w;
+            w.array32({kCardStorage});
+            sendData(c, w.b);
+            return respond(c, kOk);
+        }
+        case GetStorageInfo:
+        case EosGetStorageInfo: {
+            Writer w;
+            w.u16(4); // removable RAM
+            w.u16(2); // DCF
+            w.u16(0);
+            w.u64(64ull << 30);
+            w.u64(60ull << 30);
+            w.u32(props[AvailableShots].value);
+            w.str("SD");
+            w.str("EOS_DIGITAL");
+            sendData(c, w.b);
+            return respond(c, kOk);
+        }
+        case GetObjectHandles: {
+            std::vector<uint32_t> handles;
+            for (const auto &[h, o] : objects)
+                if (o.storage != 0 && (c.p[0] == 0xFFFFFFFF || c.p[0] == o.storage) &&
+                    (c.p[2] == 0 || c.p[2] == 0xFFFFFFFF))
+                    handles.push_back(h);
+            Writer w;
+            w.array32(handles);
+            sendData(c, w.b);
+            return respond(c, kOk);
+        }
+        case GetObjectInfo: {
+            auto it = objects.find(c.p[0]);
+            if (it == objects.end())
+                return respond(c, kInvalidObjectHandle);
+            const Object &o = it->second;
+            Writer w;
+            w.u32(o.storage);
+            w.u16(o.format);
+            w.u16(0);
+            w.u32(uint32_t(o.bytes.size()));
+            w.u16(0);
+            w.u32(0);
+            w.u32(0);
+            w.u32(0);
+            w.u32(eds::sim::kShotWidth);
+            w.u32(eds::sim::kShotHeight);
+            w.u32(24);
+            w.u32(0); // parent
+            w.u16(0);
+            w.u32(0);
+            w.u32(0);
+            w.str(o.name);
+            w.str(QDateTime::currentDateTime().toString("yyyyMMddThhmmss").toStdString());
+            w.str("");
+            w.str("");
+            sendData(c, w.b);
+            return respond(c, kOk);
+        }
+        case DeleteObject:
+            return respond(c, objects.erase(c.p[0]) ? kOk : kInvalidObjectHandle);
+        case GetPartialObject: {
+            auto it = objects.find(c.p[0]);
+            if (it == objects.end())
+                return respond(c, kInvalidObjectHandle);
+            const QByteArray &bytes = it->second.bytes;
+            const uint64_t offset = std::min<uint64_t>(c.p[1], uint64_t(bytes.size()));
+            const uint64_t count = std::min<uint64_t>(c.p[2], uint64_t(bytes.size()) - offset);
+            sendData(c, std::string(bytes.constData() + offset, count));
+            if (failTransfers > 0) {
+                --failTransfers;
+                poisoned = true;
+            }
+            return respond(c, kOk, {uint32_t(count)});
+        }
+        case EosTransferComplete: {
+            auto it = objects.find(c.p[0]);
+            if (it != objects.end() && it->second.storage == 0)
+                objects.erase(it);
+            return respond(c, kOk);
+        }
+        case EosSetDevicePropValueEx: {
+            if (c.data.size() < 12)
+                return respond(c, kGeneralError);
+            const uint32_t code = le32(c.data.data() + 4);
+            auto it = props.find(code);
+            if (it == props.end())
+                return respond(c, kGeneralError);
+            Property &p = it->second;
+            const std::string value = c.data.substr(8);
+            uint32_t v = 0;
+            switch (p.kind) {
+            case Kind::Str:
+                p.text = std::string(value.c_str());
+                break;
+            case Kind::ImageFormat:
+                v = unpackImageFormat(value);
+                break;
+            case Kind::U8:
+                v = uint8_t(value[0]);
+                break;
+            case Kind::U16:
+                v = le16(value.data());
+                break;
+            default:
+                v = value.size() >= 4 ? le32(value.data()) : le16(value.data());
+            }
+            if (p.kind != Kind::Str) {
+                if (!p.available.empty() &&
+                    std::find(p.available.begin(), p.available.end(), v) == p.available.end())
+                    return respond(c, kGeneralError);
+                p.value = v;
+            }
+            events.push_back(valueRecord(code));
+            return respond(c, kOk);
+        }
+        case EosGetEvent: {
+            if (!announcedAll) {
+                announcedAll = true;
+                announceAll();
+            }
+            for (auto it = pending.begin(); it != pending.end();) {
+                if (--it->polls <= 0) {
+                    events.push_back(it->record);
+                    it = pending.erase(it);
+                } else {
+                    ++it;
+                }
+            }
+            Writer w;
+            for (const auto &e : events)
+                w.bytes(e);
+            events.clear();
+            w.u32(8);
+            w.u32(0);
+            sendData(c, w.b);
+            return respond(c, kOk);
+        }
+        case EosRemoteReleaseOn:
+            if (c.p[0] == 1)
+                events.push_back(valueRecord(FocusInfoEx));
+            else if (c.p[0] >= 2)
+                takeShot();
+            return respond(c, kOk);
+        case EosGetViewFinderData: {
+            if (props[EVFMode].value != 1 || (props[EVFOutputDevice].value & 2) == 0 ||
+                Clock::now() < notReadyUntil)
+                return respond(c, kNotReady);
+            const QByteArray jpeg = eds::sim::renderLiveViewJpeg(frame++, kModel);
+            Writer w;
+            w.u32(uint32_t(8 + jpeg.size()));
+            w.u32(1);
+            w.bytes(std::string(jpeg.constData(), size_t(jpeg.size())));
+            sendData(c, w.b);
+            return respond(c, kOk);
+        }
+        case EosSetRemoteMode:
+        case EosSetEventMode:
+        case EosPCHDDCapacity:
+        case EosSetUILock:
+        case EosResetUILock:
+        case EosKeepDeviceOn:
+        case EosRequestDevicePropValue:
+        case EosRemoteReleaseOff:
+        case EosInitiateViewfinder:
+        case EosTerminateViewfinder:
+            return respond(c, kOk);
+        default:
+            return respond(c, kNotSupported);
+        }
+    }
+
+    void pullOut() {
+        while (out.size() >= 12) {
+            const uint32_t length = le32(out.data());
+            if (length < 12) { // garbage on the cable: drop it
+                out.clear();
+                return;
+            }
+            if (out.size() < length)
+                return;
+            const uint16_t type = le16(out.data() + 4);
+            if (type == kCommand) {
+                Command c;
+                c.code = le16(out.data() + 6);
+                c.transaction = le32(out.data() + 8);
+                for (uint32_t i = 0; i < (length - 12) / 4 && i < 5; ++i)
+                    c.p[i] = le32(out.data() + 12 + 4 * i);
+                command = c;
+            } else if (type == kData && command) {
+                command->data = out.substr(12, length - 12);
+            }
+            out.erase(0, length);
+        }
+    }
+
+    void unplugLocked() {
+        plugged = false;
+        session = false;
+        open = false;
+        out.clear();
+        in.clear();
+        inOffset = 0;
+        command.reset();
+        pending.clear();
+        events.clear();
+        // A power cycle empties the body's RAM; shots on the card stay.
+        for (auto it = objects.begin(); it != objects.end();)
+            it = it->second.storage == 0 ? objects.erase(it) : std::next(it);
+    }
+
+    bool apply(const std::string &line) {
+        std::istringstream in(line);
+        std::string word;
+        long long n = 0;
+        in >> word;
+        in >> n;
+        if (word == "plug" || word == "replug") {
+            if (word == "replug" || plugged)
+                unplugLocked();
+            plugged = true;
+            ++address;
+        } else if (word == "reset") {
+            factorySettings();
+        } else if (word == "unplug") {
+            unplugLocked();
+        } else if (word == "fail-transfers") {
+            failTransfers = int(n);
+        } else if (word == "fail-io") {
+            failIo = int(n);
+        } else if (word == "busy") {
+            busy = int(n);
+        } else if (word == "viewfinder-not-ready-ms") {
+            notReadyUntil = Clock::now() + std::chrono::milliseconds(n);
+        } else if (word == "claimed") {
+            claimed = n != 0;
+        } else if (word == "raw+jpeg") {
+            props[ImageFormat].value = n ? kRawAndJpegLargeFine : kJpegLargeFine;
+            events.push_back(valueRecord(ImageFormat));
+        } else if (word == "transfer-after-polls") {
+            transferPolls = int(std::max(1LL, n));
+        } else if (word == "shot-bytes") {
+            shotBytes = uint64_t(n);
+        } else if (word == "speed") {
+            speed = uint64_t(n);
+        } else if (word == "press") {
+            takeShot();
+        } else {
+            return !word.empty() ? false : true;
+        }
+        return true;
+    }
+};
+
+EosBody &EosBody::instance() {
+    static EosBody body;
+    return body;
+}
+
+EosBody::EosBody() : s_(new State) {
+    // A test plugs the body in when it wants it; a station under test finds it
+    // plugged in from the start.
+    s_->plugged = std::getenv("BRIX_EOSBODY_PLUGGED") != nullptr;
+    if (const char *path = std::getenv("BRIX_EOSBODY_CONTROL"))
+        s_->controlFd = ::open(path, O_RDONLY | O_CREAT | O_CLOEXEC, 0600);
+}
+
+void EosBody::plug() {
+    command("plug");
+}
+void EosBody::unplug() {
+    command("unplug");
+}
+bool EosBody::plugged() {
+    std::lock_guard lock(s_->m);
+    return s_->plugged;
+}
+int EosBody::busNumber() {
+    std::lock_guard lock(s_->m);
+    return s_->bus;
+}
+int EosBody::deviceAddress() {
+    std::lock_guard lock(s_->m);
+    return s_->address;
+}
+std::string EosBody::portPath() {
+    char path[32];
+    std::snprintf(path, sizeof path, "usb:%03d,%03d", busNumber(), deviceAddress());
+    return path;
+}
+void EosBody::failTransfers(int count) {
+    command("fail-transfers " + std::to_string(count));
+}
+void EosBody::answerBusy(int count) {
+    command("busy " + std::to_string(count));
+}
+void EosBody::viewfinderNotReadyFor(int ms) {
+    command("viewfinder-not-ready-ms " + std::to_string(ms));
+}
+void EosBody::claimedByOther(bool claimed) {
+    command(std::string("claimed ") + (claimed ? "1" : "0"));
+}
+void EosBody::rawPlusJpeg(bool pair) {
+    command(std::string("raw+jpeg ") + (pair ? "1" : "0"));
+}
+void EosBody::transferRequestAfterPolls(int polls) {
+    command("transfer-after-polls " + std::to_string(polls));
+}
+void EosBody::limitSpeed(uint64_t bytesPerSecond) {
+    command("speed " + std::to_string(bytesPerSecond));
+}
+void EosBody::pressShutter() {
+    command("press");
+}
+
+int EosBody::shotsTaken() {
+    std::lock_guard lock(s_->m);
+    return s_->shots;
+}
+int EosBody::objectsInRam() {
+    std::lock_guard lock(s_->m);
+    int n = 0;
+    for (const auto &[h, o] : s_->objects)
+        n += o.storage == 0;
+    return n;
+}
+uint32_t EosBody::captureDestination() {
+    return property(CaptureDestination);
+}
+uint32_t EosBody::property(uint32_t code) {
+    std::lock_guard lock(s_->m);
+    auto it = s_->props.find(code);
+    return it == s_->props.end() ? 0 : it->second.value;
+}
+
+bool EosBody::command(const std::string &line) {
+    std::lock_guard lock(s_->m);
+    return s_->apply(line);
+}
+
+void EosBody::pollControl() {
+    std::lock_guard lock(s_->m);
+    if (s_->controlFd < 0)
+        return;
+    char buf[512];
+    ssize_t n;
+    while ((n = ::read(s_->controlFd, buf, sizeof buf)) > 0)
+        s_->controlPartial.append(buf, size_t(n));
+    size_t nl;
+    while ((nl = s_->controlPartial.find('\n')) != std::string::npos) {
+        const std::string line = s_->controlPartial.substr(0, nl);
+        s_->controlPartial.erase(0, nl + 1);
+        if (!s_->apply(line))
+            std::fprintf(stderr, "eosbody: unknown control line \"%s\"\n", line.c_str());
+    }
+}
+
+int EosBody::openDevice(int address) {
+    std::lock_guard lock(s_->m);
+    if (!s_->plugged || address != s_->address)
+        return LIBUSB_ERROR_NO_DEVICE;
+    s_->open = true;
+    return s_->claimed ? LIBUSB_ERROR_BUSY : LIBUSB_SUCCESS;
+}
+
+void EosBody::closeDevice() {
+    std::lock_guard lock(s_->m);
+    s_->open = false;
+}
+
+int EosBody::bulkOut(const unsigned char *data, int length, int *transferred) {
+    std::lock_guard lock(s_->m);
+    if (!s_->plugged)
+        return LIBUSB_ERROR_NO_DEVICE;
+    s_->out.append(reinterpret_cast<const char *>(data), size_t(length));
+    s_->pullOut();
+    *transferred = length;
+    return LIBUSB_SUCCESS;
+}
+
+int EosBody::bulkIn(unsigned char *data, int length, int *transferred) {
+    std::unique_lock lock(s_->m);
+    *transferred = 0;
+    if (!s_->plugged)
+        return LIBUSB_ERROR_NO_DEVICE;
+    if (s_->failIo > 0 && s_->command) {
+        // A cable that drops everything for a while: the operation is lost.
+        --s_->failIo;
+        s_->command.reset();
+        return LIBUSB_ERROR_IO;
+    }
+    if (s_->in.empty() && s_->command) {
+        const State::Command c = *s_->command;
+        s_->command.reset();
+        s_->execute(c);
+    }
+    if (s_->in.empty())
+        return LIBUSB_ERROR_TIMEOUT;
+    if (s_->poisoned) {
+        // The data phase is lost on the cable: the host sees an I/O error and
+        // the transaction's remaining packets never arrive.
+        s_->poisoned = false;
+        s_->in.clear();
+        s_->inOffset = 0;
+        return LIBUSB_ERROR_IO;
+    }
+    const std::string &front = s_->in.front();
+    const size_t n = std::min(front.size() - s_->inOffset, size_t(length));
+    std::memcpy(data, front.data() + s_->inOffset, n);
+    s_->inOffset += n;
+    if (s_->inOffset == front.size()) {
+        s_->in.pop_front();
+        s_->inOffset = 0;
+    }
+    *transferred = int(n);
+    const uint64_t speed = s_->speed;
+    lock.unlock();
+    if (speed)
+        std::this_thread::sleep_for(std::chrono::nanoseconds(n * 1000000000ull / speed));
+    return LIBUSB_SUCCESS;
+}
+
+int EosBody::classRequest(uint8_t request, unsigned char *data, int length) {
+    std::lock_guard lock(s_->m);
+    if (!s_->plugged)
+        return LIBUSB_ERROR_NO_DEVICE;
+    switch (request) {
+    case 0x64: // cancel
+    case 0x66: // device reset
+        s_->in.clear();
+        s_->inOffset = 0;
+        s_->out.clear();
+        s_->command.reset();
+        return 0;
+    case 0x67: // get device status: OK
+        if (length >= 4) {
+            const unsigned char status[4] = {4, 0, 0x01, 0x20};
+            std::memcpy(data, status, 4);
+            return 4;
+        }
+        return 0;
+    default:
+        return 0;
+    }
+}
+
+} // namespace brix::eosbody

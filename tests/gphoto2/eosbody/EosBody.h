@@ -1,0 +1,95 @@
+// A Canon EOS body emulated at the USB level, for tests only. It is built into
+// a replacement libusb-1.0.so.0 (FakeLibusb.cpp): the real libgphoto2, its real
+// usb1 port driver and its real ptp2 camera driver talk PTP to this body over
+// the bulk endpoints, exactly as they would to a body on the cable.
+//
+// The body answers the operations ptp2 sends to an EOS body: device and
+// storage info, the EOS remote and event modes, GetEvent with property,
+// available-values and object-transfer records, partial object reads,
+// transfer complete, the two-stage remote release, the viewfinder. Its
+// settings use the value codes the rest of the suite knows from the simulated
+// body (Canon's codes are the same on the cable and in the SDK) and its shots
+// are the simulated body's pictures.
+//
+// Faults for the tests: unplug and plug under a new device number, a transfer
+// that fails with an I/O error, "busy" and "not ready" answers for a while, a
+// claim refused by another program, RAW+JPEG pairs, a transfer speed limit.
+//
+// The body starts unplugged, or plugged in when BRIX_EOSBODY_PLUGGED is set.
+//
+// Threads: every member may be called from any thread; one mutex guards the
+// state. A running station can also be steered through a FIFO named by
+// BRIX_EOSBODY_CONTROL (one command a line, see EosBody::command), read
+// whenever libgphoto2 calls into the emulated libusb.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace brix::eosbody {
+
+class EosBody {
+public:
+    static EosBody &instance();
+
+    // The cable. A plug after an unplug gives the body a new device number.
+    void plug();
+    void unplug();
+    bool plugged();
+    int busNumber();
+    int deviceAddress();
+    // "usb:001,005", the port libgphoto2 lists for the body.
+    std::string portPath();
+
+    // The next `count` data phases of partial-object reads fail with an I/O
+    // error on the cable (libusb's LIBUSB_ERROR_IO).
+    void failTransfers(int count);
+    // The next `count` operations (other than GetEvent and the session's own)
+    // answer "device busy" (0x2019).
+    void answerBusy(int count);
+    // The viewfinder answers "not ready" (0xA102) for `ms` milliseconds from now.
+    void viewfinderNotReadyFor(int ms);
+    // Opening the body fails as if another program had claimed it.
+    void claimedByOther(bool claimed);
+    // Each shot as a RAW+JPEG pair (true) or one JPEG (false).
+    void rawPlusJpeg(bool pair);
+    // The RequestObjectTransfer record of a shot appears on the n-th GetEvent
+    // after the release (a real body needs a moment); 1 = the very next one.
+    void transferRequestAfterPolls(int polls);
+    // Bulk-in bytes per second (0 = unlimited); about 35 MB/s is USB 2.
+    void limitSpeed(uint64_t bytesPerSecond);
+    // The body's shutter button pressed by hand (a shot without the host asking).
+    void pressShutter();
+
+    // What the body did, for the tests.
+    int shotsTaken();
+    int objectsInRam();            // shots captured to RAM not yet transferred and completed
+    uint32_t captureDestination(); // 4 = host (PC), 2 = card
+    uint32_t property(uint32_t code);
+
+    // Applies one control line: "plug", "unplug", "replug", "reset" (factory
+    // settings, nothing stored, no faults), "fail-transfers N", "fail-io N"
+    // (the next N operations get no answer but an I/O error),
+    // "busy N", "viewfinder-not-ready-ms N", "claimed 0|1", "raw+jpeg 0|1",
+    // "transfer-after-polls N", "speed N", "shot-bytes N" (JPEGs padded to N
+    // bytes), "press". Returns false for an unknown line.
+    bool command(const std::string &line);
+    // Reads and applies pending lines of the BRIX_EOSBODY_CONTROL FIFO.
+    void pollControl();
+
+    // The USB side, called by the emulated libusb (bulk endpoints).
+    // Return libusb result codes (0 or negative).
+    int bulkOut(const unsigned char *data, int length, int *transferred);
+    int bulkIn(unsigned char *data, int length, int *transferred);
+    int openDevice(int address);
+    void closeDevice();
+    // PTP class requests on endpoint 0 (cancel, reset, status).
+    int classRequest(uint8_t request, unsigned char *data, int length);
+
+private:
+    EosBody();
+    struct State;
+    State *s_;
+};
+
+} // namespace brix::eosbody

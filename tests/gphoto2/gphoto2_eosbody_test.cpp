@@ -1,0 +1,269 @@
+// The real libgphoto2 with its real usb1 port driver and ptp2 camera driver on
+// an EOS body emulated below libusb (eosbody/): first the adapter's own calls,
+// then the whole backend as the station uses it.
+#include "EosBody.h"
+#include "Gphoto2Port.h"
+#include "Gphoto2Sdk.h"
+#include "TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <mutex>
+
+using namespace brix;
+using namespace brix::gphoto2;
+using namespace brix::eds;
+using brix::eosbody::EosBody;
+
+namespace {
+
+constexpr const char *kModel = "Canon EOS 5D Mark IV";
+
+class EmulatedBody : public ::testing::Test {
+protected:
+    void SetUp() override {
+        body().command("reset");
+        body().plug();
+    }
+    void TearDown() override { body().unplug(); }
+    static EosBody &body() { return EosBody::instance(); }
+
+    // Waits for file-added events through the adapter until `count` arrived.
+    static std::vector<Event> filesAdded(Gphoto2Port &port, Gphoto2Port::Handle h, size_t count) {
+        std::vector<Event> files;
+        for (int i = 0; i < 200 && files.size() < count; ++i) {
+            Event e;
+            if (port.waitForEvent(h, 10, &e) != gp::OK)
+                break;
+            if (e.type == Event::Type::FileAdded)
+                files.push_back(e);
+        }
+        return files;
+    }
+};
+
+} // namespace
+
+TEST_F(EmulatedBody, LibgphotoFindsOpensAndCapturesToRamThroughPtp) {
+    auto port = makeLibGphoto2Port();
+    std::vector<DetectedCamera> found;
+    ASSERT_EQ(port->autodetect(&found), gp::OK);
+    ASSERT_EQ(found.size(), 1u);
+    EXPECT_EQ(found[0].model, kModel);
+    EXPECT_EQ(found[0].port, body().portPath());
+
+    Gphoto2Port::Handle h = 0;
+    ASSERT_EQ(port->openCamera(found[0], &h), gp::OK) << port->describe(gp::Error, 0);
+    Widget target;
+    ASSERT_EQ(port->getWidget(h, "capturetarget", &target), gp::OK);
+    Widget ram;
+    ram.text = "Internal RAM";
+    ASSERT_EQ(port->setWidget(h, "capturetarget", ram), gp::OK);
+    EXPECT_EQ(body().captureDestination(), 4u);
+    Widget aperture;
+    ASSERT_EQ(port->getWidget(h, "aperture", &aperture), gp::OK);
+    EXPECT_EQ(aperture.text, "5.6");
+
+    ASSERT_EQ(port->triggerCapture(h), gp::OK) << port->describe(gp::Error, h);
+    const auto files = filesAdded(*port, h, 1);
+    ASSERT_EQ(files.size(), 1u);
+    EXPECT_EQ(files[0].folder, "/");
+    std::string jpeg;
+    ASSERT_EQ(port->getFile(h, files[0].folder, files[0].name, &jpeg), gp::OK);
+    EXPECT_EQ(jpeg.substr(0, 2), "\xFF\xD8");
+    EXPECT_EQ(body().objectsInRam(), 0);
+    port->closeCamera(h);
+}
+
+namespace {
+
+// The station's side of the boundary, reduced to what a shot needs: every
+// object event downloads the item whole, as the camera code does.
+struct Station {
+    explicit Station(Gphoto2Options o = fastOptions()) : sdk(makeLibGphoto2Port(), o) {}
+    static Gphoto2Options fastOptions() {
+        Gphoto2Options o;
+        o.hotplug = Gphoto2Options::Hotplug::Polling;
+        o.pollSeconds = 0.05;
+        o.eventWaitMs = 5;
+        return o;
+    }
+
+    Gphoto2Sdk sdk;
+    EdsCameraRef camera = nullptr;
+    std::mutex m;
+    std::vector<std::pair<std::string, std::string>> shots; // name, bytes
+    std::vector<EdsError> failures;
+    std::atomic<int> shutdowns{0};
+
+    static EdsError onObject(EdsObjectEvent, EdsBaseRef item, EdsVoid *ctx) {
+        auto *s = static_cast<Station *>(ctx);
+        EdsDirectoryItemInfo info{};
+        EdsError e = s->sdk.EdsGetDirectoryItemInfo(item, &info);
+        std::string bytes(info.size, '\0');
+        if (e == EDS_ERR_OK) {
+            EdsStreamRef stream = nullptr;
+            s->sdk.EdsCreateMemoryStreamFromPointer(bytes.data(), bytes.size(), &stream);
+            e = s->sdk.EdsDownload(item, info.size, stream);
+            if (e == EDS_ERR_OK)
+                e = s->sdk.EdsDownloadComplete(item);
+            s->sdk.EdsRelease(stream);
+        }
+        std::lock_guard lock(s->m);
+        if (e == EDS_ERR_OK)
+            s->shots.emplace_back(info.szFileName, bytes);
+        else
+            s->failures.push_back(e);
+        return 0;
+    }
+    static EdsError onState(EdsStateEvent event, EdsUInt32, EdsVoid *ctx) {
+        if (event == kEdsStateEvent_Shutdown)
+            ++static_cast<Station *>(ctx)->shutdowns;
+        return 0;
+    }
+
+    // Opens the first camera on the list; false when there is none.
+    bool open() {
+        if (camera)
+            sdk.EdsRelease(camera);
+        camera = nullptr;
+        EdsCameraListRef list = nullptr;
+        if (sdk.EdsGetCameraList(&list) != EDS_ERR_OK)
+            return false;
+        EdsUInt32 count = 0;
+        sdk.EdsGetChildCount(list, &count);
+        if (count > 0)
+            sdk.EdsGetChildAtIndex(list, 0, &camera);
+        sdk.EdsRelease(list);
+        return camera &&
+               sdk.EdsSetObjectEventHandler(camera, kEdsObjectEvent_All, onObject, this) == EDS_ERR_OK &&
+               sdk.EdsSetCameraStateEventHandler(camera, kEdsStateEvent_All, onState, this) == EDS_ERR_OK &&
+               sdk.EdsOpenSession(camera) == EDS_ERR_OK;
+    }
+    EdsError shoot() { return sdk.EdsSendCommand(camera, kEdsCameraCommand_TakePicture, 0); }
+    size_t shotCount() {
+        std::lock_guard lock(m);
+        return shots.size();
+    }
+    ~Station() {
+        if (camera) {
+            sdk.EdsCloseSession(camera);
+            sdk.EdsRelease(camera);
+        }
+        sdk.EdsTerminateSDK();
+    }
+};
+
+} // namespace
+
+TEST_F(EmulatedBody, BackendSavesEveryShotOfABurstCapturedToRam) {
+    Gphoto2Options o = Station::fastOptions();
+    o.eventWaitMs = 400; // shots come faster than the event loop's passes
+    Station s(o);
+    ASSERT_EQ(s.sdk.EdsInitializeSDK(), EDS_ERR_OK);
+    ASSERT_TRUE(s.open());
+    EXPECT_EQ(body().captureDestination(), 4u); // the host
+    // The mode dial decides: the only AE mode on offer is the dial's.
+    EdsPropertyDesc modes{};
+    ASSERT_EQ(s.sdk.EdsGetPropertyDesc(s.camera, kEdsPropID_AEMode, &modes), EDS_ERR_OK);
+    ASSERT_EQ(modes.numElements, 1);
+    EXPECT_EQ(modes.propDesc[0], 3); // Manual
+    // The body reports each shot during the release of the next one, where
+    // libgphoto2 discards what it fetched before releasing.
+    body().transferRequestAfterPolls(1);
+    for (int i = 0; i < 5; ++i)
+        ASSERT_EQ(s.shoot(), EDS_ERR_OK);
+    ASSERT_TRUE(test::processEventsUntil([&] { return s.shotCount() >= 5; })) << s.shotCount();
+    for (const auto &[name, bytes] : s.shots) {
+        EXPECT_EQ(bytes.substr(0, 2), "\xFF\xD8") << name;
+        EXPECT_EQ(bytes.substr(bytes.size() - 2), "\xFF\xD9") << name;
+    }
+    EXPECT_TRUE(s.failures.empty());
+    EXPECT_EQ(body().objectsInRam(), 0);
+
+    // RAW+JPEG: both files of the shot, the pair together.
+    body().rawPlusJpeg(true);
+    ASSERT_EQ(s.shoot(), EDS_ERR_OK);
+    ASSERT_TRUE(test::processEventsUntil([&] { return s.shotCount() >= 7; }))
+        << s.shotCount() << " " << s.shots.back().first << " " << s.shots.back().second.size()
+        << " shots taken " << body().shotsTaken() << " in RAM " << body().objectsInRam();
+    EXPECT_NE(s.shots[5].first.find(".cr2"), std::string::npos) << s.shots[5].first;
+    EXPECT_NE(s.shots[6].first.find(".jpg"), std::string::npos) << s.shots[6].first;
+}
+
+TEST_F(EmulatedBody, ReplugIoErrorsAndBusyAnswersLoseNoMoreThanTheShotInTransfer) {
+    Station s;
+    ASSERT_EQ(s.sdk.EdsInitializeSDK(), EDS_ERR_OK);
+    ASSERT_TRUE(s.open());
+
+    // One failed transfer is not a vanished body: the next shot is saved.
+    body().failTransfers(1);
+    ASSERT_EQ(s.shoot(), EDS_ERR_OK);
+    ASSERT_EQ(s.shoot(), EDS_ERR_OK);
+    ASSERT_TRUE(test::processEventsUntil([&] { return s.shotCount() >= 1; }));
+    EXPECT_EQ(s.shutdowns.load(), 0);
+
+    // Busy for a moment: the shot is refused as busy, the next one goes.
+    body().answerBusy(1);
+    EXPECT_EQ(s.shoot(), EDS_ERR_DEVICE_BUSY);
+    ASSERT_EQ(s.shoot(), EDS_ERR_OK);
+    ASSERT_TRUE(test::processEventsUntil([&] { return s.shotCount() >= 2; }));
+
+    // I/O failures in a row: the body is given up, yet it is still listed,
+    // so it is offered again and opens.
+    body().command("fail-io 12");
+    ASSERT_TRUE(test::processEventsUntil([&] { return s.shutdowns.load() >= 1; }));
+    ASSERT_TRUE(test::processEventsUntil([&] { return s.open(); }));
+    ASSERT_EQ(s.shoot(), EDS_ERR_OK);
+    ASSERT_TRUE(test::processEventsUntil([&] { return s.shotCount() >= 3; }));
+
+    // Unplugged and plugged in again: a new device number, found and opened.
+    const std::string before = body().portPath();
+    body().unplug();
+    ASSERT_TRUE(test::processEventsUntil([&] { return s.shutdowns.load() >= 2; }));
+    body().plug();
+    EXPECT_NE(body().portPath(), before);
+    ASSERT_TRUE(test::processEventsUntil([&] { return s.open(); }));
+    ASSERT_EQ(s.shoot(), EDS_ERR_OK);
+    ASSERT_TRUE(test::processEventsUntil([&] { return s.shotCount() >= 4; }));
+}
+
+TEST_F(EmulatedBody, LiveViewOutlivesABodyThatIsNotReadyForThreeSeconds) {
+    Station s;
+    ASSERT_EQ(s.sdk.EdsInitializeSDK(), EDS_ERR_OK);
+    ASSERT_TRUE(s.open());
+    const EdsUInt32 pc = kEdsEvfOutputDevice_PC;
+    ASSERT_EQ(s.sdk.EdsSetPropertyData(s.camera, kEdsPropID_Evf_OutputDevice, 0, sizeof pc, &pc), EDS_ERR_OK);
+    std::string buffer(4 << 20, '\0');
+    EdsStreamRef stream = nullptr;
+    ASSERT_EQ(s.sdk.EdsCreateMemoryStreamFromPointer(buffer.data(), buffer.size(), &stream), EDS_ERR_OK);
+    EdsEvfImageRef image = nullptr;
+    ASSERT_EQ(s.sdk.EdsCreateEvfImageRef(stream, &image), EDS_ERR_OK);
+    ASSERT_EQ(s.sdk.EdsDownloadEvfImage(s.camera, image), EDS_ERR_OK);
+    EXPECT_EQ(buffer.substr(0, 2), "\xFF\xD8");
+
+    // libgphoto2 waits 3 s for a frame, then gives up with a plain error: a
+    // frame that is not there yet, not the end of live view.
+    body().viewfinderNotReadyFor(3200);
+    EXPECT_EQ(s.sdk.EdsDownloadEvfImage(s.camera, image), EDS_ERR_OBJECT_NOTREADY);
+    ASSERT_TRUE(
+        test::processEventsUntil([&] { return s.sdk.EdsDownloadEvfImage(s.camera, image) == EDS_ERR_OK; }));
+    EXPECT_EQ(s.shutdowns.load(), 0);
+    EdsUInt32 bits = 0;
+    ASSERT_EQ(s.sdk.EdsGetPropertyData(s.camera, kEdsPropID_Evf_OutputDevice, 0, sizeof bits, &bits),
+              EDS_ERR_OK);
+    EXPECT_EQ(bits & kEdsEvfOutputDevice_PC, kEdsEvfOutputDevice_PC);
+    s.sdk.EdsRelease(image);
+    s.sdk.EdsRelease(stream);
+}
+
+TEST_F(EmulatedBody, AClaimedBodyIsReportedAsInUseNotAsGone) {
+    body().claimedByOther(true);
+    Station s;
+    ASSERT_EQ(s.sdk.EdsInitializeSDK(), EDS_ERR_OK);
+    EXPECT_FALSE(s.open());
+    EXPECT_EQ(s.sdk.EdsOpenSession(s.camera), EDS_ERR_COMM_PORT_IS_IN_USE);
+    body().claimedByOther(false);
+    EXPECT_EQ(s.sdk.EdsOpenSession(s.camera), EDS_ERR_OK);
+}

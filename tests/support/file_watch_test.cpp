@@ -1,0 +1,259 @@
+#include "LogCapture.h"
+#include "OKVA_FileEvent.h"
+#include "PathObserver.h"
+#include "TestSupport.h"
+
+#include <gtest/gtest.h>
+
+#include <QDir>
+#include <QFile>
+#include <QSet>
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+
+using namespace brix;
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+// What a watcher handed its handler, with the time of each delivery.
+struct Deliveries {
+    struct One {
+        QStringList paths;
+        OKVA_FileEvent::EventFlags flags;
+        Clock::time_point at;
+    };
+    std::mutex m;
+    std::condition_variable cv;
+    std::vector<One> all;
+
+    OKVA_FileEvent::EventBlock block() {
+        return [this](const QStringList &paths, const OKVA_FileEvent::EventFlags &flags) {
+            std::lock_guard lock(m);
+            all.push_back({paths, flags, Clock::now()});
+            cv.notify_all();
+        };
+    }
+    // Waits (bounded) until some delivery after the first `from` satisfies `pred`.
+    bool waitFor(const std::function<bool(const One &)> &pred, size_t from = 0,
+                 std::chrono::milliseconds limit = 10s) {
+        std::unique_lock lock(m);
+        return cv.wait_for(lock, limit, [&] {
+            for (size_t i = from; i < all.size(); ++i)
+                if (pred(all[i]))
+                    return true;
+            return false;
+        });
+    }
+    size_t count() {
+        std::lock_guard lock(m);
+        return all.size();
+    }
+    QSet<QString> pathsFrom(size_t from) {
+        std::lock_guard lock(m);
+        QSet<QString> out;
+        for (size_t i = from; i < all.size(); ++i)
+            for (const QString &p : all[i].paths)
+                out.insert(p);
+        return out;
+    }
+};
+
+void writeFile(const QString &path, const QByteArray &data = "x") {
+    QFile f(path);
+    ASSERT_TRUE(f.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    f.write(data);
+}
+
+auto contains(const QString &path) {
+    return [path](const Deliveries::One &d) { return d.paths.contains(path); };
+}
+
+QString makeDir(const QString &name) {
+    const QString dir = test::testHome() + '/' + name;
+    QDir().mkpath(dir);
+    return dir;
+}
+
+} // namespace
+
+// A burst of writes over several folders within one latency: the first change
+// arrives at once, the rest in one coalesced delivery, and no folder is missed.
+TEST(FileEvent, BurstIsCoalescedAndFirstChangeArrivesAtOnce) {
+    const QString root = makeDir("burst");
+    QStringList dirs;
+    for (int i = 0; i < 10; ++i)
+        dirs << makeDir(QStringLiteral("burst/d%1").arg(i));
+    Deliveries got;
+    OKVA_FileEvent watcher(QStringList{root}, 3.0);
+    EXPECT_EQ(watcher.createFlags() & kFileEventCreateFlagFileEvents, 0u);
+    watcher.setEventBlock(got.block());
+    watcher.setRun(true);
+    ASSERT_TRUE(got.waitFor([&](const auto &d) { return d.paths == QStringList{root} && !d.flags; }));
+    EXPECT_TRUE(watcher.isRunning());
+
+    const auto first = Clock::now();
+    for (int n = 0; n < 1000; ++n)
+        writeFile(dirs[n % 10] + QStringLiteral("/f%1").arg(n));
+    for (const QString &d : dirs)
+        ASSERT_TRUE(got.waitFor(contains(d), 1)) << d.toStdString();
+    EXPECT_LE(got.count() - 1, 3u);
+    std::lock_guard lock(got.m);
+    // Far below the latency: not held back until the period ends.
+    EXPECT_LT(got.all[1].at - first, 1500ms);
+    ASSERT_TRUE(got.all[1].flags.has_value());
+    EXPECT_EQ(got.all[1].flags->size(), got.all[1].paths.size());
+}
+
+// Folders made after the start are watched too, and a watched folder that is
+// removed and made again keeps reporting.
+TEST(FileEvent, NewSubfoldersAndRemadeRootAreWatched) {
+    const QString root = makeDir("tree");
+    Deliveries got;
+    OKVA_FileEvent watcher(QStringList{root}, 0.05);
+    watcher.setEventBlock(got.block());
+    watcher.setRun(true);
+    ASSERT_TRUE(got.waitFor(contains(root)));
+
+    const QString sub = makeDir("tree/new/deeper");
+    ASSERT_TRUE(got.waitFor(contains(root), 1));
+    size_t mark = got.count();
+    writeFile(sub + "/a.txt");
+    ASSERT_TRUE(got.waitFor(contains(sub), mark));
+
+    mark = got.count();
+    ASSERT_TRUE(QDir(root).removeRecursively());
+    ASSERT_TRUE(got.waitFor(
+        [&](const auto &d) {
+            const qsizetype i = d.paths.indexOf(root);
+            return i >= 0 && ((*d.flags)[i] & file_event_flags::kRootChanged);
+        },
+        mark));
+    makeDir("tree");
+    mark = got.count();
+    writeFile(root + "/b.txt");
+    ASSERT_TRUE(got.waitFor(contains(root), mark));
+}
+
+// While paused nothing is delivered, and after unpausing only new changes are.
+TEST(FileEvent, PausedDeliveriesAreDropped) {
+    const QString root = makeDir("paused");
+    const QString a = makeDir("paused/a"), b = makeDir("paused/b");
+    test::LogCapture log;
+    Deliveries got;
+    OKVA_FileEvent watcher(QStringList{root}, 0.05);
+    watcher.setEventBlock(got.block());
+    watcher.setRun(true);
+    watcher.setPaused(true);
+    ASSERT_TRUE(got.waitFor(contains(root)));
+    test::drain(watcher.eventQueue());
+    EXPECT_TRUE(watcher.isPaused());
+
+    // One kernel event, so one delivery, dropped as a whole.
+    ASSERT_TRUE(QDir().mkdir(a + "/x"));
+    ASSERT_TRUE(test::processEventsUntil([&] {
+        return log.messages().contains(
+            "OKVA_FileEvent->handleFileEventpaths... will not dispatch eventCallBack... "
+            "PAUSED....");
+    }));
+    watcher.setPaused(false);
+    test::drain(watcher.eventQueue());
+    const size_t mark = got.count();
+    writeFile(b + "/y");
+    ASSERT_TRUE(got.waitFor(contains(b), mark));
+    EXPECT_FALSE(got.pathsFrom(mark).contains(a));
+    EXPECT_TRUE(log.messages().contains("OKVA_FileEvent->setPaused... setting pause = TRUE..."));
+    EXPECT_TRUE(log.messages().contains(
+        "OKVA_FileEvent->handleFileEventpaths... FOLDER CHANGED....FOLDER CHANGED...."));
+}
+
+// A single file gets per-item events and survives being replaced by a rename,
+// as editors save; its deletion is reported as such.
+TEST(FileEvent, SingleFileReplacedAndDeleted) {
+    const QString dir = makeDir("single");
+    const QString file = dir + "/wallpaper.png";
+    writeFile(file);
+    Deliveries got;
+    OKVA_FileEvent watcher(file);
+    EXPECT_NE(watcher.createFlags() & kFileEventCreateFlagFileEvents, 0u);
+    EXPECT_EQ(watcher.latency(), 0.5);
+    watcher.setEventBlock(got.block());
+    watcher.setRun(true);
+    ASSERT_TRUE(got.waitFor(contains(file)));
+
+    writeFile(dir + "/other.txt"); // not watched: never reported
+    writeFile(dir + "/.tmp");
+    ASSERT_EQ(::rename(QFile::encodeName(dir + "/.tmp").constData(), QFile::encodeName(file).constData()), 0);
+    ASSERT_TRUE(got.waitFor(contains(file), 1));
+    QFile::remove(file);
+    auto removed = [&](const auto &d) {
+        const qsizetype i = d.paths.indexOf(file);
+        return i >= 0 && ((*d.flags)[i] & file_event_flags::kItemRemoved);
+    };
+    ASSERT_TRUE(got.waitFor(removed, 1));
+    EXPECT_FALSE(got.pathsFrom(1).contains(dir + "/other.txt"));
+
+    // Two watchers of the same path share a label, not a queue.
+    OKVA_FileEvent twin(file);
+    EXPECT_EQ(twin.eventQueue()->label(), watcher.eventQueue()->label());
+    EXPECT_EQ(twin.eventQueue()->label(), ("OKVA_FileEvent." + file).toStdString());
+    EXPECT_NE(twin.eventQueue(), watcher.eventQueue());
+}
+
+TEST(FileEvent, UnwatchablePathFailsToStart) {
+    test::LogCapture log;
+    Deliveries got;
+    OKVA_FileEvent watcher(QStringLiteral("/nonexistent-brix/a/b"));
+    watcher.setEventBlock(got.block());
+    watcher.setRun(true);
+    test::drain(watcher.eventQueue());
+    EXPECT_TRUE(watcher.isRunning());
+    EXPECT_EQ(got.count(), 0u);
+    ASSERT_FALSE(log.messages().isEmpty());
+    EXPECT_TRUE(log.messages().last().startsWith("FAILED to start monitoring ("));
+}
+
+TEST(PathObserver, ReportsChangesAndEndsAfterDelete) {
+    test::LogCapture log;
+    EXPECT_EQ(PathObserver::initWithURL(QUrl("https://example.com/a"), PathObserver::kAllEvents, nullptr, {}),
+              nullptr);
+    EXPECT_EQ(PathObserver::initWithURL(QUrl::fromLocalFile("/nonexistent-brix"), PathObserver::kAllEvents,
+                                        nullptr, {}),
+              nullptr);
+    // The descriptor failure goes to the error stream as perror() writes it.
+    const QString lines = log.messages().join('\n');
+    EXPECT_TRUE(
+        lines.contains("OOPS! https://example.com/a is NOT a file URL. Nothing will be watched (because "
+                       "there is nothing TO be watched)"));
+    EXPECT_TRUE(lines.contains("Failed to get a file descriptor: No such file or directory"));
+
+    const QString file = makeDir("observed") + "/shot.jpg";
+    writeFile(file);
+    std::mutex m;
+    std::condition_variable cv;
+    std::vector<unsigned long> bits;
+    auto observer =
+        PathObserver::initWithURL(QUrl::fromLocalFile(file), PathObserver::kAllEvents,
+                                  dispatch::makeSerialQueue("test.observer"), [&](unsigned long b) {
+                                      std::lock_guard lock(m);
+                                      bits.push_back(b);
+                                      cv.notify_all();
+                                  });
+    ASSERT_NE(observer, nullptr);
+    auto seen = [&](unsigned long want) {
+        std::unique_lock lock(m);
+        return cv.wait_for(lock, 10s, [&] {
+            return std::any_of(bits.begin(), bits.end(), [&](unsigned long b) { return (b & want) == want; });
+        });
+    };
+    writeFile(file, "more");
+    EXPECT_TRUE(seen(PathObserver::kWrite | PathObserver::kExtend));
+    QFile(file).setPermissions(QFile::ReadOwner);
+    EXPECT_TRUE(seen(PathObserver::kAttrib));
+    QFile::remove(file);
+    EXPECT_TRUE(seen(PathObserver::kDelete));
+    EXPECT_FALSE(observer->isWatching());
+}
