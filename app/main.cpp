@@ -3,6 +3,7 @@
 #include "AppDelegate.h"
 #include "BundleInfo.h"
 #include "CameraPanelModel.h"
+#include "CameraSettings.h"
 #include "CommandLine.h"
 #include "Dispatch.h"
 #include "EdsSdk.h"
@@ -133,6 +134,29 @@ int main(int argc, char **argv) {
     viewController.setCameraStarter([&sdk] { return sdk && OKVA_CanonCamera::initialize(sdk); });
     QObject::connect(&viewController, &ViewController::terminateRequested, app.get(),
                      [] { QCoreApplication::exit(0); });
+
+    // Remembered camera settings: put back on every connection, with or without a window.
+    CameraSettings cameraSettings(panel, Preferences::standard(),
+                                  [&delegate] { return delegate.currentCamera(); });
+    QObject::connect(&viewController, &ViewController::cameraConnected, &cameraSettings,
+                     &CameraSettings::loadSettingsOnConnection);
+    QObject::connect(&viewController, &ViewController::viewStarting, &cameraSettings,
+                     &CameraSettings::clearOldPreferenceKey);
+    if (!options.exportSettings.isEmpty()) {
+        cameraSettings.clearOldPreferenceKey();
+        const bool exported = cameraSettings.exportSettingsToPath(options.exportSettings);
+        Logger::flush();
+        return exported ? 0 : 1;
+    }
+    if (!options.importSettings.isEmpty()) {
+        QVariantMap imported;
+        QString description;
+        if (cameraSettings.readImportFile(options.importSettings, &imported, &description))
+            cameraSettings.importSettings(imported, options.importResponse);
+        else
+            Logger::setError(
+                QStringLiteral("%1 %2").arg(QLatin1String(CameraSettings::kInvalidFileMessage), description));
+    }
 
     LiveViewController liveView;
     liveView.setCameraProvider([&delegate] { return delegate.currentCamera(); });
