@@ -76,6 +76,8 @@ void CameraSettings::ibLoadSettings() {
         if (camera && camera->setStringValue(it.value().toString(), propID))
             continue;
         SystemSound::beep();
+        Logger::setError(
+            line(objectDescription(), action, QStringLiteral("refused, re-reading propID = %1").arg(propID)));
         emit valueRefused(propID);
         if (camera)
             camera->updateValueForPropertyID(propID);
