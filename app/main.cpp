@@ -3,7 +3,9 @@
 #include "AppDelegate.h"
 #include "BundleInfo.h"
 #include "CameraPanelModel.h"
+#include "CameraPanelView.h"
 #include "CameraSettings.h"
+#include "CameraSettingsView.h"
 #include "CommandLine.h"
 #include "Dispatch.h"
 #include "EdsSdk.h"
@@ -23,6 +25,7 @@
 #include "SystemInfo.h"
 #include "ViewController.h"
 #include "WindowProbe.h"
+#include <QFormLayout>
 
 #include <QApplication>
 #include <QCoreApplication>
@@ -180,6 +183,10 @@ int main(int argc, char **argv) {
                 Scheduling::performAsyncGlobal([folder] { hotfolder::sendAllItemsInHotFolder(folder); });
             });
         viewController.setModifierQuery([] { return QGuiApplication::queryKeyboardModifiers(); });
+        // The settings buttons sit at the foot of the camera panel.
+        if (auto *panelView = window->findChild<CameraPanelView *>())
+            if (auto *form = qobject_cast<QFormLayout *>(panelView->layout()))
+                form->addRow(new CameraSettingsView(cameraSettings, panelView));
         window->show();
         probe = WindowProbe::exportIfRequested(*window, panel, viewController);
     }
