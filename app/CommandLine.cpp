@@ -18,20 +18,32 @@ CommandLine CommandLine::parse(const QStringList &arguments) {
             cl.headless = true;
         } else if (arg == "--quiet" || arg == "-q") {
             cl.quiet = true;
+        } else if (arg == "--export-settings" && i + 1 < arguments.size()) {
+            cl.exportSettings = arguments[++i];
+        } else if (arg == "--import-settings" && i + 1 < arguments.size()) {
+            cl.importSettings = arguments[++i];
+        } else if (arg == "--merge") {
+            cl.importResponse = 1001;
+        } else if (arg == "--overwrite") {
+            cl.importResponse = 1002;
         } else if (arg.startsWith("--camera-backend=")) {
             QString value = arg.mid(int(qstrlen("--camera-backend="))).toLower();
             if (kBackends.contains(value))
                 cl.cameraBackend = value;
             else
-                cl.errors << QStringLiteral("unknown camera backend \"%1\" (use %2)").arg(value, kBackends.join('|'));
+                cl.errors << QStringLiteral("unknown camera backend \"%1\" (use %2)")
+                                 .arg(value, kBackends.join('|'));
         } else if (arg == "--camera-backend" && i + 1 < arguments.size()) {
             QString value = arguments[++i].toLower();
             if (kBackends.contains(value))
                 cl.cameraBackend = value;
             else
-                cl.errors << QStringLiteral("unknown camera backend \"%1\" (use %2)").arg(value, kBackends.join('|'));
+                cl.errors << QStringLiteral("unknown camera backend \"%1\" (use %2)")
+                                 .arg(value, kBackends.join('|'));
         }
     }
+    if (!cl.importSettings.isEmpty() && cl.importResponse == 0)
+        cl.errors << QStringLiteral("--import-settings needs --merge or --overwrite");
     return cl;
 }
 
@@ -45,6 +57,10 @@ QString CommandLine::helpText(const QString &programName) {
                "  --headless                 run without a window (kiosk, service, tests)\n"
                "  --camera-backend=NAME      simulator | gphoto2 | edsdk | auto\n"
                "                             (default: $BRIX_CAMERA_BACKEND, else auto)\n"
+               "  --export-settings FILE     write the remembered camera settings to FILE\n"
+               "                             (.plist, or .xml beside FILE.plist) and exit\n"
+               "  --import-settings FILE --merge|--overwrite\n"
+               "                             take camera settings from FILE at start-up\n"
                "  -q, --quiet                print nothing on standard output; without it the\n"
                "                             station prints a line for the backend, each camera\n"
                "                             found or lost, each shot saved and each error to act on\n"

@@ -3,6 +3,9 @@
 #include "AppDelegate.h"
 #include "BundleInfo.h"
 #include "CameraPanelModel.h"
+#include "CameraPanelView.h"
+#include "CameraSettings.h"
+#include "CameraSettingsView.h"
 #include "CommandLine.h"
 #include "Dispatch.h"
 #include "EdsSdk.h"
@@ -22,6 +25,7 @@
 #include "ViewController.h"
 #include "Watchdog.h"
 #include "WindowProbe.h"
+#include <QFormLayout>
 
 #include <QApplication>
 #include <QCoreApplication>
@@ -135,6 +139,29 @@ int main(int argc, char **argv) {
     QObject::connect(&viewController, &ViewController::terminateRequested, app.get(),
                      [] { QCoreApplication::exit(0); });
 
+    // Remembered camera settings: put back on every connection, with or without a window.
+    CameraSettings cameraSettings(panel, Preferences::standard(),
+                                  [&delegate] { return delegate.currentCamera(); });
+    QObject::connect(&viewController, &ViewController::cameraConnected, &cameraSettings,
+                     &CameraSettings::loadSettingsOnConnection);
+    QObject::connect(&viewController, &ViewController::viewStarting, &cameraSettings,
+                     &CameraSettings::clearOldPreferenceKey);
+    if (!options.exportSettings.isEmpty()) {
+        cameraSettings.clearOldPreferenceKey();
+        const bool exported = cameraSettings.exportSettingsToPath(options.exportSettings);
+        Logger::flush();
+        return exported ? 0 : 1;
+    }
+    if (!options.importSettings.isEmpty()) {
+        QVariantMap imported;
+        QString description;
+        if (cameraSettings.readImportFile(options.importSettings, &imported, &description))
+            cameraSettings.importSettings(imported, options.importResponse);
+        else
+            Logger::setError(
+                QStringLiteral("%1 %2").arg(QLatin1String(CameraSettings::kInvalidFileMessage), description));
+    }
+
     LiveViewController liveView;
     liveView.setCameraProvider([&delegate] { return delegate.currentCamera(); });
     HistogramController histogram;
@@ -157,6 +184,10 @@ int main(int argc, char **argv) {
                 Scheduling::performAsyncGlobal([folder] { hotfolder::sendAllItemsInHotFolder(folder); });
             });
         viewController.setModifierQuery([] { return QGuiApplication::queryKeyboardModifiers(); });
+        // The settings buttons sit at the foot of the camera panel.
+        if (auto *panelView = window->findChild<CameraPanelView *>())
+            if (auto *form = qobject_cast<QFormLayout *>(panelView->layout()))
+                form->addRow(new CameraSettingsView(cameraSettings, panelView));
         window->show();
         probe = WindowProbe::exportIfRequested(*window, panel, viewController);
     }

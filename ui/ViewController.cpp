@@ -43,7 +43,9 @@ ViewController::~ViewController() {
         DistributedNotificationCenter::defaultCenter().removeObserver(token);
 }
 
-QString ViewController::objectDescription() const { return describeObject(this, "ViewController"); }
+QString ViewController::objectDescription() const {
+    return describeObject(this, "ViewController");
+}
 
 dispatch::QueuePtr ViewController::metadataQueue() {
     static dispatch::QueuePtr *queue = [] {
@@ -58,21 +60,22 @@ dispatch::QueuePtr ViewController::metadataQueue() {
 }
 
 void ViewController::setupNotifications() {
-    Logger::setError(QStringLiteral("%1-%2.....").arg(objectDescription(), QLatin1String("setupNotifications")));
+    Logger::setError(
+        QStringLiteral("%1-%2.....").arg(objectDescription(), QLatin1String("setupNotifications")));
     auto &local = NotificationCenter::defaultCenter();
-    localTokens_.push_back(
-        local.addObserver(kOKVA_CanonCameraPhotoDataAvailable, {}, [this](const Notification &n) { newPhoto(n); }));
+    localTokens_.push_back(local.addObserver(kOKVA_CanonCameraPhotoDataAvailable, {},
+                                             [this](const Notification &n) { newPhoto(n); }));
     localTokens_.push_back(local.addObserver(kOKVA_CanonCameraDownloadProgress, {},
                                              [this](const Notification &n) { downloadProgress(n); }));
     distributedTokens_.push_back(DistributedNotificationCenter::defaultCenter().addObserver(
         QStringLiteral("brixXNotification"),
         [this](const DistributedNotificationCenter::Message &m) { cameraStatusChanged(m); }));
+    localTokens_.push_back(local.addObserver(kOKVA_CanonCameraDidUnload, {},
+                                             [this](const Notification &n) { cameraDisappeared(n); }));
     localTokens_.push_back(
-        local.addObserver(kOKVA_CanonCameraDidUnload, {}, [this](const Notification &n) { cameraDisappeared(n); }));
-    localTokens_.push_back(local.addObserver(QString::fromLatin1(kOpenPrefsNotification), {},
-                                             [this](const Notification &) {
-                                                 Scheduling::performAsyncOnMainQueue([this] { emit showFullSizeRequested(); });
-                                             }));
+        local.addObserver(QString::fromLatin1(kOpenPrefsNotification), {}, [this](const Notification &) {
+            Scheduling::performAsyncOnMainQueue([this] { emit showFullSizeRequested(); });
+        }));
 }
 
 // --- shots -------------------------------------------------------------------
@@ -139,7 +142,9 @@ void ViewController::incrementSavedCount() {
     });
 }
 
-void ViewController::saveImage(const QVariant &) { processPhotoData(imageDict_); }
+void ViewController::saveImage(const QVariant &) {
+    processPhotoData(imageDict_);
+}
 
 void ViewController::processPhotoData(const QVariantMap &info) {
     const QByteArray bytes = info.value(kOKVA_CanonCameraPhotoData).toByteArray();
@@ -157,10 +162,12 @@ void ViewController::processPhotoData(const QVariantMap &info) {
     bool ok = file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size();
     ok = ok ? file.commit() : (file.cancelWriting(), false);
     if (!ok) {
-        Logger::setError(QStringLiteral("failed to save image to path %1 with error = %2").arg(path, file.errorString()));
+        Logger::setError(
+            QStringLiteral("failed to save image to path %1 with error = %2").arg(path, file.errorString()));
         return;
     }
-    Logger::setError(QStringLiteral("SAVED FILE %1 Valid").arg(isValidJPEGFile(path) ? QStringLiteral("IS") : QStringLiteral("Is NOT")));
+    Logger::setError(QStringLiteral("SAVED FILE %1 Valid")
+                         .arg(isValidJPEGFile(path) ? QStringLiteral("IS") : QStringLiteral("Is NOT")));
     emit photoSaved(path);
 }
 
@@ -178,7 +185,8 @@ void ViewController::downloadProgress(const Notification &notification) {
 void ViewController::clearProgressIndicator() {
     // The pause lets the bar show 100 before it goes.
     Scheduling::afterDelay(0.010, dispatch::mainQueue(), [this] {
-        Logger::setError(QStringLiteral("%1-%2...").arg(objectDescription(), QLatin1String("clearProgressIndicator")));
+        Logger::setError(
+            QStringLiteral("%1-%2...").arg(objectDescription(), QLatin1String("clearProgressIndicator")));
         progressValue_ = 0.0;
         progressAnimating_ = false;
         progressVisible_ = false;
@@ -235,7 +243,8 @@ void ViewController::cameraStatusChanged(const DistributedNotificationCenter::Me
     if (!message.userInfo.contains(QStringLiteral("cameraStatus")))
         return;
     Scheduling::performAsyncOnMainQueue([this, message] {
-        Logger::setError(QStringLiteral("%1-%2.....").arg(objectDescription(), QLatin1String("cameraStatusChanged")));
+        Logger::setError(
+            QStringLiteral("%1-%2.....").arg(objectDescription(), QLatin1String("cameraStatusChanged")));
         Logger::setError(QStringLiteral("OKVA_CanonCameraAdded!"));
         const QString name = message.userInfo.value(QStringLiteral("camerName")).toString();
         const bool connected = message.userInfo.value(QStringLiteral("cameraStatus")).toBool();
@@ -243,8 +252,10 @@ void ViewController::cameraStatusChanged(const DistributedNotificationCenter::Me
         if (connected) {
             text = name;
             setCameraOnline(true);
+            emit cameraConnected();
         } else {
-            text = name.isEmpty() ? QString::fromLatin1(kNoCameraFound) : QStringLiteral("%1 - DISCONNECTED").arg(name);
+            text = name.isEmpty() ? QString::fromLatin1(kNoCameraFound)
+                                  : QStringLiteral("%1 - DISCONNECTED").arg(name);
             setCameraOnline(false);
         }
         setStatusText(text);
@@ -254,7 +265,8 @@ void ViewController::cameraStatusChanged(const DistributedNotificationCenter::Me
 void ViewController::cameraDisappeared(const Notification &notification) {
     const bool withCamera = notification.object.isValid() && !notification.object.isNull();
     Scheduling::performAsyncOnMainQueue([this, withCamera, name = notification.name] {
-        Logger::setError(QStringLiteral("%1-%2.....").arg(objectDescription(), QLatin1String("cameraDisappeared")));
+        Logger::setError(
+            QStringLiteral("%1-%2.....").arg(objectDescription(), QLatin1String("cameraDisappeared")));
         setCameraOnline(false);
         Logger::setError(QStringLiteral("OKVA_CanonCameraDisappeared: %1").arg(name));
         if (withCamera) {

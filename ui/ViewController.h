@@ -12,9 +12,9 @@
 // Ownership: the controller owns its observers and removes them when destroyed.
 #pragma once
 
-#include "DistributedNotificationCenter.h"
 #include "CameraControls.h"
 #include "Dispatch.h"
+#include "DistributedNotificationCenter.h"
 #include "NotificationCenter.h"
 
 #include <QDateTime>
@@ -27,8 +27,8 @@
 
 #include <atomic>
 #include <condition_variable>
-#include <mutex>
 #include <functional>
+#include <mutex>
 #include <vector>
 
 namespace brix {
@@ -148,6 +148,10 @@ signals:
     void windowSizeSetupRequested();
     // "Terminate App" was chosen in the start-up question.
     void terminateRequested();
+    // The camera status turned to connected (main thread).
+    void cameraConnected();
+    // View start-up reached the point where old preference keys are migrated.
+    void viewStarting();
 
 signals:
     void fDownloadCountChanged();

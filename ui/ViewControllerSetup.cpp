@@ -86,7 +86,7 @@ void ViewController::doMoreOfViewDidLoad() {
         });
         std::this_thread::sleep_for(std::chrono::milliseconds(200));
     });
-    // The old settings key is migrated by the settings memory when it is wired in.
+    emit viewStarting();
     selectIntialTabviewItem();
 }
 

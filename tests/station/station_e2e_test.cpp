@@ -1,6 +1,7 @@
 // End-to-end: the real station, headless, on the simulated camera, driven only
 // from outside over the session bus, as a sibling application would.
 #include "DistributedNotificationCenter.h"
+#include "PropertyList.h"
 #include "TestSupport.h"
 
 #include <QDBusConnection>
@@ -29,14 +30,16 @@ const QRegularExpression kShotName(QStringLiteral("^\\d{17}\\.jpg$"));
 class Sibling {
 public:
     Sibling()
-        : connection_(QDBusConnection::connectToBus(QDBusConnection::SessionBus, QStringLiteral("e2e-sibling"))),
+        : connection_(
+              QDBusConnection::connectToBus(QDBusConnection::SessionBus, QStringLiteral("e2e-sibling"))),
           center_(connection_) {
         for (const char *name : {"brixXNotification", "BrixPreviewerNotification"})
             center_.addObserver(name, [this](const Message &m) { received.push_back(m); });
     }
     ~Sibling() { QDBusConnection::disconnectFromBus(QStringLiteral("e2e-sibling")); }
 
-    void request(const QString &action, const QString &object = QStringLiteral("sibling"), bool withSender = true) {
+    void request(const QString &action, const QString &object = QStringLiteral("sibling"),
+                 bool withSender = true) {
         QVariantMap info{{"action", action}};
         if (withSender)
             info.insert("senderApp", "SiblingTool");
@@ -73,14 +76,15 @@ protected:
     }
     void TearDown() override { stop(); }
 
-    void start(const QStringList &extraEnv = {}, bool simulatorControl = true) {
+    void start(const QStringList &extraEnv = {}, bool simulatorControl = true,
+               const QStringList &arguments = {}) {
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         env.insert("BRIX_CAMERA_BACKEND", "simulator");
         for (const QString &kv : extraEnv)
             env.insert(kv.section('=', 0, 0), kv.section('=', 1));
         process_.setProcessEnvironment(env);
         process_.setProcessChannelMode(QProcess::ForwardedErrorChannel);
-        process_.start(BRIX_EXECUTABLE, {"--headless"});
+        process_.start(BRIX_EXECUTABLE, QStringList{"--headless"} + arguments);
         ASSERT_TRUE(process_.waitForStarted(10000));
         if (!simulatorControl)
             return;
@@ -105,7 +109,8 @@ protected:
                               "com.lumetra.brix.Simulator");
     }
     bool waitForCameraStatus(Sibling &s, size_t count) {
-        return test::processEventsUntil([&] { return s.named("brixXNotification", true).size() >= count; }, 20s);
+        return test::processEventsUntil([&] { return s.named("brixXNotification", true).size() >= count; },
+                                        20s);
     }
     QStringList shots() const {
         QStringList names = QDir(saveFolder_).entryList(QDir::Files, QDir::Name);
@@ -131,7 +136,8 @@ TEST_F(Station, GrabImageInCapitalsSavesOneShotAndAnnouncesIt) {
     EXPECT_EQ(sibling.named("brixXNotification", true)[0].userInfo.value("cameraStatus").toUInt(), 1u);
 
     sibling.request("GRABIMAGE");
-    ASSERT_TRUE(test::processEventsUntil([&] { return sibling.named("BrixPreviewerNotification").size() >= 1; }, 20s));
+    ASSERT_TRUE(test::processEventsUntil(
+        [&] { return sibling.named("BrixPreviewerNotification").size() >= 1; }, 20s));
     const QStringList files = shots();
     ASSERT_EQ(files.size(), 1) << files.join(",").toStdString();
     EXPECT_TRUE(kShotName.match(files[0]).hasMatch()) << files[0].toStdString();
@@ -257,22 +263,88 @@ TEST_F(Station, UnwritableSaveFolderIsLoggedAndTheStationKeepsRunning) {
     EXPECT_EQ(process_.state(), QProcess::Running);
 }
 
+TEST_F(Station, RemembersSettingsPerModelAppliesThemOnEveryConnectionAndMovesThemAsAFile) {
+    const QString model = "Canon EOS 5D Mark IV";
+    // Stored: this model with an exposure compensation, and another model.
+    const QString config = qEnvironmentVariable("XDG_CONFIG_HOME") + "/Brix";
+    QDir().mkpath(config);
+    const QVariantMap stored{{"version", "v2"},
+                             {"description", "canonsettings"},
+                             {model, QVariantMap{{"1031", "+1"}}},
+                             {"Model B", QVariantMap{{"1030", "1/250"}}}};
+    QFile prefs(config + "/com.lumetra.BrixCanonCapture.plist");
+    ASSERT_TRUE(prefs.open(QIODevice::WriteOnly));
+    prefs.write(
+        PropertyList::dataFromPropertyList(QVariantMap{{"prefCanonSettings", stored}}, PlistFormat::Xml));
+    prefs.close();
+    // The file from another station: no version keys, 1/125 and an ISO no body offers.
+    const QString in = home_ + "/in.plist";
+    QFile file(in);
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write(PropertyList::dataFromPropertyList(
+        QVariantMap{{model, QVariantMap{{"1030", "1/125"}, {"1026", "ISO 7"}}}}, PlistFormat::Binary));
+    file.close();
+
+    Sibling sibling;
+    start({}, true, {"--import-settings", in, "--merge"});
+    ASSERT_TRUE(waitForCameraStatus(sibling, 1));
+    auto sim = simulator();
+    auto tv = [&] {
+        return sim.call("GetProperty", 0x406u).arguments().value(0).value<QDBusVariant>().variant().toUInt();
+    };
+    ASSERT_TRUE(test::processEventsUntil([&] { return tv() == 0x70u; }, 20s))
+        << log().right(3000).toStdString();
+    ASSERT_TRUE(
+        test::processEventsUntil([&] { return log().contains("refused, re-reading propID = 1026"); }, 5s));
+    EXPECT_EQ(log().count("refused, re-reading propID"), 1);
+
+    // Dials turned, body unplugged and plugged: the remembered value comes back.
+    ASSERT_TRUE(sim.call("SetProperty", 0x406u, 0x68u).errorName().isEmpty());
+    ASSERT_TRUE(test::processEventsUntil([&] { return tv() == 0x68u; }, 5s));
+    ASSERT_TRUE(sim.call("Unplug").errorName().isEmpty());
+    ASSERT_TRUE(sim.call("Plug", model).errorName().isEmpty());
+    ASSERT_TRUE(waitForCameraStatus(sibling, 3));
+    ASSERT_TRUE(test::processEventsUntil([&] { return tv() == 0x70u; }, 20s))
+        << log().right(3000).toStdString();
+    stop();
+
+    // Exported as XML: the file any reader accepts, and its intermediate beside it.
+    QProcess exporter;
+    exporter.setProcessChannelMode(QProcess::ForwardedErrorChannel);
+    exporter.start(BRIX_EXECUTABLE, {"--headless", "--export-settings", home_ + "/a.xml"});
+    ASSERT_TRUE(exporter.waitForFinished(30000));
+    EXPECT_EQ(exporter.exitCode(), 0);
+    EXPECT_TRUE(QFileInfo::exists(home_ + "/a.xml.plist"));
+    QFile xml(home_ + "/a.xml");
+    ASSERT_TRUE(xml.open(QIODevice::ReadOnly));
+    const QByteArray bytes = xml.readAll();
+    EXPECT_TRUE(bytes.startsWith("<?xml"));
+    const QVariantMap exported = PropertyList::propertyListFromData(bytes, Mutability::Immutable).toMap();
+    // Merge kept the other model and replaced this one whole.
+    EXPECT_EQ(exported.value("Model B"), stored.value("Model B"));
+    EXPECT_EQ(exported.value(model).toMap(), (QVariantMap{{"1030", "1/125"}, {"1026", "ISO 7"}}));
+    EXPECT_EQ(exported.value("version").toString(), "v2");
+}
+
 #ifdef BRIX_EDSDK_SIM_LIBRARY
 TEST_F(Station, DoesItsMainJobThroughCanonsLibraryInterface) {
     // The station loads a library with Canon's C functions (here one over the
     // simulated body) and must behave exactly as with the built-in backends.
     Sibling sibling;
-    start({"BRIX_CAMERA_BACKEND=edsdk", QStringLiteral("BRIX_EDSDK_PATH=%1").arg(BRIX_EDSDK_SIM_LIBRARY)}, false);
+    start({"BRIX_CAMERA_BACKEND=edsdk", QStringLiteral("BRIX_EDSDK_PATH=%1").arg(BRIX_EDSDK_SIM_LIBRARY)},
+          false);
     ASSERT_TRUE(waitForCameraStatus(sibling, 1)) << log().right(3000).toStdString();
     EXPECT_EQ(sibling.named("brixXNotification", true)[0].userInfo.value("cameraStatus").toUInt(), 1u);
     EXPECT_TRUE(log().contains("EDSDK loaded from: "));
     sibling.request("grabimage");
-    ASSERT_TRUE(test::processEventsUntil([&] { return sibling.named("BrixPreviewerNotification").size() >= 1; }, 30s))
+    ASSERT_TRUE(
+        test::processEventsUntil([&] { return sibling.named("BrixPreviewerNotification").size() >= 1; }, 30s))
         << log().right(3000).toStdString();
     const QStringList files = shots();
     ASSERT_EQ(files.size(), 1);
     EXPECT_TRUE(kShotName.match(files[0]).hasMatch()) << files[0].toStdString();
     ASSERT_EQ(sibling.fileAnnouncements().size(), 1u);
-    EXPECT_EQ(sibling.fileAnnouncements()[0].userInfo.value("filePath").toString(), saveFolder_ + "/" + files[0]);
+    EXPECT_EQ(sibling.fileAnnouncements()[0].userInfo.value("filePath").toString(),
+              saveFolder_ + "/" + files[0]);
 }
 #endif
