@@ -243,6 +243,31 @@ QStringList AppDelegate::olderVersionAlertTexts(const QString &otherName) {
         QStringLiteral("com.lumetra.BRIX-XML")};
 }
 
+void AppDelegate::createScanTimer() {
+    if (fTimer) {
+        currentCameraDispatchQueue()->async([this, timer = fTimer] {
+            if (fTimerStatus.compare(QLatin1String(kTimerRunning), Qt::CaseInsensitive) != 0) {
+                timer->resume();
+                fTimerStatus = QLatin1String(kTimerRunning);
+                Logger::setError(QStringLiteral("Inside %1 => %2... timer RUNNING...")
+                                     .arg(objectDescription(), QLatin1String("createScanTimer")));
+            } else {
+                timer->suspend();
+                fTimerStatus = QLatin1String(kTimerSuspended);
+                Logger::setError(QStringLiteral("Inside %1 => %2... timer SUSPENDED...")
+                                     .arg(objectDescription(), QLatin1String("createScanTimer")));
+            }
+        });
+        return;
+    }
+    const double seconds =
+        Preferences::standard().floatForKey(QLatin1String(pref::kScanForNewImageInSeconds));
+    if (!(seconds > 0))
+        return;
+    fTimer = std::make_shared<ScanTimer>(currentCameraDispatchQueue(), dispatch::secondsToNanos(seconds));
+    currentCameraDispatchQueue()->async([timer = fTimer] { timer->resume(); });
+}
+
 dispatch::QueuePtr AppDelegate::currentCameraDispatchQueue() {
     // A function-local static: concurrent first callers get the same queue.
     static const dispatch::QueuePtr queue =
@@ -334,8 +359,10 @@ void AppDelegate::awakeFromNib() {
     observe(kOKVA_CanonCameraPropertiesDidChange, &AppDelegate::cameraPropertiesChanged);
     observe(kOKVA_CanonCameraPropertyDidChange, &AppDelegate::cameraPropertyChanged);
     // Registered without a handler of their own: delivery does nothing.
-    localTokens_.push_back(center.addObserver(kOKVA_CanonCameraLiveViewImageUpdate, {}, [](const Notification &) {}));
-    localTokens_.push_back(center.addObserver(kOKVA_CanonCameraCommandError, {}, [](const Notification &) {}));
+    localTokens_.push_back(
+        center.addObserver(kOKVA_CanonCameraLiveViewImageUpdate, {}, [](const Notification &) {}));
+    localTokens_.push_back(
+        center.addObserver(kOKVA_CanonCameraCommandError, {}, [](const Notification &) {}));
     // Nothing in the station posts it; a sibling that does only gets a log line.
     localTokens_.push_back(
         center.addObserver(QLatin1String(kStartPhotoSessionNotification), {}, [this](const Notification &) {
@@ -549,7 +576,8 @@ void AppDelegate::updateControlWithTagWithValues(quint32 tag, const std::optiona
         return;
     if (control->kind == ControlKind::PopUp) {
         QStringList titles = values ? values->keys() : QStringList{};
-        std::sort(titles.begin(), titles.end(), [](const QString &a, const QString &b) { return numericCompare(a, b) < 0; });
+        std::sort(titles.begin(), titles.end(),
+                  [](const QString &a, const QString &b) { return numericCompare(a, b) < 0; });
         const QString remembered = control->selectedTitle;
         controls_->setPopUpTitles(tag, titles);
         if (!titles.isEmpty() && titles.contains(remembered))

@@ -21,6 +21,7 @@
 #include "DistributedNotificationCenter.h"
 #include "NotificationCenter.h"
 #include "OKVA_CanonCamera.h"
+#include "ScanTimer.h"
 
 #include <QObject>
 #include <QString>
@@ -41,6 +42,8 @@ public:
     static constexpr const char *kQuitAppNotification = "quitAppNotification";
     static constexpr const char *kStartPhotoSessionNotification = "notifictionStartPhotoSession";
     static constexpr const char *kCurrentCameraQueueLabel = "com.lumetra.brix.current.camera.queue";
+    static constexpr const char *kTimerRunning = "running";
+    static constexpr const char *kTimerSuspended = "suspended";
 
     explicit AppDelegate(QObject *parent = nullptr);
     ~AppDelegate() override;
@@ -101,6 +104,15 @@ public:
     void updateControlWithTagWithValue(quint32 tag, const QVariant &value);
     void updateControlWithTagWithValues(quint32 tag, const std::optional<QVariantMap> &values);
     void floatingAlertWithString(const QString &text);
+
+    // --- hot folder ---
+    // The scan timer: made on the first call from "prefScanForNewImageInSeconds"
+    // (nothing when that is not above 0), then suspended and resumed in turn on
+    // the current-camera queue by every later call.
+    void createScanTimer();
+    // Touched on the current-camera queue once made; read it there.
+    std::shared_ptr<ScanTimer> fTimer;
+    QString fTimerStatus; // "running", "suspended", or empty before the first toggle
 
     // --- sibling requests ---
     void handleDistributedNotification(const DistributedNotificationCenter::Message &message);

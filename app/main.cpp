@@ -183,6 +183,8 @@ int main(int argc, char **argv) {
                 const QVariant folder = viewController.getPathToSavePhotos();
                 Scheduling::performAsyncGlobal([folder] { hotfolder::sendAllItemsInHotFolder(folder); });
             });
+        QObject::connect(window.get(), &MainWindow::scanTimerToggleRequested, &delegate,
+                         [&delegate] { delegate.createScanTimer(); });
         viewController.setModifierQuery([] { return QGuiApplication::queryKeyboardModifiers(); });
         // The settings buttons sit at the foot of the camera panel.
         if (auto *panelView = window->findChild<CameraPanelView *>())

@@ -210,6 +210,10 @@ QWidget *MainWindow::buildPreferencesTab() {
                        QStringLiteral("Send all images in the save folder to the previewer"));
     connect(send, &QPushButton::clicked, this, &MainWindow::sendAllItemsInHotFolderRequested);
     form->addRow(send);
+    auto *scan = named(new QPushButton(QStringLiteral("Start/Stop Folder Scan Timer"), page), "scantimer",
+                       QStringLiteral("Start, suspend or resume the save folder's scan timer"));
+    connect(scan, &QPushButton::clicked, this, &MainWindow::scanTimerToggleRequested);
+    form->addRow(scan);
     return page;
 }
 

@@ -58,6 +58,9 @@ signals:
     void quitConfirmed();
     void quitAndRelaunchRequested();
     void sendAllItemsInHotFolderRequested();
+    // The scan-timer button: starts the hot folder's scan timer, then suspends
+    // and resumes it in turn.
+    void scanTimerToggleRequested();
 
 protected:
     void closeEvent(QCloseEvent *event) override;

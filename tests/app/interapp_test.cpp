@@ -1,7 +1,9 @@
 // The sibling applications' view: messages as they arrive on the session bus.
+#include "AppDelegate.h"
 #include "DistributedNotificationCenter.h"
 #include "HotFolder.h"
 #include "InterAppNotifications.h"
+#include "Preferences.h"
 #include "TestSupport.h"
 
 #include <QDBusConnection>
@@ -21,10 +23,12 @@ namespace {
 class Sibling {
 public:
     explicit Sibling(const QStringList &names)
-        : connection_(QDBusConnection::connectToBus(QDBusConnection::SessionBus, QStringLiteral("sibling%1").arg(++counter_))),
+        : connection_(QDBusConnection::connectToBus(QDBusConnection::SessionBus,
+                                                    QStringLiteral("sibling%1").arg(++counter_))),
           center_(connection_) {
         for (const QString &n : names)
-            center_.addObserver(n, [this](const DistributedNotificationCenter::Message &m) { received.push_back(m); });
+            center_.addObserver(
+                n, [this](const DistributedNotificationCenter::Message &m) { received.push_back(m); });
     }
     ~Sibling() { QDBusConnection::disconnectFromBus(connection_.name()); }
 
@@ -65,7 +69,8 @@ TEST(InterApp, NewFileAnnouncementCarriesThePathTwiceAndTheSender) {
     EXPECT_EQ(first.userInfo.value("senderBundleIdentifier").toString(), "com.lumetra.BrixCanonCapture");
     EXPECT_EQ(first.userInfo.value("senderApp").toString(), ia::senderApp());
     EXPECT_FALSE(ia::senderApp().isEmpty());
-    EXPECT_EQ(sibling.received[1].userInfo.value("filePath").toString(), test::testHome() + "/Desktop/CanonFolder");
+    EXPECT_EQ(sibling.received[1].userInfo.value("filePath").toString(),
+              test::testHome() + "/Desktop/CanonFolder");
 }
 
 TEST(InterApp, PreviewerGetsOnePathOrAWholeList) {
@@ -75,7 +80,8 @@ TEST(InterApp, PreviewerGetsOnePathOrAWholeList) {
     ASSERT_TRUE(previewer.waitFor(2));
     EXPECT_EQ(previewer.received[0].userInfo.value("action").toString(), "newImageToDisplayForPreviewer");
     EXPECT_EQ(previewer.received[0].userInfo.value("value").toString(), "/p/a.jpg");
-    EXPECT_EQ(previewer.received[1].userInfo.value("value").toStringList(), (QStringList{"/p/a.jpg", "/p/b.jpg"}));
+    EXPECT_EQ(previewer.received[1].userInfo.value("value").toStringList(),
+              (QStringList{"/p/a.jpg", "/p/b.jpg"}));
 }
 
 TEST(InterApp, StatusReplyAddsIdentityAndHasNoObject) {
@@ -105,8 +111,8 @@ TEST(InterApp, SwitchedOffSendersSendNothingWhileTheOthersWork) {
     QStringList names;
     for (const auto &m : sibling.received)
         names << m.name;
-    EXPECT_EQ(names, (QStringList{"BrixVideoAppNotification", "brixXNotification", "brixSalesStationNotification",
-                                  "sibling.marker"}));
+    EXPECT_EQ(names, (QStringList{"BrixVideoAppNotification", "brixXNotification",
+                                  "brixSalesStationNotification", "sibling.marker"}));
     EXPECT_EQ(sibling.received[0].userInfo.value("action").toString(), "StopRecording");
     EXPECT_EQ(sibling.received[1].userInfo.value("cameraStatus").metaType().id(), QMetaType::UShort);
     EXPECT_EQ(sibling.received[2].userInfo.value("editableTextPackages").toList().size(), 1);
@@ -114,7 +120,8 @@ TEST(InterApp, SwitchedOffSendersSendNothingWhileTheOthersWork) {
 
 TEST(HotFolder, SplittingKeepsItsSinglePassRule) {
     EXPECT_TRUE(hotfolder::splitCommandOutput(" \n  \r\n").isEmpty());
-    EXPECT_EQ(hotfolder::splitCommandOutput("/a.jpg\r/b.jpg\r"), hotfolder::splitCommandOutput("/a.jpg\n/b.jpg\n"));
+    EXPECT_EQ(hotfolder::splitCommandOutput("/a.jpg\r/b.jpg\r"),
+              hotfolder::splitCommandOutput("/a.jpg\n/b.jpg\n"));
     EXPECT_EQ(hotfolder::splitCommandOutput("/a.jpg\n\n\n/b.jpg"), (QStringList{"/a.jpg", "", "/b.jpg"}));
     EXPECT_EQ(hotfolder::commandForFolder("/s f"), "find \"/s f\" -d 1  -name '*.jpg'");
 }
@@ -140,4 +147,45 @@ TEST(HotFolder, ListsJpegsDirectlyInTheFolderAndSendsThemInOneMessage) {
     // A path naming a file, and a value that is not text, send nothing.
     EXPECT_TRUE(hotfolder::sendAllItemsInHotFolder(folder + "/a.jpg").isEmpty());
     EXPECT_TRUE(hotfolder::sendAllItemsInHotFolder(QVariant(42)).isEmpty());
+}
+
+TEST(HotFolder, ScanTimerStartsThenSuspendsAndResumesInTurnOnTheCameraQueue) {
+    dispatch::ManualClock clock;
+    dispatch::setClock(&clock);
+    AppDelegate delegate;
+    const QString key = QLatin1String(pref::kScanForNewImageInSeconds);
+    const auto queue = AppDelegate::currentCameraDispatchQueue();
+    auto advance = [&](double seconds) { clock.advanceSeconds(seconds, [&] { test::drain(queue); }); };
+    auto toggle = [&] {
+        delegate.createScanTimer();
+        test::drain(queue);
+    };
+
+    Preferences::standard().setFloat(0, key);
+    delegate.createScanTimer();
+    EXPECT_FALSE(delegate.fTimer) << "no timer without a positive interval";
+
+    Preferences::standard().setFloat(2.0, key);
+    delegate.createScanTimer();
+    ASSERT_TRUE(delegate.fTimer);
+    test::drain(queue);
+    advance(5); // ticks at 0, 2 and 4
+    EXPECT_EQ(delegate.fTimer->ticks(), 3u);
+
+    toggle(); // the first toggle finds no status and resumes a running timer
+    EXPECT_EQ(delegate.fTimerStatus, "running");
+    advance(2);
+    EXPECT_EQ(delegate.fTimer->ticks(), 4u);
+
+    toggle();
+    EXPECT_EQ(delegate.fTimerStatus, "suspended");
+    advance(10);
+    EXPECT_EQ(delegate.fTimer->ticks(), 4u);
+
+    toggle();
+    EXPECT_EQ(delegate.fTimerStatus, "running");
+    advance(0.5);
+    EXPECT_EQ(delegate.fTimer->ticks(), 5u) << "a resumed timer ticks at once";
+    delegate.fTimer->queue()->sync([&] { delegate.fTimer->suspend(); });
+    dispatch::setClock(nullptr);
 }
