@@ -109,4 +109,8 @@ void SingleInstance::Activate(const QVariantMap &platformData) {
     emit activateRequested(platformData.value(QStringLiteral("pid")).toLongLong());
 }
 
+void SingleInstance::SaveCameraSettings() {
+    emit saveCameraSettingsRequested();
+}
+
 } // namespace brix

@@ -1,6 +1,6 @@
 // SingleInstance: one station per user session. The station owns the session
 // bus name com.lumetra.BrixCanonCapture (never queued for it) and exports
-// Activate at /com/lumetra/BrixCanonCapture; a second copy finds the owner's
+// Activate and SaveCameraSettings at /com/lumetra/BrixCanonCapture; a second copy finds the owner's
 // process id and asks it to come forward. Without a session bus an exclusive
 // lock on $XDG_RUNTIME_DIR/com.lumetra.BrixCanonCapture.lock serves; the lock
 // goes with the process that held it, so a killed copy never blocks a new one.
@@ -40,10 +40,14 @@ public:
 public slots:
     // Called over the bus by a second copy.
     Q_SCRIPTABLE void Activate(const QVariantMap &platformData);
+    // Called over the bus by a kiosk script or brixctl: remember the current
+    // camera's settings, as the panel's Save Settings button does.
+    Q_SCRIPTABLE void SaveCameraSettings();
 
 signals:
     // The window raises itself; headless, the request is only logged.
     void activateRequested(qint64 requesterPid);
+    void saveCameraSettingsRequested();
 
 private:
     bool claimLockFile();

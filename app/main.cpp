@@ -22,6 +22,7 @@
 #include "Preferences.h"
 #include "Scheduling.h"
 #include "SimulatorControl.h"
+#include "SingleInstance.h"
 #include "ViewController.h"
 #include "Watchdog.h"
 #include "WindowProbe.h"
@@ -146,6 +147,9 @@ int main(int argc, char **argv) {
                      &CameraSettings::loadSettingsOnConnection);
     QObject::connect(&viewController, &ViewController::viewStarting, &cameraSettings,
                      &CameraSettings::clearOldPreferenceKey);
+    if (SingleInstance *instance = AppDelegate::singleInstance())
+        QObject::connect(instance, &SingleInstance::saveCameraSettingsRequested, &cameraSettings,
+                         &CameraSettings::ibSaveSettings);
     if (!options.exportSettings.isEmpty()) {
         cameraSettings.clearOldPreferenceKey();
         const bool exported = cameraSettings.exportSettingsToPath(options.exportSettings);

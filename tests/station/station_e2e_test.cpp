@@ -306,6 +306,17 @@ TEST_F(Station, RemembersSettingsPerModelAppliesThemOnEveryConnectionAndMovesThe
     ASSERT_TRUE(waitForCameraStatus(sibling, 3));
     ASSERT_TRUE(test::processEventsUntil([&] { return tv() == 0x70u; }, 20s))
         << log().right(3000).toStdString();
+
+    // Saved without a window, over the bus: the body's values replace the
+    // imported entry of this model whole.
+    const qsizetype shown = log().count("with value 1/60");
+    ASSERT_TRUE(sim.call("SetProperty", 0x406u, 0x68u).errorName().isEmpty());
+    ASSERT_TRUE(test::processEventsUntil([&] { return log().count("with value 1/60") > shown; }, 5s));
+    QDBusInterface station("com.lumetra.BrixCanonCapture", "/com/lumetra/BrixCanonCapture",
+                           "com.lumetra.brix.Application", QDBusConnection::sessionBus());
+    const QDBusMessage reply = station.call("SaveCameraSettings");
+    ASSERT_TRUE(reply.errorName().isEmpty()) << reply.errorMessage().toStdString();
+    ASSERT_TRUE(test::processEventsUntil([&] { return log().contains("ibSaveSettings:.....mTable["); }, 5s));
     stop();
 
     // Exported as XML: the file any reader accepts, and its intermediate beside it.
@@ -313,7 +324,7 @@ TEST_F(Station, RemembersSettingsPerModelAppliesThemOnEveryConnectionAndMovesThe
     exporter.setProcessChannelMode(QProcess::ForwardedErrorChannel);
     exporter.start(BRIX_EXECUTABLE, {"--headless", "--export-settings", home_ + "/a.xml"});
     ASSERT_TRUE(exporter.waitForFinished(30000));
-    EXPECT_EQ(exporter.exitCode(), 0);
+    EXPECT_EQ(exporter.exitCode(), 0) << log().right(2000).toStdString();
     EXPECT_TRUE(QFileInfo::exists(home_ + "/a.xml.plist"));
     QFile xml(home_ + "/a.xml");
     ASSERT_TRUE(xml.open(QIODevice::ReadOnly));
@@ -322,7 +333,10 @@ TEST_F(Station, RemembersSettingsPerModelAppliesThemOnEveryConnectionAndMovesThe
     const QVariantMap exported = PropertyList::propertyListFromData(bytes, Mutability::Immutable).toMap();
     // Merge kept the other model and replaced this one whole.
     EXPECT_EQ(exported.value("Model B"), stored.value("Model B"));
-    EXPECT_EQ(exported.value(model).toMap(), (QVariantMap{{"1030", "1/125"}, {"1026", "ISO 7"}}));
+    const QVariantMap saved = exported.value(model).toMap();
+    EXPECT_EQ(saved.value("1030").toString(), "1/60");
+    EXPECT_FALSE(saved.contains("1031") && saved.value("1031") == "+1") << "the old entry is replaced whole";
+    EXPECT_TRUE(saved.contains("1026")) << "all six pop-ups are saved";
     EXPECT_EQ(exported.value("version").toString(), "v2");
 }
 
