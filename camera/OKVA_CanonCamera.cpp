@@ -531,7 +531,20 @@ EdsError OKVA_CanonCamera::processPropertyEvent(EdsPropertyEvent event, EdsPrope
 EdsError OKVA_CanonCamera::processObjectEvent(EdsObjectEvent event, EdsBaseRef object) {
     if (event == kEdsObjectEvent_DirItemRequestTransfer) {
         logf(kLogRequestDownload, description(), static_cast<const void *>(object));
-        downloadObject(object);
+        // The event thread only hands the item over: a download waits while the
+        // shots before it are still being saved, and state and property events
+        // (an unplug among them) must keep flowing meanwhile.
+        auto item = std::make_shared<EdsDirectoryItemHandle>(EdsDirectoryItemHandle::retain(*sdk_, object));
+        downloadQueue_->async([self = shared_from_this(), item]() mutable {
+            {
+                // Termination waits for a download under way, and none starts after it.
+                CameraClassState::CallbackPass pass;
+                if (pass)
+                    self->downloadObject(item->get());
+            }
+            item.reset(); // while the camera, and so its SDK, is still held
+            letGoOffEventThread(std::move(self));
+        });
     } else {
         logf(kLogUnknownObjectEvent, event, description());
     }

@@ -10,7 +10,8 @@
 // Threads: every operation may be called from any thread. SDK events arrive on
 // the backend's event thread; property and supported-value notifications are
 // handed to the main thread and waited for, the photo-data notification is
-// posted on the event thread itself, the list, disappearance, command-error,
+// posted on the camera's own download queue (so an observer that holds it back
+// holds back only the next download, never the events), the list, disappearance, command-error,
 // added and live-view notifications go to the main thread without waiting,
 // did-load and the did-unload of unload() are posted on the caller's thread.
 // Each queued command is sent on a detached thread of its own, each list update
@@ -20,6 +21,7 @@
 // returned are copies owned by the caller; the delegate is not owned.
 #pragma once
 
+#include "Dispatch.h"
 #include "EdsRef.h"
 #include "EdsSdk.h"
 #include "ErrorValue.h"
@@ -252,6 +254,9 @@ private:
     int32_t subType_ = 0;
     NamedLock commandLock_{QStringLiteral("commandLock")};
     NamedLock queueLock_{QStringLiteral("queueLock")};
+    // Shots are downloaded here, one at a time and in the order the body asked,
+    // off the SDK's event thread; the photo-data notification is posted here.
+    dispatch::QueuePtr downloadQueue_ = dispatch::makeSerialQueue("com.lumetra.brix.camera.download");
     NamedLock liveViewLock_{QStringLiteral("liveViewLock")};
     mutable std::mutex cacheMutex_;
     QMap<QString, QVariantMap> supportedValues_;

@@ -178,9 +178,10 @@ private:
     bool progressAnimating_ = false;
     QImage displayImage_;
     std::atomic<bool> displaysImages_{false};
-    // Shots accepted but not yet saved. The camera's delivering thread waits
-    // while this is at its limit, so a burst faster than the disk stays in the
-    // camera instead of piling up in memory here.
+    // Shots accepted but not yet saved. The camera's download queue, which
+    // delivers them, waits while this is at its limit, so a burst faster than
+    // the disk stays in the camera instead of piling up in memory here; the
+    // camera's events go on meanwhile.
     std::mutex flowMutex_;
     std::condition_variable flowCv_;
     int shotsInFlight_ = 0;

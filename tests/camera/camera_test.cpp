@@ -5,6 +5,9 @@
 
 #include <QImage>
 
+#include <condition_variable>
+#include <mutex>
+
 using namespace brix;
 using namespace brix::eds;
 using namespace brix::test;
@@ -411,7 +414,7 @@ TEST_F(Commands, LensDriveAndZoomTakeOnlyTheirValues) {
 
 using Download = CameraFixture;
 
-TEST_F(Download, AShotArrivesOnTheEventThreadAfterProgressOnTheMainThread) {
+TEST_F(Download, AShotArrivesOffTheMainThreadAfterProgressOnTheMainThread) {
     CameraPtr camera = loadFirstCamera();
     ASSERT_TRUE(camera);
     TestDelegate delegate;
@@ -442,6 +445,37 @@ TEST_F(Download, AShotArrivesOnTheEventThreadAfterProgressOnTheMainThread) {
     EXPECT_EQ(previous, 100u);
     EXPECT_EQ(delegate.asked.load(), int(progress.size()));
     camera->setDelegate(nullptr);
+}
+
+TEST_F(Download, AShotWhoseSaveStallsHoldsBackNoCameraEvents) {
+    CameraPtr camera = loadFirstCamera();
+    ASSERT_TRUE(camera);
+    // A save folder that does not answer: the shot's observer waits until released.
+    std::mutex m;
+    std::condition_variable cv;
+    bool release = false, stalled = false;
+    auto token = NotificationCenter::defaultCenter().addObserver(kOKVA_CanonCameraPhotoDataAvailable, {},
+                                                                 [&](const Notification &) {
+                                                                     std::unique_lock lk(m);
+                                                                     stalled = true;
+                                                                     cv.wait(lk, [&] { return release; });
+                                                                 });
+    ASSERT_TRUE(control->pressShutter());
+    ASSERT_TRUE(waitFor([&] {
+        std::lock_guard lk(m);
+        return stalled;
+    }));
+    // Property changes and the unplug still reach the station meanwhile.
+    ASSERT_EQ(control->setProperty(kEdsPropID_Av, 0x38), EDS_ERR_OK);
+    control->unplug();
+    const bool delivered = waitFor([&] { return count(kOKVA_CanonCameraDidUnload) == 1; });
+    {
+        std::lock_guard lk(m);
+        release = true;
+    }
+    cv.notify_all();
+    NotificationCenter::defaultCenter().removeObserver(token);
+    EXPECT_TRUE(delivered) << "the unplug waited for the stalled save";
 }
 
 TEST_F(Download, ACancelledOrFailedTransferPostsNothingAndTheNextShotArrives) {
