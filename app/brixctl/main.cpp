@@ -13,6 +13,7 @@
 #include "Preferences.h"
 #include "SignalWatcher.h"
 #include "SimulatorControl.h"
+#include "SingleInstance.h"
 #include "ViewController.h"
 
 #include <QCoreApplication>
@@ -57,6 +58,7 @@ Commands:
   status             print whether the station has a camera, and its name
   watch              print every announcement, one JSON object a line, until interrupted
   images [--send]    list the JPEG files in the save folder (--send: hand them to the previewer)
+  save-settings      remember the connected body's settings, as the panel's Save Settings does
   sim COMMAND ...    work the simulated camera (brixctl sim --help)
 
 Options:
@@ -102,6 +104,17 @@ hot-folder send does.
 
 Exit codes: 0 done (also for an empty folder); 1 the save folder cannot be read;
 3 --send without a session bus.
+)"},
+    {"save-settings", R"(Usage: brixctl [--timeout SECONDS] save-settings
+
+Asks the running station to remember the connected body's six settings for its
+model (image quality, white balance, aperture, shutter speed, exposure
+compensation, ISO); the station puts them back on every later connection.
+Export and import them with the station's --export-settings and
+--import-settings options.
+
+Exit codes: 0 the station took the request; 3 no session bus;
+4 no station answered within the timeout.
 )"},
     {"sim", R"(Usage: brixctl sim COMMAND [ARGUMENTS]
 
@@ -363,6 +376,16 @@ public:
         return kExitOk;
     }
 
+    int saveSettings() {
+        QDBusMessage call = QDBusMessage::createMethodCall(
+            QLatin1String(bundle::kIdentifier), QLatin1String(SingleInstance::kObjectPath),
+            QLatin1String(SingleInstance::kInterface), QStringLiteral("SaveCameraSettings"));
+        const QDBusMessage reply = bus_.call(call, QDBus::Block, int(options_.timeout * 1000));
+        if (reply.type() == QDBusMessage::ErrorMessage)
+            return noStation();
+        return kExitOk;
+    }
+
     int noBus() const {
         return fail(kExitNoBus,
                     QStringLiteral("no D-Bus session bus (DBUS_SESSION_BUS_ADDRESS is unset or its bus "
@@ -481,5 +504,7 @@ int main(int argc, char **argv) {
         return client.shoot();
     if (command == "status")
         return client.status();
+    if (command == "save-settings")
+        return client.saveSettings();
     return client.watch();
 }

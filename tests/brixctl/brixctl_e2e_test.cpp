@@ -107,6 +107,11 @@ TEST_F(Brixctl, ShootAndStatusWithAndWithoutACameraAsTheOperatorSeesThem) {
     Result status = brixctl({"status"});
     EXPECT_EQ(status.code, 0) << status.err.toStdString();
     EXPECT_EQ(status.out, "connected: Canon EOS 5D Mark IV\n");
+    EXPECT_EQ(brixctl({"save-settings"}).code, 0);
+    EXPECT_TRUE(test::processEventsUntil([] {
+        QFile log(test::testHome() + "/.local/state/Logs/Brix/BrixCanonCapture.log");
+        return log.open(QIODevice::ReadOnly) && log.readAll().contains("ibSaveSettings:.....mTable[");
+    })) << "the station remembered the body's settings";
 
     ASSERT_EQ(brixctl({"sim", "unplug"}).code, 0);
     ASSERT_TRUE(stationPrinted("camera lost: Canon EOS 5D Mark IV\n")) << stationOutput().toStdString();
