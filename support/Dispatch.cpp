@@ -325,15 +325,15 @@ public:
             std::fprintf(stderr, "dispatch: main queue used before the application object exists; task dropped\n");
             return;
         }
-        bool wake;
-        {
-            std::lock_guard lk(m_);
-            tasks_.push_back(std::move(task));
-            wake = !wakeScheduled_;
+        // The wake-up is posted under the lock that drain() takes first: Qt
+        // frees its event after drain() returns, and only this lock tells
+        // ThreadSanitizer that the event was made before it is freed.
+        std::lock_guard lk(m_);
+        tasks_.push_back(std::move(task));
+        if (!wakeScheduled_) {
             wakeScheduled_ = true;
-        }
-        if (wake)
             QMetaObject::invokeMethod(waker(app), "drainMainQueue", Qt::QueuedConnection);
+        }
     }
 
     void sync(Task task) override {
