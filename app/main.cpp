@@ -137,6 +137,10 @@ int main(int argc, char **argv) {
     viewController.setCameraControls(&panel);
     viewController.setTabIdentifiers(CameraPanelModel::tabIdentifiers());
     viewController.setCameraStarter([&sdk] { return sdk && OKVA_CanonCamera::initialize(sdk); });
+    // Connected before the camera class connects its own end: whatever start
+    // is still queued when the loop ends finds the view controller quitting.
+    QObject::connect(app.get(), &QCoreApplication::aboutToQuit, &viewController,
+                     [&viewController] { viewController.applicationWillTerminate(); });
     QObject::connect(&viewController, &ViewController::terminateRequested, app.get(),
                      [] { QCoreApplication::exit(0); });
 

@@ -118,6 +118,9 @@ public:
     void setTabIdentifiers(const QStringList &identifiers) { tabIdentifiers_ = identifiers; }
     QString selectedTabIdentifier() const { return selectedTab_; }
     bool cameraObjectExists() const { return cameraStarted_; }
+    // The application's loop has ended: a start still queued (the start-up
+    // sequence runs a little after launch) must not open a camera any more.
+    void applicationWillTerminate() { quitting_ = true; }
 
     // --- wallpaper ---
     static constexpr const char *kWallpaperPath = "/Users/Shared/BrixCanonCapture/Wallpaper.jpg";
@@ -193,6 +196,7 @@ private:
     CameraControls *controls_ = nullptr;
     std::function<bool()> cameraStarter_;
     bool cameraStarted_ = false;
+    bool quitting_ = false;
     std::function<Qt::KeyboardModifiers()> modifiers_;
     std::function<bool(const QUrl &)> openUrl_;
     std::function<bool(const QString &)> revealFile_;

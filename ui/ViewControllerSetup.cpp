@@ -154,6 +154,11 @@ void ViewController::ibStartCameraButton() {
                                  .arg(objectDescription(), QLatin1String("ibStartCameraButton:")));
             return;
         }
+        if (quitting_) {
+            Logger::setError(QStringLiteral("%1-%2.....the station is quitting; no camera is started")
+                                 .arg(objectDescription(), QLatin1String("ibStartCameraButton:")));
+            return;
+        }
         cameraStarted_ = cameraStarter_ && cameraStarter_();
         if (cameraStarted_)
             setupNotifications();

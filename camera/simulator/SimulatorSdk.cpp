@@ -571,16 +571,22 @@ EdsError SimulatorSdk::EdsInitializeSDK() {
 }
 
 EdsError SimulatorSdk::EdsTerminateSDK() {
-    Lock lock(mutex_);
-    if (EdsError e = takeInjection("EdsTerminateSDK"))
-        return e;
-    initialized_ = false;
-    addedHandler_ = nullptr;
-    addedContext_ = nullptr;
-    for (Camera *c : attached_) {
-        c->session = false;
-        c->uiLocks = 0;
+    {
+        Lock lock(mutex_);
+        if (EdsError e = takeInjection("EdsTerminateSDK"))
+            return e;
+        initialized_ = false;
+        addedHandler_ = nullptr;
+        addedContext_ = nullptr;
+        for (Camera *c : attached_) {
+            c->session = false;
+            c->uiLocks = 0;
+        }
     }
+    // Like the real library, no work of the body goes on past the end: a shot
+    // still being rendered on the event queue would otherwise use the image
+    // codecs while the application is torn down around it.
+    dispatch::drainPumpingMainLoop(events_);
     return EDS_ERR_OK;
 }
 
@@ -1051,6 +1057,13 @@ void SimulatorSdk::shootLocked(Camera *camera) {
 void SimulatorSdk::deliverShot(Camera *camera, unsigned shotNumber, unsigned fileNumber,
                                std::string extension, uint64_t bytes, std::string model,
                                int64_t clockOffsetMs) {
+    {
+        Lock lock(mutex_);
+        if (closing_ || !initialized_) {
+            releaseLocked(camera, true);
+            return;
+        }
+    }
     const QDateTime when = cameraNow(clockOffsetMs);
     const QString fileName = QStringLiteral("IMG_%1.%2")
                                  .arg(fileNumber, 4, 10, QLatin1Char('0'))

@@ -1,3 +1,4 @@
+#include "CameraPanelModel.h"
 #include "OKVA_CanonCamera.h"
 #include "Preferences.h"
 #include "TestSupport.h"
@@ -20,14 +21,17 @@ Notification shot(const QByteArray &bytes, const QString &cameraName) {
                         {}};
 }
 
-QByteArray jpegLike() { return QByteArray("\xFF\xD8 pretend image \xFF\xD9", 19); }
+QByteArray jpegLike() {
+    return QByteArray("\xFF\xD8 pretend image \xFF\xD9", 19);
+}
 
 class ViewControllerTest : public ::testing::Test {
 protected:
     void SetUp() override {
         Preferences::standard().removeObjectForKey(ViewController::kPrefSaveFolderPath);
-        QObject::connect(&vc, &ViewController::photoSaved, &vc, [this](const QString &p) { saved << p; },
-                         Qt::DirectConnection);
+        QObject::connect(
+            &vc, &ViewController::photoSaved, &vc, [this](const QString &p) { saved << p; },
+            Qt::DirectConnection);
     }
     void finish() {
         test::drain(ViewController::metadataQueue());
@@ -48,7 +52,8 @@ TEST_F(ViewControllerTest, FirstStartCreatesTheDefaultFolderUnderHomeAndStoresIt
 }
 
 TEST_F(ViewControllerTest, StoredFolderIsTrimmedExpandedCreatedAndStoredBack) {
-    Preferences::standard().setObject(QString("  ~/Event//Shots/./day1/..\n"), ViewController::kPrefSaveFolderPath);
+    Preferences::standard().setObject(QString("  ~/Event//Shots/./day1/..\n"),
+                                      ViewController::kPrefSaveFolderPath);
     vc.createSavePhotosFolder();
     finish();
     EXPECT_EQ(vc.getPathToSavePhotos(), test::testHome() + "/Event/Shots");
@@ -99,7 +104,8 @@ TEST_F(ViewControllerTest, TwoShotsInOneMillisecondLeaveOneFileTheLaterWins) {
 }
 
 TEST_F(ViewControllerTest, FailedWriteAnnouncesNothingButBothCountersGrew) {
-    Preferences::standard().setObject(test::testHome() + "/no/such/folder", ViewController::kPrefSaveFolderPath);
+    Preferences::standard().setObject(test::testHome() + "/no/such/folder",
+                                      ViewController::kPrefSaveFolderPath);
     vc.newPhoto(shot(jpegLike(), "IMG_0005.JPG"));
     finish();
     EXPECT_TRUE(saved.isEmpty());
@@ -108,7 +114,8 @@ TEST_F(ViewControllerTest, FailedWriteAnnouncesNothingButBothCountersGrew) {
 }
 
 TEST_F(ViewControllerTest, ProgressShowsThenClears) {
-    vc.downloadProgress(Notification{kOKVA_CanonCameraDownloadProgress, {}, {{kOKVA_CanonCameraDownloadProgressPercent, 42u}}, {}});
+    vc.downloadProgress(Notification{
+        kOKVA_CanonCameraDownloadProgress, {}, {{kOKVA_CanonCameraDownloadProgressPercent, 42u}}, {}});
     ASSERT_TRUE(test::processEventsUntil([&] { return vc.progressVisible(); }));
     EXPECT_EQ(vc.progressValue(), 42.0);
     vc.clearProgressIndicator();
@@ -128,7 +135,23 @@ TEST_F(ViewControllerTest, StatusTextFollowsStatusMessagesAndIgnoresFileAnnounce
     ASSERT_TRUE(test::processEventsUntil([&] { return !vc.fCameraOnline(); }));
     EXPECT_EQ(Preferences::standard().stringForKey(key), "Canon EOS R5 - DISCONNECTED");
     vc.cameraStatusChanged({"brixXNotification", "", {{"cameraStatus", false}}});
-    ASSERT_TRUE(test::processEventsUntil([&] { return Preferences::standard().stringForKey(key) == "< NO Camera Found >"; }));
+    ASSERT_TRUE(test::processEventsUntil(
+        [&] { return Preferences::standard().stringForKey(key) == "< NO Camera Found >"; }));
     vc.cameraDisappeared(Notification{kOKVA_CanonCameraDidUnload, {}, {}, {}});
-    ASSERT_TRUE(test::processEventsUntil([&] { return Preferences::standard().stringForKey(key) == "< NO Canon Camera Found >"; }));
+    ASSERT_TRUE(test::processEventsUntil(
+        [&] { return Preferences::standard().stringForKey(key) == "< NO Canon Camera Found >"; }));
+}
+
+// The start-up sequence opens the camera a little after launch; a station told
+// to quit before then must not open one while it is being torn down.
+TEST_F(ViewControllerTest, AStartStillQueuedWhenTheLoopEndsOpensNoCamera) {
+    CameraPanelModel panel;
+    vc.setCameraControls(&panel);
+    int starts = 0;
+    vc.setCameraStarter([&starts] { return ++starts > 0; });
+    vc.ibStartCameraButton();
+    vc.applicationWillTerminate();
+    test::processEventsUntil([] { return false; }, std::chrono::milliseconds(50));
+    EXPECT_EQ(starts, 0);
+    EXPECT_FALSE(vc.cameraObjectExists());
 }
