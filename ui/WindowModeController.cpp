@@ -332,7 +332,9 @@ void WindowModeController::windowDidMove() {
 }
 
 void WindowModeController::windowDidMoveForMiniSize3() {
-    if (host_ && mode_ == Mode::Icon)
+    // Where the compositor places windows, the client never learns a real
+    // position: nothing worth keeping.
+    if (host_ && mode_ == Mode::Icon && host_->canPlaceItself())
         saveMiniSize3Position(storedOriginForFrame(host_->frame()));
 }
 

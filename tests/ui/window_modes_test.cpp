@@ -127,6 +127,10 @@ TEST(WindowModes, MiniSizeIconWithStatusDotDragAndDoubleClickBackToFullSize) {
     EXPECT_TRUE(station.waitForGeometry(QRect(full.x(), full.bottom() + 1 - 60, 420, 60)))
         << station.call("Geometry").toString().toStdString();
 
+    // Without a modifier key the disclosure button leaves the window small.
+    ASSERT_TRUE(station.call("ClickButton", {QString("ibDisclosureButton")}).toBool());
+    EXPECT_EQ(station.call("Mode").toString(), "mini");
+
     ASSERT_TRUE(station.call("Choose", {1}).toBool());
     station.call("Collapse");
     ASSERT_EQ(station.call("Mode").toString(), "icon");
@@ -155,7 +159,7 @@ TEST(WindowModes, MiniSizeIconWithStatusDotDragAndDoubleClickBackToFullSize) {
         ASSERT_TRUE(station.call("DoubleClickIcon").toBool());
         ASSERT_EQ(station.call("Mode").toString(), "full");
         EXPECT_TRUE(station.waitForGeometry(full)) << station.call("Geometry").toString().toStdString();
-        EXPECT_EQ(station.call("Limits").toString(), fullLimits);
+        EXPECT_EQ(station.call("Limits").toString().toStdString(), fullLimits.toStdString());
         station.call("Collapse");
         EXPECT_TRUE(station.waitForGeometry(moved)) << station.call("Geometry").toString().toStdString();
         station.call("Choose", {0});
