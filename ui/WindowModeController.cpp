@@ -206,8 +206,6 @@ void WindowModeController::ibDisclosureButton(std::optional<bool> senderState, Q
         return;
     }
     setDisclosureState(false);
-    if (host_)
-        host_->setResizable(false);
     applyMiniSize();
     if (host_)
         host_->resignMain();
@@ -246,6 +244,9 @@ void WindowModeController::applyFullSize() {
         setMode(Mode::FullSize);
         return;
     }
+    // Already full: the operator's own frame stays.
+    if (mode_ == Mode::FullSize)
+        return;
     unregisterMiniSize3MoveObserverIfNeeded();
     host_->showContent(Mode::FullSize);
     if (fHasSavedMinMaxSize_)
@@ -300,6 +301,8 @@ void WindowModeController::applyMiniSize() {
         if (fHasSavedWindowMovable_)
             host_->setMovableByBackground(fSavedWindowMovable_);
         host_->setWindowButtonsShown(true);
+        // The strip's size is fixed by its entry.
+        host_->setResizable(false);
         size = QSize(points(getMiniWidth()), points(kMiniHeightBase - getMiniVerticalOffset()));
         host_->setSizeLimits(size, size);
         host_->showContent(Mode::MiniSize);
@@ -352,10 +355,7 @@ void WindowModeController::windowDidBecomeKey() {
         if (self)
             self->myresignMainWindow();
     };
-    if (scheduler_)
-        scheduler_(kResignMainDelaySeconds, resign);
-    else
-        Scheduling::afterDelayOnMainQueuePerformBlock(kResignMainDelaySeconds, resign);
+    Scheduling::afterDelayOnMainQueuePerformBlock(kResignMainDelaySeconds, resign);
 }
 
 void WindowModeController::myresignMainWindow() {

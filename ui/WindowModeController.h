@@ -23,7 +23,6 @@
 #include <QVariantList>
 #include <QVariantMap>
 
-#include <functional>
 #include <optional>
 
 namespace brix {
@@ -108,10 +107,6 @@ public:
     ~WindowModeController() override;
 
     void setHost(Host *host) { host_ = host; }
-    // Runs `block` on the main queue after `seconds` (Scheduling unless set).
-    void setScheduler(std::function<void(double, std::function<void()>)> scheduler) {
-        scheduler_ = std::move(scheduler);
-    }
 
     // --- the list ---
     // The list as loaded by setupFMiniSizeStuff (the array controller's content).
@@ -189,7 +184,6 @@ private:
 
     Preferences &prefs_;
     Host *host_ = nullptr;
-    std::function<void(double, std::function<void()>)> scheduler_;
     QVariantList miniSizes_;
     int selectedRow_ = -1;
     Mode mode_ = Mode::FullSize;
