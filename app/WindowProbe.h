@@ -18,6 +18,7 @@ namespace brix {
 class CameraPanelModel;
 class MainWindow;
 class ViewController;
+class WindowModeController;
 
 class WindowProbe : public QObject {
     Q_OBJECT
@@ -27,7 +28,8 @@ public:
     static constexpr const char *kPath = "/com/lumetra/brix/WindowProbe";
 
     static std::unique_ptr<WindowProbe> exportIfRequested(MainWindow &window, CameraPanelModel &panel,
-                                                          ViewController &viewController);
+                                                          ViewController &viewController,
+                                                          WindowModeController &modes);
     ~WindowProbe() override;
 
 public slots:
@@ -47,11 +49,30 @@ public slots:
     void Close();
     bool ClickButton(const QString &objectName);
 
+    // Window modes. "full", "mini" or "icon".
+    QString Mode() const;
+    // The window's frame on the screen: "x y width height".
+    QString Geometry() const;
+    // "minwidth minheight maxwidth maxheight".
+    QString Limits() const;
+    // The operator picks that row of the mini size list.
+    bool Choose(int row);
+    // Into the chosen small size, as at start-up.
+    void Collapse();
+    // The disclosure button clicked with Control held.
+    void ExpandToFullSize();
+    // A left-button drag over the icon by (dx, dy) screen points, in steps,
+    // with Control held or not. False when the icon is not shown.
+    bool DragIcon(int dx, int dy, bool control);
+    bool DoubleClickIcon();
+
 private:
-    WindowProbe(MainWindow &window, CameraPanelModel &panel, ViewController &viewController);
+    WindowProbe(MainWindow &window, CameraPanelModel &panel, ViewController &viewController,
+                WindowModeController &modes);
     MainWindow &window_;
     CameraPanelModel &panel_;
     ViewController &vc_;
+    WindowModeController &modes_;
 };
 
 } // namespace brix

@@ -25,6 +25,7 @@
 #include "SingleInstance.h"
 #include "ViewController.h"
 #include "Watchdog.h"
+#include "WindowModeController.h"
 #include "WindowProbe.h"
 #include <QFormLayout>
 
@@ -173,6 +174,7 @@ int main(int argc, char **argv) {
     LiveViewController liveView;
     liveView.setCameraProvider([&delegate] { return delegate.currentCamera(); });
     HistogramController histogram;
+    WindowModeController windowModes(Preferences::standard());
     std::unique_ptr<MainWindow> window;
     std::unique_ptr<WindowProbe> probe;
     if (!options.headless) {
@@ -198,8 +200,19 @@ int main(int argc, char **argv) {
         if (auto *panelView = window->findChild<CameraPanelView *>())
             if (auto *form = qobject_cast<QFormLayout *>(panelView->layout()))
                 form->addRow(new CameraSettingsView(cameraSettings, panelView));
+        window->setWindowModes(windowModes);
+        // Start-up puts the window into its mini size, then loads the size list.
+        QObject::connect(&viewController, &ViewController::windowSizeSetupRequested, &windowModes,
+                         [&windowModes] {
+                             windowModes.ibDisclosureButton(std::nullopt, Qt::NoModifier);
+                             windowModes.setupFMiniSizeStuff();
+                         });
+        QObject::connect(&viewController, &ViewController::showFullSizeRequested, &windowModes,
+                         &WindowModeController::expandToFullSize);
+        QObject::connect(&windowModes, &WindowModeController::initialTabRequested, &viewController,
+                         &ViewController::selectIntialTabviewItem);
         window->show();
-        probe = WindowProbe::exportIfRequested(*window, panel, viewController);
+        probe = WindowProbe::exportIfRequested(*window, panel, viewController, windowModes);
     }
     delegate.applicationDidFinishLaunching();
     viewController.viewDidLoad();

@@ -46,6 +46,8 @@ constexpr const char kLogCatchUp[] = "catching up on missed update";
 constexpr const char kClassName[] = "OKVA_CanonCamera";
 constexpr const char kQuitNotificationName[] = "QCoreApplication::aboutToQuit";
 constexpr double kListLockSeconds = 60.0;
+// Longer than one live-view pass (a frame download and its decoding).
+constexpr double kLiveViewStopSeconds = 3.0;
 
 // The context handed to the camera-added handler: the class itself.
 char gClassContext;
@@ -125,6 +127,13 @@ void OKVA_CanonCamera::applicationWillTerminate(const QString &notification) {
     // From here on no SDK event reaches the application, and the ones under
     // way (a download, say) finish before the application goes on quitting.
     st.callbacks.closeAndWait();
+    // A live-view loop still turning would decode its next frame while the
+    // application is torn down around it: it is stopped and waited for first.
+    if (CameraPtr camera = st.currentCamera()) {
+        camera->liveViewRunning_ = false;
+        if (camera->liveViewLock_.lockBeforeSeconds(kLiveViewStopSeconds))
+            camera->liveViewLock_.unlock();
+    }
     std::shared_ptr<EdsSdk> sdk;
     {
         std::lock_guard lk(st.sdkMutex);

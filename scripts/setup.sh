@@ -5,7 +5,7 @@ set -euo pipefail
 
 packages=(
   build-essential cmake ninja-build pkg-config git clang-format
-  qt6-base-dev qt6-base-dev-tools libqt6dbus6 libqt6test6 libgl-dev
+  qt6-base-dev qt6-base-dev-tools libqt6dbus6 libqt6test6 libqt6svg6 libgl-dev
   libicu-dev libplist-dev libexiv2-dev libgphoto2-dev libusb-1.0-0-dev libcanberra-dev libudev-dev
   libgphoto2-l10n locales
   dbus dbus-x11 libglib2.0-bin xvfb xauth procps

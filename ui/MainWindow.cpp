@@ -27,6 +27,7 @@
 #include <QProgressBar>
 #include <QPushButton>
 #include <QSplitter>
+#include <QStackedWidget>
 #include <QTabWidget>
 #include <QVBoxLayout>
 
@@ -63,7 +64,8 @@ MainWindow::MainWindow(ViewController &viewController, CameraPanelModel &panel, 
     auto *layout = new QVBoxLayout(central);
 
     // The camera line: what the station knows about the camera, at a glance.
-    auto *statusRow = new QHBoxLayout;
+    statusRow_ = new QHBoxLayout;
+    auto *statusRow = statusRow_;
     onlineDot_ = named(new QLabel(central), "cameraonline", QStringLiteral("Camera online"));
     onlineDot_->setFixedSize(14, 14);
     status_ = named(new QLabel(central), "camerastatus", QStringLiteral("Camera status"));
@@ -85,7 +87,7 @@ MainWindow::MainWindow(ViewController &viewController, CameraPanelModel &panel, 
     connect(&vc_, &ViewController::fCameraOnlineChanged, this, showOnline);
     showOnline();
 
-    auto *split =
+    auto *split = split_ =
         named(new QSplitter(Qt::Horizontal, central), "mainsplit", QStringLiteral("Main view panes"));
     tabs_ = named(new QTabWidget(split), "ibTabView", QStringLiteral("Tabs"));
     tabs_->addTab(buildPanelTab(), QStringLiteral("Camera"));
@@ -112,7 +114,9 @@ MainWindow::MainWindow(ViewController &viewController, CameraPanelModel &panel, 
     });
 
     // Download progress and the counters.
-    auto *bottom = new QHBoxLayout;
+    bottomBar_ = named(new QWidget(central), "bottombar", QStringLiteral("Download progress and counters"));
+    auto *bottom = new QHBoxLayout(bottomBar_);
+    bottom->setContentsMargins(0, 0, 0, 0);
     progress_ = named(new QProgressBar(central), "progress", QStringLiteral("Download progress"));
     progress_->setRange(0, 100);
     downloadCount_ = named(new QLabel(central), "downloadcount", QStringLiteral("Shots downloaded"));
@@ -120,7 +124,7 @@ MainWindow::MainWindow(ViewController &viewController, CameraPanelModel &panel, 
     bottom->addWidget(progress_, 1);
     bottom->addWidget(downloadCount_);
     bottom->addWidget(savedCount_);
-    layout->addLayout(bottom);
+    layout->addWidget(bottomBar_);
     auto showProgress = [this] {
         progress_->setValue(int(vc_.progressValue()));
         // Hidden without giving up its place, so the window does not jump.
@@ -139,7 +143,10 @@ MainWindow::MainWindow(ViewController &viewController, CameraPanelModel &panel, 
     connect(&vc_, &ViewController::fSavedCountChanged, this, showCounts);
     showCounts();
 
-    setCentralWidget(central);
+    // The icon mode's view joins the stack when first needed.
+    stack_ = named(new QStackedWidget(this), "contentstack", QStringLiteral("Window content"));
+    stack_->addWidget(central);
+    setCentralWidget(stack_);
 
     QMenu *file = menuBar()->addMenu(QStringLiteral("&File"));
     QAction *openSave = file->addAction(QStringLiteral("Open Save Folder"));
@@ -158,6 +165,8 @@ MainWindow::MainWindow(ViewController &viewController, CameraPanelModel &panel, 
 }
 
 MainWindow::~MainWindow() {
+    if (modes_)
+        modes_->setHost(nullptr);
     Logger::setError(QStringLiteral("Inside %1 => %2...").arg(objectDescription(), QLatin1String("dealloc")));
     for (auto token : tokens_)
         NotificationCenter::defaultCenter().removeObserver(token);

@@ -10,12 +10,19 @@
 #pragma once
 
 #include "NotificationCenter.h"
+#include "WindowModeController.h"
 
 #include <QMainWindow>
 
+#include <memory>
 #include <vector>
 
+class QComboBox;
 class QDialog;
+class QHBoxLayout;
+class QSplitter;
+class QStackedWidget;
+class QToolButton;
 class QLabel;
 class QProgressBar;
 class QPushButton;
@@ -28,6 +35,7 @@ class CameraPanelView;
 class HistogramController;
 class ImageView;
 class LiveViewController;
+class MiniSize3IconView;
 class ViewController;
 
 class MainWindow : public QMainWindow {
@@ -51,6 +59,11 @@ public:
     void ibConfirmQuit();
 
     QTabWidget *ibTabView() const { return tabs_; }
+    // Lets `modes` size and place this window (full size, mini sizes, icon)
+    // and adds the disclosure button and the mini size list. `modes` outlives
+    // the window.
+    void setWindowModes(WindowModeController &modes);
+    MiniSize3IconView *iconView() const { return fMiniSize3IconView_; }
     CameraPanelView *panelView() const { return panelView_; }
 
 signals:
@@ -67,6 +80,9 @@ protected:
     // Sees the application's quit request (a signal asking the station to
     // end): the window then lets itself be closed without the sheet.
     bool eventFilter(QObject *watched, QEvent *event) override;
+    void moveEvent(QMoveEvent *event) override;
+    void changeEvent(QEvent *event) override;
+    void mousePressEvent(QMouseEvent *event) override;
 
 private:
     QWidget *buildPanelTab();
@@ -74,6 +90,10 @@ private:
     QWidget *buildMorePrefsTab();
     QWidget *buildShotColumn();
     QString objectDescription() const;
+    class ModeHost;
+    friend class ModeHost;
+    void ensureMiniSize3IconViewInContent();
+    void applyWindowFlags();
 
     ViewController &vc_;
     CameraPanelModel &panel_;
@@ -91,6 +111,22 @@ private:
     QLabel *downloadCount_ = nullptr;
     QLabel *savedCount_ = nullptr;
     std::vector<NotificationCenter::Token> tokens_;
+    // Window modes.
+    QHBoxLayout *statusRow_ = nullptr;
+    QSplitter *split_ = nullptr;
+    QWidget *bottomBar_ = nullptr;
+    QStackedWidget *stack_ = nullptr;
+    QToolButton *disclosure_ = nullptr;
+    QComboBox *miniSizes_ = nullptr;
+    MiniSize3IconView *fMiniSize3IconView_ = nullptr;
+    WindowModeController *modes_ = nullptr;
+    std::unique_ptr<WindowModeController::Host> modeHost_;
+    bool fCameraOnlineKVORegistered_ = false;
+    bool movableByBackground_ = true;
+    bool titleShown_ = true;
+    bool resizable_ = true;
+    bool windowButtonsShown_ = true;
+    int shownMode_ = 0;
     bool applicationQuitting_ = false;
 };
 
