@@ -20,14 +20,17 @@ Notification shot(const QByteArray &bytes, const QString &cameraName) {
                         {}};
 }
 
-QByteArray jpegLike() { return QByteArray("\xFF\xD8 pretend image \xFF\xD9", 19); }
+QByteArray jpegLike() {
+    return QByteArray("\xFF\xD8 pretend image \xFF\xD9", 19);
+}
 
 class ViewControllerTest : public ::testing::Test {
 protected:
     void SetUp() override {
         Preferences::standard().removeObjectForKey(ViewController::kPrefSaveFolderPath);
-        QObject::connect(&vc, &ViewController::photoSaved, &vc, [this](const QString &p) { saved << p; },
-                         Qt::DirectConnection);
+        QObject::connect(
+            &vc, &ViewController::photoSaved, &vc, [this](const QString &p) { saved << p; },
+            Qt::DirectConnection);
     }
     void finish() {
         test::drain(ViewController::metadataQueue());
@@ -48,7 +51,8 @@ TEST_F(ViewControllerTest, FirstStartCreatesTheDefaultFolderUnderHomeAndStoresIt
 }
 
 TEST_F(ViewControllerTest, StoredFolderIsTrimmedExpandedCreatedAndStoredBack) {
-    Preferences::standard().setObject(QString("  ~/Event//Shots/./day1/..\n"), ViewController::kPrefSaveFolderPath);
+    Preferences::standard().setObject(QString("  ~/Event//Shots/./day1/..\n"),
+                                      ViewController::kPrefSaveFolderPath);
     vc.createSavePhotosFolder();
     finish();
     EXPECT_EQ(vc.getPathToSavePhotos(), test::testHome() + "/Event/Shots");
@@ -99,7 +103,8 @@ TEST_F(ViewControllerTest, TwoShotsInOneMillisecondLeaveOneFileTheLaterWins) {
 }
 
 TEST_F(ViewControllerTest, FailedWriteAnnouncesNothingButBothCountersGrew) {
-    Preferences::standard().setObject(test::testHome() + "/no/such/folder", ViewController::kPrefSaveFolderPath);
+    Preferences::standard().setObject(test::testHome() + "/no/such/folder",
+                                      ViewController::kPrefSaveFolderPath);
     vc.newPhoto(shot(jpegLike(), "IMG_0005.JPG"));
     finish();
     EXPECT_TRUE(saved.isEmpty());
@@ -107,8 +112,22 @@ TEST_F(ViewControllerTest, FailedWriteAnnouncesNothingButBothCountersGrew) {
     EXPECT_EQ(vc.fSavedCount(), 1);
 }
 
+TEST_F(ViewControllerTest, AShotThatCannotTakeItsNameLeavesNoTemporaryFileBehind) {
+    vc.createSavePhotosFolder();
+    finish();
+    vc.setClock([] { return QDateTime(QDate(2025, 6, 1), QTime(10, 0, 0, 7)); });
+    const QString folder = vc.getPathToSavePhotos();
+    ASSERT_TRUE(QDir().mkpath(folder + "/20250601100000007.jpg/taken")); // the rename onto it fails
+    vc.newPhoto(shot(jpegLike(), "IMG_0006.JPG"));
+    finish();
+    EXPECT_TRUE(saved.isEmpty());
+    EXPECT_EQ(QDir(folder).entryList(QDir::AllEntries | QDir::Hidden | QDir::NoDotAndDotDot),
+              QStringList{"20250601100000007.jpg"});
+}
+
 TEST_F(ViewControllerTest, ProgressShowsThenClears) {
-    vc.downloadProgress(Notification{kOKVA_CanonCameraDownloadProgress, {}, {{kOKVA_CanonCameraDownloadProgressPercent, 42u}}, {}});
+    vc.downloadProgress(Notification{
+        kOKVA_CanonCameraDownloadProgress, {}, {{kOKVA_CanonCameraDownloadProgressPercent, 42u}}, {}});
     ASSERT_TRUE(test::processEventsUntil([&] { return vc.progressVisible(); }));
     EXPECT_EQ(vc.progressValue(), 42.0);
     vc.clearProgressIndicator();
@@ -128,7 +147,9 @@ TEST_F(ViewControllerTest, StatusTextFollowsStatusMessagesAndIgnoresFileAnnounce
     ASSERT_TRUE(test::processEventsUntil([&] { return !vc.fCameraOnline(); }));
     EXPECT_EQ(Preferences::standard().stringForKey(key), "Canon EOS R5 - DISCONNECTED");
     vc.cameraStatusChanged({"brixXNotification", "", {{"cameraStatus", false}}});
-    ASSERT_TRUE(test::processEventsUntil([&] { return Preferences::standard().stringForKey(key) == "< NO Camera Found >"; }));
+    ASSERT_TRUE(test::processEventsUntil(
+        [&] { return Preferences::standard().stringForKey(key) == "< NO Camera Found >"; }));
     vc.cameraDisappeared(Notification{kOKVA_CanonCameraDidUnload, {}, {}, {}});
-    ASSERT_TRUE(test::processEventsUntil([&] { return Preferences::standard().stringForKey(key) == "< NO Canon Camera Found >"; }));
+    ASSERT_TRUE(test::processEventsUntil(
+        [&] { return Preferences::standard().stringForKey(key) == "< NO Canon Camera Found >"; }));
 }
