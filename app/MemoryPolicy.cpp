@@ -11,6 +11,11 @@ void keepShotBuffersInTheHeap() {
     // stay in the heap, and the heap is not trimmed between shots.
     mallopt(M_MMAP_THRESHOLD, 32 * 1024 * 1024);
     mallopt(M_TRIM_THRESHOLD, 256 * 1024 * 1024);
+    // One heap for all threads: a shot is allocated on the camera's queue and
+    // freed on the saving one, and in a thread's own heap a buffer that size
+    // sits alone in a segment that is unmapped when it is freed, whatever the
+    // trim threshold, so every shot would be mapped afresh again.
+    mallopt(M_ARENA_MAX, 1);
 }
 
 } // namespace brix

@@ -2,8 +2,13 @@
 // object event -> download -> save -> "brixXNotification" seen by a sibling on
 // the session bus; against plain write + rename of the same bytes.
 //
-//   dbus-run-session -- build/default/bench/station_bench [shots] [megabytes]
+//   dbus-run-session -- build/default/bench/station_bench [shots] [megabytes] [MB/s,...]
 //
+// The simulated body draws one picture and stamps each shot with its number, so
+// firing costs it nothing and it holds one file however many shots wait; its
+// buffer is reported apart from the station's memory. With rates, the burst is
+// also run with the body's link held to each (35 = USB 2, 300 = USB 3), and the
+// time the link stands idle between shots is the station's own added time.
 // Each phase runs in a child process of its own, so that its peak memory is its own.
 #include "AppDelegate.h"
 #include "DistributedNotificationCenter.h"
@@ -50,6 +55,16 @@ long peakRssKiB() {
     return u.ru_maxrss;
 }
 
+long currentRssKiB() {
+    long pages = 0, resident = 0;
+    if (FILE *f = std::fopen("/proc/self/statm", "r")) {
+        if (std::fscanf(f, "%ld %ld", &pages, &resident) != 2)
+            resident = 0;
+        std::fclose(f);
+    }
+    return resident * (::sysconf(_SC_PAGESIZE) / 1024);
+}
+
 double percentile(std::vector<double> v, double p) {
     if (v.empty())
         return 0;
@@ -66,6 +81,7 @@ public:
 
     std::mutex m;
     std::vector<Clock::time_point> objectEvents;
+    std::vector<std::pair<Clock::time_point, Clock::time_point>> transfers; // EdsDownload start, end
 
     const char *backendName() const override { return in_->backendName(); }
     eds::EdsError EdsInitializeSDK() override { return in_->EdsInitializeSDK(); }
@@ -139,7 +155,11 @@ public:
         return in_->EdsSetProgressCallback(r, f, o, c);
     }
     eds::EdsError EdsDownload(eds::EdsDirectoryItemRef i, eds::EdsUInt64 n, eds::EdsStreamRef s) override {
-        return in_->EdsDownload(i, n, s);
+        const auto t0 = Clock::now();
+        const eds::EdsError e = in_->EdsDownload(i, n, s);
+        std::lock_guard lk(m);
+        transfers.emplace_back(t0, Clock::now());
+        return e;
     }
     eds::EdsError EdsDownloadComplete(eds::EdsDirectoryItemRef i) override {
         return in_->EdsDownloadComplete(i);
@@ -198,7 +218,7 @@ int baseline(int shots, qint64 bytes) {
     return 0;
 }
 
-int station(int argc, char **argv, int shots, qint64 bytes, bool sequential) {
+int station(int argc, char **argv, int shots, qint64 bytes, bool sequential, double rateMBps = 0) {
     QCoreApplication app(argc, argv);
     QTemporaryDir home(QDir::currentPath() + "/station-bench-home-XXXXXX");
     qputenv("HOME", home.path().toUtf8());
@@ -211,6 +231,8 @@ int station(int argc, char **argv, int shots, qint64 bytes, bool sequential) {
     auto probe = std::make_shared<ProbeSdk>(eds::createSimulatorSdk());
     eds::SimulatorControl *sim = eds::simulatorControl(probe->inner());
     sim->setShotFormat("JPG", uint64_t(bytes));
+    sim->setStampedShots(true);
+    sim->setTransferRate(rateMBps * 1e6);
 
     AppDelegate delegate;
     delegate.awakeFromNib();
@@ -241,44 +263,68 @@ int station(int argc, char **argv, int shots, qint64 bytes, bool sequential) {
     });
 
     OKVA_CanonCamera::initialize(probe);
+    eds::SimulatorControl::ShotBuffer body; // the most the body held
     auto until = [&](auto done, int seconds) {
         QElapsedTimer t;
         t.start();
-        while (!done() && t.elapsed() < seconds * 1000)
+        while (!done() && t.elapsed() < seconds * 1000) {
             QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
+            const auto now = sim->shotBuffer();
+            body.shots = std::max(body.shots, now.shots);
+            body.bytes = std::max(body.bytes, now.bytes);
+        }
         return done();
     };
     if (!until([&] { return delegate.currentCamera() && delegate.currentCamera()->isLoaded(); }, 20)) {
         std::fprintf(stderr, "camera did not load\n");
         return 1;
     }
-    const long rssBefore = peakRssKiB();
+    const long rssBefore = currentRssKiB();
     auto start = Clock::now();
     for (int i = 0; i < shots; ++i) {
         sim->pressShutter();
         if (sequential && !until([&] { return int(announced.size()) > i; }, 60))
             break;
     }
-    until([&] { return int(announced.size()) >= shots; }, 600);
+    until([&] { return int(announced.size()) >= shots; }, 1200);
     const double total = ms(Clock::now() - start);
     if (int(announced.size()) < shots || int(probe->objectEvents.size()) < shots) {
         std::fprintf(stderr, "only %zu of %d shots announced\n", announced.size(), shots);
         return 1;
     }
-    std::vector<double> eventToAnnounce, dataToAnnounce;
+    std::vector<double> eventToAnnounce, dataToAnnounce, transfer, idle;
     for (int i = 0; i < shots; ++i) {
-        eventToAnnounce.push_back(ms(announced[size_t(i)] - probe->objectEvents[size_t(i)]));
-        dataToAnnounce.push_back(ms(announced[size_t(i)] - photoData[size_t(i)]));
+        const size_t k = size_t(i);
+        eventToAnnounce.push_back(ms(announced[k] - probe->objectEvents[k]));
+        dataToAnnounce.push_back(ms(announced[k] - photoData[k]));
+        transfer.push_back(ms(probe->transfers[k].second - probe->transfers[k].first));
+        // The link stands idle from the end of one transfer (or the shot's
+        // arrival, if later) to the start of the next: time the station added.
+        if (i > 0)
+            idle.push_back(ms(probe->transfers[k].first -
+                              std::max(probe->transfers[k - 1].second, probe->objectEvents[k])));
     }
+    const double peakMB = double(peakRssKiB()) / 1024.0, beforeMB = double(rssBefore) / 1024.0;
+    const double bodyMB = double(body.bytes) / (1024.0 * 1024.0);
+    char title[64];
+    std::snprintf(title, sizeof title, "%s%s", sequential ? "one shot at a time" : "burst",
+                  rateMBps > 0 ? QStringLiteral(", link %1 MB/s").arg(rateMBps).toUtf8().constData() : "");
     std::fprintf(
         stdout,
-        "station %s: %d x %.1f MB in %.0f ms = %.0f MB/s; object event -> brixXNotification median %.2f ms, "
-        "p99 %.2f ms; photo data -> brixXNotification (save + announce) median %.2f ms, p99 %.2f ms; "
-        "peak RSS %.0f MB (%.0f MB before the shots)\n",
-        sequential ? "one shot at a time" : "burst", shots, double(bytes) / 1e6, total,
-        double(shots) * double(bytes) / 1e6 / (total / 1000.0), percentile(eventToAnnounce, 0.5),
-        percentile(eventToAnnounce, 0.99), percentile(dataToAnnounce, 0.5), percentile(dataToAnnounce, 0.99),
-        double(peakRssKiB()) / 1024.0, double(rssBefore) / 1024.0);
+        "station %s: %d x %.1f MB in %.0f ms = %.0f MB/s\n"
+        "  object event -> brixXNotification median %.2f ms, p99 %.2f ms; photo data -> brixXNotification "
+        "(save + announce) median %.2f ms, p99 %.2f ms\n"
+        "  transfer median %.2f ms; link idle between shots (station's added time) median %.3f ms, "
+        "p99 %.3f ms, max %.3f ms\n"
+        "  peak RSS %.0f MB (%.0f MB before the shots); body's buffer at most %u shots waiting, %.0f MB "
+        "held; "
+        "station's share %.0f MB = %.2f shots\n",
+        title, shots, double(bytes) / 1e6, total, double(shots) * double(bytes) / 1e6 / (total / 1000.0),
+        percentile(eventToAnnounce, 0.5), percentile(eventToAnnounce, 0.99), percentile(dataToAnnounce, 0.5),
+        percentile(dataToAnnounce, 0.99), percentile(transfer, 0.5), percentile(idle, 0.5),
+        percentile(idle, 0.99), idle.empty() ? 0.0 : *std::max_element(idle.begin(), idle.end()), peakMB,
+        beforeMB, body.shots, bodyMB, peakMB - beforeMB - bodyMB,
+        (peakMB - beforeMB - bodyMB) * 1024.0 * 1024.0 / double(bytes));
     ViewController::metadataQueue()->sync([] {});
     OKVA_CanonCamera::applicationWillTerminate(QStringLiteral("bench done"));
     return 0;
@@ -310,5 +356,8 @@ int main(int argc, char **argv) {
     int rc = inChild([&] { return baseline(shots, bytes); });
     rc |= inChild([&] { return station(argc, argv, 30, bytes, true); });
     rc |= inChild([&] { return station(argc, argv, shots, bytes, false); });
+    for (const QByteArray &rate : QByteArray(argc > 3 ? argv[3] : "").split(','))
+        if (rate.toDouble() > 0)
+            rc |= inChild([&] { return station(argc, argv, shots, bytes, false, rate.toDouble()); });
     return rc;
 }

@@ -10,7 +10,7 @@ packages=(
   libgphoto2-l10n locales
   dbus dbus-x11 libglib2.0-bin xvfb xauth procps
   libgtest-dev libgmock-dev googletest libbenchmark-dev libspdlog-dev
-  clang libclang-rt-14-dev
+  clang libclang-rt-14-dev libdbus-1-dev
   exiv2 dpkg-dev file gzip appstream desktop-file-utils
 )
 

@@ -32,10 +32,13 @@ DistributedNotificationCenter &DistributedNotificationCenter::defaultCenter() {
     return *center;
 }
 
-DistributedNotificationCenter::DistributedNotificationCenter(const QDBusConnection &connection, QObject *parent)
+DistributedNotificationCenter::DistributedNotificationCenter(const QDBusConnection &connection,
+                                                             QObject *parent)
     : QObject(parent), connection_(connection) {}
 
-bool DistributedNotificationCenter::isConnected() const { return connection_.isConnected(); }
+bool DistributedNotificationCenter::isConnected() const {
+    return connection_.isConnected();
+}
 
 QVariant DistributedNotificationCenter::toWire(const QVariant &value, int depth) {
     if (depth > kMaxDepth)
@@ -61,7 +64,9 @@ QVariant DistributedNotificationCenter::toWire(const QVariant &value, int depth)
         return QVariant(qulonglong(value.toULongLong()));
     case QMetaType::QDateTime:
         // D-Bus has no date type; ISO 8601 with the offset keeps the instant.
-        return QVariant(value.toDateTime().toOffsetFromUtc(value.toDateTime().offsetFromUtc()).toString(Qt::ISODateWithMs));
+        return QVariant(value.toDateTime()
+                            .toOffsetFromUtc(value.toDateTime().offsetFromUtc())
+                            .toString(Qt::ISODateWithMs));
     case QMetaType::QStringList:
     case QMetaType::QVariantList: {
         QVariantList out;
@@ -126,15 +131,44 @@ struct WireReader {
             return read(wire.value<QDBusVariant>().variant(), out, depth + 1);
         if (!take())
             return false;
+        if (type == qMetaTypeId<QDBusArgument>())
+            return readArgument(wire.value<QDBusArgument>(), out, depth);
+        return readBasic(wire, out); // a basic type, already decoded
+    }
+
+    // Paths and signatures arrive as their text.
+    bool readBasic(const QVariant &wire, QVariant &out) {
+        const int type = wire.metaType().id();
         if (type == qMetaTypeId<QDBusObjectPath>())
             out = wire.value<QDBusObjectPath>().path();
         else if (type == qMetaTypeId<QDBusSignature>())
             out = wire.value<QDBusSignature>().signature();
-        else if (type != qMetaTypeId<QDBusArgument>())
-            out = wire; // a basic type, already decoded
         else
-            return readArgument(wire.value<QDBusArgument>(), out, depth);
-        return checkLength(out);
+            out = wire;
+        return checkBasic(out);
+    }
+
+    // Every basic D-Bus type but the Unix file descriptor, which is no
+    // property-list value: kept, it would hold a descriptor of the sender's
+    // open in the station for as long as the message lives.
+    bool checkBasic(const QVariant &value) {
+        switch (value.metaType().id()) {
+        case QMetaType::QString:
+        case QMetaType::QByteArray:
+            return checkLength(value);
+        case QMetaType::Bool:
+        case QMetaType::UChar:
+        case QMetaType::Short:
+        case QMetaType::UShort:
+        case QMetaType::Int:
+        case QMetaType::UInt:
+        case QMetaType::LongLong:
+        case QMetaType::ULongLong:
+        case QMetaType::Double:
+            return true;
+        default:
+            return fail(why, QStringLiteral("a value of type %1").arg(QLatin1String(value.typeName())));
+        }
     }
 
     bool readArgument(const QDBusArgument &arg, QVariant &out, int depth) {
@@ -190,8 +224,7 @@ struct WireReader {
             return read(inner.variant(), out, depth + 1);
         }
         case QDBusArgument::BasicType:
-            out = arg.asVariant();
-            return checkLength(out);
+            return readBasic(arg.asVariant(), out);
         default:
             return fail(why, QStringLiteral("a value of D-Bus signature %1").arg(arg.currentSignature()));
         }
@@ -205,35 +238,42 @@ bool DistributedNotificationCenter::fromWire(const QVariant &wire, QVariant &out
     return reader.read(wire, out, 0);
 }
 
-bool DistributedNotificationCenter::post(const QString &name, const QString &object, const QVariantMap &userInfo) {
+bool DistributedNotificationCenter::post(const QString &name, const QString &object,
+                                         const QVariantMap &userInfo) {
     if (!connection_.isConnected()) {
         static std::atomic<bool> told{false};
         if (!told.exchange(true))
-            Logger::setError(QStringLiteral("no session bus: notification %1 (and later ones) not sent").arg(name));
+            Logger::setError(
+                QStringLiteral("no session bus: notification %1 (and later ones) not sent").arg(name));
         return false;
     }
     QVariant wire = toWire(userInfo);
     if (!wire.isValid()) {
-        Logger::setError(QStringLiteral("notification %1 not sent: its user info holds a value that cannot travel").arg(name));
+        Logger::setError(
+            QStringLiteral("notification %1 not sent: its user info holds a value that cannot travel")
+                .arg(name));
         return false;
     }
     QDBusMessage signal = QDBusMessage::createSignal(kPath, kInterface, kMember);
     signal << name << object << wire;
     if (!connection_.send(signal)) {
-        Logger::setError(QStringLiteral("notification %1 not sent: %2").arg(name, connection_.lastError().message()));
+        Logger::setError(
+            QStringLiteral("notification %1 not sent: %2").arg(name, connection_.lastError().message()));
         return false;
     }
     return true;
 }
 
-DistributedNotificationCenter::Token DistributedNotificationCenter::addObserver(const QString &name, Observer observer) {
+DistributedNotificationCenter::Token DistributedNotificationCenter::addObserver(const QString &name,
+                                                                                Observer observer) {
     Token token = ++nextToken_;
     observers_[token] = Registration{name, std::move(observer)};
     if (subscribedNames_[name]++ == 0) {
-        bool ok = connection_.connect(QString(), kPath, kInterface, kMember, QStringList{name}, QString(), this,
-                                      SLOT(handleSignal(QDBusMessage)));
+        bool ok = connection_.connect(QString(), kPath, kInterface, kMember, QStringList{name}, QString(),
+                                      this, SLOT(handleSignal(QDBusMessage)));
         if (!ok)
-            Logger::setError(QStringLiteral("could not observe notification %1 on the session bus").arg(name));
+            Logger::setError(
+                QStringLiteral("could not observe notification %1 on the session bus").arg(name));
     }
     return token;
 }
@@ -253,8 +293,9 @@ void DistributedNotificationCenter::removeObserver(Token token) {
 
 void DistributedNotificationCenter::handleSignal(const QDBusMessage &message) {
     if (message.signature() != QLatin1String(kSignature)) {
-        Logger::setError(QStringLiteral("ignored a malformed notification from %1: arguments (%2), expected (%3)")
-                             .arg(message.service(), message.signature(), QLatin1String(kSignature)));
+        Logger::setError(
+            QStringLiteral("ignored a malformed notification from %1: arguments (%2), expected (%3)")
+                .arg(message.service(), message.signature(), QLatin1String(kSignature)));
         return;
     }
     const QVariantList args = message.arguments();

@@ -14,8 +14,12 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QImageReader>
-#include <QSaveFile>
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
 #include <mutex>
 
 namespace brix {
@@ -30,6 +34,41 @@ constexpr int kDisplayMaxEdge = 1600;
 
 QString describeObject(const void *object, const char *className) {
     return QStringLiteral("<%1: 0x%2>").arg(QLatin1String(className)).arg(quintptr(object), 0, 16);
+}
+
+QString systemError(const char *what, int code) {
+    return QStringLiteral("%1: %2").arg(QLatin1String(what), QString::fromLocal8Bit(std::strerror(code)));
+}
+
+// Writes the shot under its temporary name and renames it into place, so a
+// sibling never sees half a file. No flush to the disk per shot: it would
+// halve the burst rate, and the rename still never exposes a torn file.
+bool writeShot(const QString &path, const QByteArray &bytes, QString *error) {
+    const QByteArray temporary = QFile::encodeName(ViewController::temporaryPathFor(path));
+    const int fd = ::open(temporary.constData(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    if (fd < 0) {
+        *error = systemError("open", errno);
+        return false;
+    }
+    qsizetype done = 0;
+    while (done < bytes.size()) {
+        const ssize_t n = ::write(fd, bytes.constData() + done, size_t(bytes.size() - done));
+        if (n < 0 && errno == EINTR)
+            continue;
+        if (n <= 0) {
+            *error = systemError("write", n < 0 ? errno : ENOSPC);
+            break;
+        }
+        done += n;
+    }
+    if (::close(fd) != 0 && error->isEmpty())
+        *error = systemError("close", errno);
+    if (error->isEmpty() && ::rename(temporary.constData(), QFile::encodeName(path).constData()) != 0)
+        *error = systemError("rename", errno);
+    if (error->isEmpty())
+        return true;
+    ::unlink(temporary.constData());
+    return false;
 }
 
 } // namespace
@@ -86,30 +125,33 @@ void ViewController::newPhoto(const Notification &notification) {
         flowCv_.wait(lk, [&] { return shotsInFlight_ < kMaxShotsInFlight; });
         ++shotsInFlight_;
     }
-    metadataQueue()->async([this, info = notification.userInfo] {
+    metadataQueue()->async([this, info = notification.userInfo]() mutable {
         incrementDownloadCount();
         const QString cameraName = info.value(kOKVA_CanonCameraPhotoFilename).toString();
         Logger::setError(QStringLiteral("recieved new photo %1").arg(cameraName));
-        const QByteArray bytes = info.value(kOKVA_CanonCameraPhotoData).toByteArray();
-        imageDict_ = info;
-
-        QBuffer buffer;
-        buffer.setData(bytes);
-        buffer.open(QIODevice::ReadOnly);
-        QImageReader reader(&buffer);
-        const QSize size = reader.size(); // from the header; no decode
-        Logger::setError(QStringLiteral("updating image well with (%1, %2) image")
-                             .arg(double(qMax(0, size.width())), 0, 'f', 0)
-                             .arg(double(qMax(0, size.height())), 0, 'f', 0));
-        QImage image;
-        if (displaysImages_ && size.isValid()) {
-            if (size.width() > kDisplayMaxEdge || size.height() > kDisplayMaxEdge)
-                reader.setScaledSize(size.scaled(kDisplayMaxEdge, kDisplayMaxEdge, Qt::KeepAspectRatio));
-            image = reader.read();
+        imageDict_ = std::move(info); // the only holder of the shot's bytes from here on
+        {
+            QBuffer buffer;
+            buffer.setData(imageDict_.value(kOKVA_CanonCameraPhotoData).toByteArray());
+            buffer.open(QIODevice::ReadOnly);
+            QImageReader reader(&buffer);
+            const QSize size = reader.size(); // from the header; no decode
+            Logger::setError(QStringLiteral("updating image well with (%1, %2) image")
+                                 .arg(double(qMax(0, size.width())), 0, 'f', 0)
+                                 .arg(double(qMax(0, size.height())), 0, 'f', 0));
+            QImage image;
+            if (displaysImages_ && size.isValid()) {
+                if (size.width() > kDisplayMaxEdge || size.height() > kDisplayMaxEdge)
+                    reader.setScaledSize(size.scaled(kDisplayMaxEdge, kDisplayMaxEdge, Qt::KeepAspectRatio));
+                image = reader.read();
+            }
+            updateDisplayImage(image.isNull() ? QVariant() : QVariant(image));
         }
-        updateDisplayImage(image.isNull() ? QVariant() : QVariant(image));
         incrementSavedCount();
         saveImage(QVariant());
+        // The bytes are on the disk: their buffer goes before the camera may
+        // download the next shot, so the station holds at most two.
+        imageDict_.remove(kOKVA_CanonCameraPhotoData);
         clearProgressIndicator();
         {
             std::lock_guard lk(flowMutex_);
@@ -147,23 +189,15 @@ void ViewController::saveImage(const QVariant &) {
 }
 
 void ViewController::processPhotoData(const QVariantMap &info) {
-    const QByteArray bytes = info.value(kOKVA_CanonCameraPhotoData).toByteArray();
     const QString cameraName = info.value(kOKVA_CanonCameraPhotoFilename).toString();
     const QString stamp = DateFormat::format(now_(), QString::fromLatin1(kShotNamePattern));
     const QString folder = getPathToSavePhotos();
     const QString path = folder + '/' + stamp + '.' + QFileInfo(cameraName).suffix().toLower();
     Logger::setError(QStringLiteral("saving camera image  \"%1\" to \"%2\"").arg(cameraName, path));
 
-    // Written beside the target and renamed into place, so a sibling never sees
-    // half a file. No fsync per shot: it would halve the burst rate, and the
-    // rename still never exposes a torn file.
-    QSaveFile file(path);
-    file.setDirectWriteFallback(false);
-    bool ok = file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size();
-    ok = ok ? file.commit() : (file.cancelWriting(), false);
-    if (!ok) {
-        Logger::setError(
-            QStringLiteral("failed to save image to path %1 with error = %2").arg(path, file.errorString()));
+    QString error;
+    if (!writeShot(path, info.value(kOKVA_CanonCameraPhotoData).toByteArray(), &error)) {
+        Logger::setError(QStringLiteral("failed to save image to path %1 with error = %2").arg(path, error));
         return;
     }
     Logger::setError(QStringLiteral("SAVED FILE %1 Valid")
@@ -192,6 +226,11 @@ void ViewController::clearProgressIndicator() {
         progressVisible_ = false;
         emit progressChanged();
     });
+}
+
+QString ViewController::temporaryPathFor(const QString &path) {
+    const QFileInfo target(path);
+    return target.path() + QStringLiteral("/.") + target.fileName() + QLatin1String(kTemporarySuffix);
 }
 
 bool ViewController::isValidJPEGFile(const QString &path) {

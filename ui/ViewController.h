@@ -53,8 +53,13 @@ public:
     static constexpr const char *kCameraDisconnected = "< Camera Disconnected >";
     static constexpr const char *kNoCanonCameraFound = "< NO Canon Camera Found >";
     static constexpr const char *kOpenPrefsNotification = "openPrefsNotification";
-    // One shot being written and one waiting for it.
-    static constexpr int kMaxShotsInFlight = 2;
+    // The shot being written. The camera downloads the next one meanwhile and
+    // hands it over when this one is on the disk.
+    static constexpr int kMaxShotsInFlight = 1;
+    // A shot is written as a hidden file beside its final name, "." + name +
+    // this suffix, and renamed into place: one left behind is a partial write.
+    static constexpr const char *kTemporarySuffix = ".part";
+    static QString temporaryPathFor(const QString &path);
 
     explicit ViewController(QObject *parent = nullptr);
     ~ViewController() override;

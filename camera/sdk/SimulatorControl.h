@@ -72,6 +72,24 @@ public:
     virtual bool setShotFormat(const std::string &extension, uint64_t bytes) = 0;
     // Live-view frames per second (default 10, or $BRIX_SIM_EVF_FPS).
     virtual void setLiveViewRate(double framesPerSecond) = 0;
+    // On: the body draws one picture for the current format, size and model
+    // and every shot is that file with the shot's number written into a part
+    // no viewer shows (a JPEG's padding segment, a CR2's sensor data). Firing
+    // then costs next to nothing and the body keeps one file however many
+    // shots wait, so a benchmark measures the host, not the body. Off (the
+    // default): each shot is drawn with its own number and time.
+    virtual void setStampedShots(bool on) = 0;
+    // The body's link held to this many bytes a second during EdsDownload, as
+    // a USB 2 or USB 3 body would be; 0 (the default) moves bytes at memory speed.
+    virtual void setTransferRate(double bytesPerSecond) = 0;
+    // The body's own buffer: shots offered to the host and not yet downloaded,
+    // and the bytes of memory the body holds for shots (each distinct file
+    // once, the stamped shots' picture included).
+    struct ShotBuffer {
+        unsigned shots = 0;
+        uint64_t bytes = 0;
+    };
+    virtual ShotBuffer shotBuffer() const = 0;
 
     // Shots taken by all bodies since the simulator was made.
     virtual unsigned shotCount() const = 0;

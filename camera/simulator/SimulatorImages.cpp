@@ -265,4 +265,45 @@ QByteArray makeRawFile(const QByteArray &previewJpeg, uint64_t bytes, const QStr
     return out;
 }
 
+qsizetype shotStampOffset(const QByteArray &shot, qsizetype length) {
+    const auto byte = [&](qsizetype i) { return uint32_t(uchar(shot[i])); };
+    if (shot.startsWith("\xFF\xD8")) {
+        // Walk the application segments that padJpeg puts before the image data.
+        qsizetype at = 2;
+        while (at + 4 <= shot.size() && byte(at) == 0xFF && (byte(at + 1) & 0xF0) == 0xE0) {
+            const qsizetype segment = qsizetype((byte(at + 2) << 8) | byte(at + 3));
+            if (byte(at + 1) == 0xEF && segment - 2 >= length && at + 2 + segment <= shot.size())
+                return at + 4;
+            at += 2 + segment;
+        }
+        return -1;
+    }
+    if (shot.startsWith(QByteArray("II*\0", 4)) && shot.size() >= 0x10 + 2) {
+        // The sensor data follows the preview that the IFD points at.
+        const auto le = [&](qsizetype i, int n) {
+            uint32_t v = 0;
+            for (int k = n - 1; k >= 0; --k)
+                v = (v << 8) | byte(i + k);
+            return v;
+        };
+        const qsizetype ifd = qsizetype(le(4, 4));
+        if (ifd < 8 || ifd + 2 > shot.size())
+            return -1;
+        const uint32_t entries = le(ifd, 2);
+        if (ifd + 2 + qsizetype(entries) * 12 > shot.size())
+            return -1;
+        uint32_t previewAt = 0, previewLength = 0;
+        for (uint32_t i = 0; i < entries; ++i) {
+            const qsizetype e = ifd + 2 + qsizetype(i) * 12;
+            if (le(e, 2) == 0x0111)
+                previewAt = le(e + 8, 4);
+            else if (le(e, 2) == 0x0117)
+                previewLength = le(e + 8, 4);
+        }
+        const qsizetype sensor = qsizetype(previewAt) + qsizetype(previewLength);
+        return previewAt && sensor + length <= shot.size() ? sensor : -1;
+    }
+    return -1;
+}
+
 } // namespace brix::eds::sim

@@ -33,5 +33,10 @@ QByteArray padJpeg(const QByteArray &jpeg, uint64_t bytes);
 // embedded JPEG preview, the preview, then sensor-like data up to `bytes`
 // (at least the natural size). Never ends in FF D9.
 QByteArray makeRawFile(const QByteArray &previewJpeg, uint64_t bytes, const QString &model);
+// Where `length` bytes can be overwritten in a shot made by padJpeg or
+// makeRawFile without changing what it shows: the first padding segment's
+// payload of a JPEG, the start of a CR2's sensor data. -1 when there is no
+// such room (a JPEG at its natural size).
+qsizetype shotStampOffset(const QByteArray &shot, qsizetype length);
 
 } // namespace brix::eds::sim

@@ -10,6 +10,7 @@
 #include <cmath>
 #include <cstring>
 #include <optional>
+#include <thread>
 #include <type_traits>
 
 namespace brix::eds {
@@ -47,6 +48,7 @@ constexpr EdsError kErrSessionAlreadyOpen = 0x0000201E;
 constexpr EdsUInt32 kInvalidCount = 0xFFFFFFFFu;
 constexpr EdsUInt32 kFormatJpeg = 0x3801;
 constexpr EdsUInt32 kFormatCr2 = 0xB103;
+constexpr qsizetype kStampLength = 20; // "BRIX SHOT " and ten digits
 constexpr EdsPropertyID kPropColorSpace = 0x10D;
 constexpr EdsUInt32 kAEBulb = 4;
 constexpr EdsUInt32 kTvBulb = 0x0C;
@@ -285,7 +287,9 @@ struct SimulatorSdk::DirItem : Object {
     static constexpr Kind kKind = Kind::DirItem;
     DirItem() : Object(kKind) {}
     Camera *camera = nullptr; // one internal count
-    QByteArray data;
+    QByteArray data;          // shared with the other stamped shots while stamping
+    QByteArray stamp;         // written over data at stampAt as it is downloaded
+    qsizetype stampAt = -1;
     std::string fileName;
     EdsUInt32 format = kFormatJpeg;
     EdsUInt32 dateTime = 0;
@@ -1069,10 +1073,33 @@ void SimulatorSdk::deliverShot(Camera *camera, unsigned shotNumber, unsigned fil
                                  .arg(fileNumber, 4, 10, QLatin1Char('0'))
                                  .arg(QString::fromStdString(extension));
     const QString modelName = QString::fromStdString(model);
-    const QByteArray jpeg = renderShotJpeg(shotNumber, when, modelName, fileName);
-    QByteArray data = extension == "CR2" ? makeRawFile(jpeg, bytes, modelName) : padJpeg(jpeg, bytes);
-
+    const auto render = [&] {
+        const QByteArray jpeg = renderShotJpeg(shotNumber, when, modelName, fileName);
+        return extension == "CR2" ? makeRawFile(jpeg, bytes, modelName) : padJpeg(jpeg, bytes);
+    };
+    QByteArray data, stamp;
+    qsizetype stampAt = -1;
     Lock lock(mutex_);
+    if (stampedShots_) {
+        ShotPicture &p = picture_;
+        if (p.data.isEmpty() || p.extension != extension || p.bytes != bytes || p.model != model) {
+            lock.unlock();
+            ShotPicture fresh{extension, model, bytes, render(), -1};
+            fresh.stampAt = shotStampOffset(fresh.data, kStampLength);
+            lock.lock();
+            p = std::move(fresh);
+        }
+        data = p.data; // shared, not copied
+        stampAt = p.stampAt;
+        stamp = QStringLiteral("BRIX SHOT %1")
+                    .arg(shotNumber, kStampLength - 10, 10, QLatin1Char('0'))
+                    .toLatin1();
+    }
+    if (stampAt < 0) { // drawn afresh: its own number and time are in the picture
+        lock.unlock();
+        data = render();
+        lock.lock();
+    }
     if (closing_ || !camera->attached || data.isEmpty()) {
         if (data.isEmpty())
             Logger::setError(QStringLiteral("simulator: could not render shot %1").arg(shotNumber));
@@ -1084,6 +1111,8 @@ void SimulatorSdk::deliverShot(Camera *camera, unsigned shotNumber, unsigned fil
     retainLocked(camera, true);
     item->camera = camera;
     item->data = std::move(data);
+    item->stamp = std::move(stamp);
+    item->stampAt = stampAt;
     item->fileName = fileName.toStdString();
     item->format = extension == "CR2" ? kFormatCr2 : kFormatJpeg;
     item->dateTime = EdsUInt32(when.toSecsSinceEpoch());
@@ -1163,6 +1192,9 @@ EdsError SimulatorSdk::EdsDownload(EdsDirectoryItemRef itemRef, EdsUInt64 readSi
     if (stream->capacity - stream->position < readSize)
         return EDS_ERR_STREAM_END_OF_STREAM;
     const QByteArray data = item->data; // shared, not copied
+    const QByteArray stamp = item->stamp;
+    const qsizetype stampAt = item->stampAt;
+    const double rate = transferRate_;
     unsigned char *dest = stream->buffer + stream->position;
     const auto fn = stream->progress;
     const auto option = fn ? stream->progressOption : kEdsProgressOption_NoReport;
@@ -1172,13 +1204,23 @@ EdsError SimulatorSdk::EdsDownload(EdsDirectoryItemRef itemRef, EdsUInt64 readSi
 
     // The transfer goes in slices, reporting after each as a camera does.
     const EdsUInt64 slice = std::max<EdsUInt64>(readSize / 20, 16 * 1024);
+    const auto started = std::chrono::steady_clock::now();
     EdsUInt32 reported = 0;
     EdsUInt64 done = 0;
     do {
         const EdsUInt64 n = std::min(slice, readSize - done);
         if (n)
             std::memcpy(dest + done, data.constData() + done, n);
+        if (stampAt >= 0) { // the part of the shot's number that falls in this slice
+            const EdsUInt64 from = std::max<EdsUInt64>(done, EdsUInt64(stampAt));
+            const EdsUInt64 to = std::min<EdsUInt64>(done + n, EdsUInt64(stampAt + stamp.size()));
+            if (from < to)
+                std::memcpy(dest + from, stamp.constData() + (from - EdsUInt64(stampAt)), to - from);
+        }
         done += n;
+        if (rate > 0)
+            std::this_thread::sleep_until(started + std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                                        std::chrono::duration<double>(double(done) / rate)));
         const EdsUInt32 percent = readSize ? EdsUInt32(done * 100 / readSize) : 100;
         const bool report = option == kEdsProgressOption_Periodically
                                 ? percent != reported
@@ -1422,6 +1464,36 @@ void SimulatorSdk::setLiveViewRate(double framesPerSecond) {
         return;
     Lock lock(mutex_);
     evfRate_ = framesPerSecond;
+}
+
+void SimulatorSdk::setStampedShots(bool on) {
+    Lock lock(mutex_);
+    stampedShots_ = on;
+    if (!on)
+        picture_ = {};
+}
+
+void SimulatorSdk::setTransferRate(double bytesPerSecond) {
+    Lock lock(mutex_);
+    transferRate_ = bytesPerSecond > 0 ? bytesPerSecond : 0;
+}
+
+SimulatorControl::ShotBuffer SimulatorSdk::shotBuffer() const {
+    Lock lock(mutex_);
+    ShotBuffer b;
+    std::unordered_set<const char *> files;
+    if (!picture_.data.isEmpty()) {
+        files.insert(picture_.data.constData());
+        b.bytes += uint64_t(picture_.data.size());
+    }
+    for (const Camera *c : attached_) {
+        for (const DirItem *item : c->pending) {
+            ++b.shots;
+            if (files.insert(item->data.constData()).second)
+                b.bytes += uint64_t(item->data.size());
+        }
+    }
+    return b;
 }
 
 unsigned SimulatorSdk::shotCount() const {

@@ -92,6 +92,9 @@ public:
     bool injectError(const std::string &operation, EdsError code, unsigned count) override;
     bool setShotFormat(const std::string &extension, uint64_t bytes) override;
     void setLiveViewRate(double framesPerSecond) override;
+    void setStampedShots(bool on) override;
+    void setTransferRate(double bytesPerSecond) override;
+    ShotBuffer shotBuffer() const override;
     unsigned shotCount() const override;
     long callerReferenceCount() const override;
     long liveObjectCount() const override;
@@ -152,6 +155,16 @@ private:
     std::string shotExtension_ = "JPG";
     uint64_t shotBytes_ = 0;
     double evfRate_ = 10.0;
+    bool stampedShots_ = false;
+    double transferRate_ = 0; // bytes a second; 0 = unpaced
+    // The picture stamped shots are copies of, and what it was drawn for.
+    struct ShotPicture {
+        std::string extension, model;
+        uint64_t bytes = 0;
+        QByteArray data;
+        qsizetype stampAt = -1;
+    };
+    ShotPicture picture_;
     unsigned shots_ = 0;
 };
 

@@ -7,6 +7,7 @@
 #include "SimulatorControl.h"
 #include "TestSupport.h"
 
+#include <QElapsedTimer>
 #include <QImage>
 
 #include <gtest/gtest.h>
@@ -204,6 +205,45 @@ TEST_F(Simulator, ShotsAreRealFilesNamedInOrderAndSizedAsAsked) {
     const QByteArray third = download(log_.items[2], &info);
     EXPECT_EQ(third.size(), qsizetype(info.size));
     EXPECT_STREQ(info.szFileName, "IMG_0004.JPG"); // the card's counter went on
+}
+
+TEST_F(Simulator, StampedShotsShareOnePictureAndAreToldApartByTheirNumber) {
+    open();
+    ASSERT_EQ(set(kEdsPropID_SaveTo, kEdsSaveTo_Host), EDS_ERR_OK);
+    control_->setStampedShots(true);
+    ASSERT_TRUE(control_->setShotFormat("JPG", 2'000'000));
+    for (int i = 0; i < 3; ++i)
+        ASSERT_TRUE(control_->pressShutter());
+    ASSERT_TRUE(waitForItems(3));
+    const SimulatorControl::ShotBuffer waiting = control_->shotBuffer();
+    EXPECT_EQ(waiting.shots, 3u);
+    EXPECT_EQ(waiting.bytes, 2'000'000u); // one file held, not three
+
+    control_->setTransferRate(20e6);
+    std::vector<QByteArray> shots;
+    EdsDirectoryItemInfo info{};
+    QElapsedTimer transfer;
+    transfer.start();
+    for (int i = 0; i < 3; ++i)
+        shots.push_back(download(log_.items[size_t(i)], &info));
+    EXPECT_GE(transfer.elapsed(), 280); // 6 MB at 20 MB/s
+    EXPECT_EQ(control_->shotBuffer().shots, 0u);
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(shots[size_t(i)].size(), 2'000'000);
+        EXPECT_TRUE(shots[size_t(i)].endsWith("\xFF\xD9"));
+        EXPECT_TRUE(shots[size_t(i)].contains(QByteArray("BRIX SHOT 000000000") + char('1' + i)));
+        EXPECT_EQ(QImage::fromData(shots[size_t(i)], "JPEG").size(), QSize(1620, 1080));
+    }
+    EXPECT_NE(shots[0], shots[1]);
+
+    // A raw shot carries its number in the sensor data, past the preview.
+    control_->setTransferRate(0);
+    ASSERT_TRUE(control_->setShotFormat("CR2", 3'000'000));
+    ASSERT_TRUE(control_->pressShutter());
+    ASSERT_TRUE(waitForItems(4));
+    const QByteArray raw = download(log_.items[3], &info);
+    EXPECT_TRUE(raw.startsWith(QByteArray("II*\0", 4)));
+    EXPECT_GT(raw.indexOf("BRIX SHOT 0000000004"), raw.indexOf("\xFF\xD9"));
 }
 
 TEST_F(Simulator, LiveViewFramesFollowTheClockAndAnswerNotReadyBetween) {

@@ -3,6 +3,7 @@
 
 #include <QDBusConnection>
 #include <QDBusMessage>
+#include <QDBusUnixFileDescriptor>
 #include <QDBusVariant>
 #include <QDateTime>
 #include <QPoint>
@@ -16,10 +17,13 @@ namespace {
 
 struct Listener {
     explicit Listener(const QString &name) {
-        token = DistributedNotificationCenter::defaultCenter().addObserver(name, [this](const Message &m) { got.push_back(m); });
+        token = DistributedNotificationCenter::defaultCenter().addObserver(
+            name, [this](const Message &m) { got.push_back(m); });
     }
     ~Listener() { DistributedNotificationCenter::defaultCenter().removeObserver(token); }
-    bool waitFor(size_t n) { return test::processEventsUntil([&] { return got.size() >= n; }); }
+    bool waitFor(size_t n) {
+        return test::processEventsUntil([&] { return got.size() >= n; });
+    }
     DistributedNotificationCenter::Token token;
     std::vector<Message> got;
 };
@@ -85,6 +89,11 @@ TEST(DistributedNotifications, MalformedAndHostileMessagesAreDroppedAndLaterOnes
     bus.send(rawPost({QString("hostile"), QString(DistributedNotificationCenter::kMaxNameLength + 1, 'o'),
                       QVariant::fromValue(QVariantMap{})}));
     bus.send(rawPost({QString("hostile"), QString(), QVariant::fromValue(QVariantMap{{"t", longText}})}));
+    // A descriptor is no property-list value (and would be kept open).
+    ASSERT_TRUE(bus.connectionCapabilities() & QDBusConnection::UnixFileDescriptorPassing);
+    bus.send(
+        rawPost({QString("hostile"), QString(),
+                 QVariant::fromValue(QVariantMap{{"fd", QVariant::fromValue(QDBusUnixFileDescriptor(2))}})}));
     // Large but legal: the longest text and a 100,000-element array arrive intact.
     auto &center = DistributedNotificationCenter::defaultCenter();
     ASSERT_TRUE(center.post("hostile", "",
@@ -106,5 +115,6 @@ TEST(DistributedNotifications, MalformedAndHostileMessagesAreDroppedAndLaterOnes
 
 TEST(DistributedNotifications, ValuesThatCannotTravelAreRefused) {
     EXPECT_FALSE(DistributedNotificationCenter::toWire(QVariant::fromValue(QPoint(1, 2))).isValid());
-    EXPECT_FALSE(DistributedNotificationCenter::defaultCenter().post("x", "", QVariantMap{{"p", QVariant::fromValue(QPoint(1, 2))}}));
+    EXPECT_FALSE(DistributedNotificationCenter::defaultCenter().post(
+        "x", "", QVariantMap{{"p", QVariant::fromValue(QPoint(1, 2))}}));
 }
