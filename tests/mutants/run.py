@@ -45,6 +45,17 @@ def failing_tests(build, junit, names=None):
     return sorted(failed)
 
 
+def executables(build, names):
+    """The build targets whose executables run the named tests."""
+    r = subprocess.run(['ctest', '--test-dir', build, '--show-only=json-v1'], cwd=ROOT,
+                       stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+    targets = set()
+    for test in json.loads(r.stdout or '{}').get('tests', []):
+        if test.get('name') in names and test.get('command'):
+            targets.add(os.path.basename(test['command'][0]))
+    return sorted(targets)
+
+
 def renamed():
     """Old test name -> its present names (a merged test keeps one new name,
     a split one several)."""
@@ -64,7 +75,7 @@ def main():
     ap.add_argument('--out', default='')
     ap.add_argument('--quick', action='store_true')
     args = ap.parse_args()
-    before = {}
+    before, names = {}, {}
     if args.quick:
         before = json.load(open(os.path.join(ROOT, 'tests/mutants/before.json')))
         args.out = args.out or 'tests/mutants/after.json'
@@ -96,14 +107,18 @@ def main():
         started = time.time()
         try:
             open(path, 'w').write(original.replace(m['find'], m['replace']))
-            r = run(['cmake', '--build', build])
+            present = set()
+            for old in before.get(m['id'], []):
+                present |= names.get(old, {old})
+            # Quick: only what the catching tests run (and the station they may start).
+            targets = executables(build, present) + ['BrixCanonCapture'] if args.quick else []
+            r = run(['cmake', '--build', build] + (['--target'] + targets if targets else []))
             if r.returncode:
                 caught = ['(build fails)']
             elif args.quick:
-                present = set()
-                for old in before[m['id']]:
-                    present |= names.get(old, {old})
-                caught = failing_tests(build, junit, present) or failing_tests(build, junit)
+                caught = failing_tests(build, junit, present)
+                if not caught and run(['cmake', '--build', build]).returncode == 0:
+                    caught = failing_tests(build, junit)
             else:
                 caught = failing_tests(build, junit)
         finally:
