@@ -6,10 +6,11 @@ suite and records which tests catch it.
     tests/mutants/run.py --quick [--build DIR]
 
 --quick re-checks the recorded faults only: for each fault before.json says a
-test caught, it runs just those tests (under their present names, through
-renamed.txt for tests since renamed or merged), falls back to the whole suite
-when none of them fails, and writes after.json. Faults no test caught before
-are skipped.
+test caught, it builds and runs just those tests (under their present names,
+through renamed.txt for tests since renamed or merged), one at a time up to the
+first that fails, falls back to the whole suite when none of them fails, and
+writes after.json with the tests that caught each fault. Faults no test caught
+before are skipped.
 
 The build folder is configured on first use (Debug, no sanitizer: faults are
 caught by assertions, not by the sanitizers). Each fault is reverted before the
@@ -116,7 +117,13 @@ def main():
             if r.returncode:
                 caught = ['(build fails)']
             elif args.quick:
-                caught = failing_tests(build, junit, present)
+                # One at a time, up to the first that fails: a fault that hangs
+                # its tests costs one time-out, not one per test.
+                caught = []
+                for name in sorted(present):
+                    caught = failing_tests(build, junit, {name})
+                    if caught:
+                        break
                 if not caught and run(['cmake', '--build', build]).returncode == 0:
                     caught = failing_tests(build, junit)
             else:
