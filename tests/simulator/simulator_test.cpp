@@ -1,5 +1,5 @@
 // What the simulated body does beyond the common backend contract: AE-mode
-// dependent settings, legacy bodies, shot files and names, live-view timing,
+// dependent settings, shot files and names, live-view timing,
 // refusals, plugging, and reference bookkeeping.
 #include "SimulatorBackend.h"
 
@@ -98,28 +98,6 @@ TEST_F(Simulator, TheAEModeDecidesWhichExposureSettingsTheHostMayChange) {
     EXPECT_EQ(set(kEdsPropID_BatteryLevel, 10), EDS_ERR_NOT_SUPPORTED);
     ASSERT_EQ(control_->setProperty(kEdsPropID_BatteryLevel, 0xFFFFFFFF), EDS_ERR_OK);
     EXPECT_EQ(get(kEdsPropID_BatteryLevel), 0xFFFFFFFFu);
-}
-
-TEST_F(Simulator, ALegacyBodyAnswersOnlyWhileItsControlsAreLocked) {
-    EXPECT_TRUE(SimulatorControl::isLegacyModelName("canon eos 40d"));
-    EXPECT_FALSE(SimulatorControl::isLegacyModelName(kSimulatorDefaultModel));
-    ASSERT_EQ(control_->plug("Canon EOS 40D", -1), 2);
-    open(1);
-    EdsDeviceInfo info{};
-    ASSERT_EQ(sdk_->EdsGetDeviceInfo(camera_.get(), &info), EDS_ERR_OK);
-    EXPECT_STREQ(info.szDeviceDescription, "Canon EOS 40D");
-    EXPECT_EQ(info.deviceSubType, 0u);
-
-    EdsUInt32 v = 0;
-    EXPECT_EQ(sdk_->EdsGetPropertyData(camera_.get(), kEdsPropID_Av, 0, 4, &v), EDS_ERR_DEVICE_BUSY);
-    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_ExtendShutDownTimer, 0),
-              EDS_ERR_DEVICE_BUSY);
-    ASSERT_EQ(sdk_->EdsSendStatusCommand(camera_.get(), kEdsCameraStatusCommand_UILock, 0), EDS_ERR_OK);
-    EXPECT_EQ(sdk_->EdsGetPropertyData(camera_.get(), kEdsPropID_Av, 0, 4, &v), EDS_ERR_OK);
-    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_ExtendShutDownTimer, 0), EDS_ERR_OK);
-    ASSERT_EQ(sdk_->EdsSendStatusCommand(camera_.get(), kEdsCameraStatusCommand_UIUnLock, 0), EDS_ERR_OK);
-    EXPECT_EQ(sdk_->EdsGetPropertyData(camera_.get(), kEdsPropID_Av, 0, 4, &v), EDS_ERR_DEVICE_BUSY);
-    EXPECT_EQ(sdk_->EdsCloseSession(camera_.get()), EDS_ERR_OK);
 }
 
 TEST_F(Simulator, ShotsAreRealFilesNamedInOrderAndSizedAsAsked) {
