@@ -4,10 +4,8 @@
 #include "HotFolder.h"
 #include "InterAppNotifications.h"
 #include "Preferences.h"
-#include "TestSupport.h"
+#include "Station.h"
 
-#include <QDBusConnection>
-#include <QDBusMessage>
 #include <QDir>
 #include <QFile>
 
@@ -16,90 +14,11 @@
 using namespace brix;
 namespace ia = brix::interapp;
 
-namespace {
-
-// A sibling application: its own connection to the bus, recording everything
-// posted under the names it listens to.
-class Sibling {
-public:
-    explicit Sibling(const QStringList &names)
-        : connection_(QDBusConnection::connectToBus(QDBusConnection::SessionBus,
-                                                    QStringLiteral("sibling%1").arg(++counter_))),
-          center_(connection_) {
-        for (const QString &n : names)
-            center_.addObserver(
-                n, [this](const DistributedNotificationCenter::Message &m) { received.push_back(m); });
-    }
-    ~Sibling() { QDBusConnection::disconnectFromBus(connection_.name()); }
-
-    bool waitFor(size_t count) {
-        return test::processEventsUntil([&] { return received.size() >= count; }, std::chrono::seconds(10));
-    }
-    // Sends a marker and waits for it: everything sent before it has arrived.
-    void sync() {
-        size_t before = received.size();
-        center_.post("sibling.marker", QString(), {});
-        test::processEventsUntil([&] {
-            for (size_t i = before; i < received.size(); ++i)
-                if (received[i].name == "sibling.marker")
-                    return true;
-            return false;
-        });
-    }
-
-    std::vector<DistributedNotificationCenter::Message> received;
-
-private:
-    static inline int counter_ = 0;
-    QDBusConnection connection_;
-    DistributedNotificationCenter center_;
-};
-
-} // namespace
-
-TEST(InterApp, NewFileAnnouncementCarriesThePathTwiceAndTheSender) {
-    Sibling sibling({ia::kBrixXNotification});
-    ia::mySendBrixXNotification2(QStringLiteral("/photos/20250101120000123.jpg"));
-    ia::mySendBrixXNotification2(QVariant()); // no path: the default folder
-    ASSERT_TRUE(sibling.waitFor(2));
-    const auto &first = sibling.received[0];
-    EXPECT_EQ(first.object, "test");
-    EXPECT_EQ(first.userInfo.value("filePath").toString(), "/photos/20250101120000123.jpg");
-    EXPECT_EQ(first.userInfo.value("prefSaveFolderToPath").toString(), "/photos/20250101120000123.jpg");
-    EXPECT_EQ(first.userInfo.value("senderBundleIdentifier").toString(), "com.lumetra.BrixCanonCapture");
-    EXPECT_EQ(first.userInfo.value("senderApp").toString(), ia::senderApp());
-    EXPECT_FALSE(ia::senderApp().isEmpty());
-    EXPECT_EQ(sibling.received[1].userInfo.value("filePath").toString(),
-              test::testHome() + "/Desktop/CanonFolder");
-}
-
-TEST(InterApp, PreviewerGetsOnePathOrAWholeList) {
-    Sibling previewer({ia::kPreviewerNotification});
-    ia::mySendPreviewerAppNotificationWithFilePath(QStringLiteral("/p/a.jpg"));
-    ia::mySendPreviewerAppNotificationWithFilePath(QStringList{"/p/a.jpg", "/p/b.jpg"});
-    ASSERT_TRUE(previewer.waitFor(2));
-    EXPECT_EQ(previewer.received[0].userInfo.value("action").toString(), "newImageToDisplayForPreviewer");
-    EXPECT_EQ(previewer.received[0].userInfo.value("value").toString(), "/p/a.jpg");
-    EXPECT_EQ(previewer.received[1].userInfo.value("value").toStringList(),
-              (QStringList{"/p/a.jpg", "/p/b.jpg"}));
-}
-
-TEST(InterApp, StatusReplyAddsIdentityAndHasNoObject) {
-    Sibling sibling({ia::kBrixXNotification});
-    EXPECT_FALSE(ia::mySendBrixNikonNotification(nullptr));
-    QVariantMap reply{{ia::kCameraStatus, ia::kCameraStatusNone}};
-    EXPECT_TRUE(ia::mySendBrixNikonNotification(&reply));
-    EXPECT_EQ(reply.value("identifier").toString(), "com.lumetra.BrixCanonCapture");
-    ASSERT_TRUE(sibling.waitFor(1));
-    const auto &m = sibling.received[0];
-    EXPECT_EQ(m.object, "");
-    EXPECT_EQ(m.userInfo.keys(), (QStringList{"cameraStatus", "identifier", "senderApp"}));
-    EXPECT_EQ(m.userInfo.value("cameraStatus").metaType().id(), QMetaType::UInt); // "u" on the wire
-}
+using test::Sibling;
 
 TEST(InterApp, SwitchedOffSendersSendNothingWhileTheOthersWork) {
     Sibling sibling({ia::kBrixXNotification, ia::kFlashDriveNotification, ia::kWebServerNotification,
-                     ia::kVideoAppNotification, ia::kSalesStationNotification, "sibling.marker"});
+                     ia::kVideoAppNotification, ia::kSalesStationNotification});
     ia::mySendFlashWriterAppNotificationWithFilePath("/x.jpg");
     ia::mySendNotificationToWebServerAppWithDictionary({{"copies", 1}});
     ia::mySendVideoAppNotificationWithCustomerIDAndPath("c1", "/f");

@@ -1,14 +1,10 @@
 // The station keeps itself alive: the real executable and its watchdog on a
 // private bus with a temporary HOME, killed, crashed, hung, started twice.
 #include "AppDelegate.h"
-#include "DistributedNotificationCenter.h"
 #include "Preferences.h"
-#include "TestSupport.h"
+#include "Station.h"
 #include "Watchdog.h"
 
-#include <QDBusConnection>
-#include <QDBusConnectionInterface>
-#include <QDBusInterface>
 #include <QDBusReply>
 #include <QDir>
 #include <QFile>
@@ -19,9 +15,10 @@
 
 #include <signal.h>
 
+#include <algorithm>
+
 using namespace brix;
 using namespace std::chrono_literals;
-using Message = DistributedNotificationCenter::Message;
 
 namespace {
 
@@ -34,11 +31,6 @@ class KeepAlive : public ::testing::Test {
 protected:
     void SetUp() override {
         home_ = test::testHome();
-        connection_ = std::make_unique<QDBusConnection>(
-            QDBusConnection::connectToBus(QDBusConnection::SessionBus, QStringLiteral("keepalive-sibling")));
-        center_ = std::make_unique<DistributedNotificationCenter>(*connection_);
-        center_->addObserver(QStringLiteral("brixXNotification"),
-                             [this](const Message &m) { received_.push_back(m); });
         env_ = QProcessEnvironment::systemEnvironment();
         env_.insert("BRIX_CAMERA_BACKEND", "simulator");
         env_.insert("XDG_RUNTIME_DIR", home_ + "/run");
@@ -55,8 +47,6 @@ protected:
         test::processEventsUntil(
             [&] { return ours("watchdog").isEmpty() && ours("BrixCanonCapture").isEmpty(); }, 20s);
         first_.waitForFinished(5000);
-        center_.reset();
-        QDBusConnection::disconnectFromBus(QStringLiteral("keepalive-sibling"));
     }
 
     // Live processes of this test (its HOME) running the named executable.
@@ -100,27 +90,16 @@ protected:
         return up ? pid : 0;
     }
     size_t cameraAnnouncements() const {
-        size_t n = 0;
-        for (const Message &m : received_)
-            n += m.userInfo.value("cameraStatus").toUInt() == 1 ? 1 : 0;
-        return n;
+        const auto s = sibling_.statuses();
+        return size_t(std::count(s.begin(), s.end(), 1u));
     }
     // A shot on the simulated body is saved and announced.
     bool shotIsSavedAndAnnounced() {
-        auto count = [&] {
-            int n = 0;
-            for (const Message &m : received_)
-                n += m.userInfo.contains("filePath") ? 1 : 0;
-            return n;
-        };
-        const int before = count();
-        QDBusInterface sim("com.lumetra.BrixCanonCapture.Simulator", "/com/lumetra/brix/Simulator",
-                           "com.lumetra.brix.Simulator");
-        if (!sim.call("PressShutter").errorName().isEmpty())
+        const size_t before = sibling_.files().size();
+        if (!test::StationProcess::simulator().call("PressShutter").errorName().isEmpty() ||
+            !sibling_.waitForFiles(before + 1, kUp))
             return false;
-        if (!test::processEventsUntil([&] { return count() > before; }, kUp))
-            return false;
-        return QFileInfo::exists(received_.back().userInfo.value("filePath").toString());
+        return QFileInfo::exists(sibling_.files().back().userInfo.value("filePath").toString());
     }
     void startFirst(const QStringList &extraEnv = {}) {
         QProcessEnvironment env = env_;
@@ -138,7 +117,7 @@ protected:
         return p.state() == QProcess::NotRunning || p.waitForFinished(30000);
     }
     QString log() const {
-        QFile f(home_ + "/.local/state/Logs/Brix/BrixCanonCapture.log");
+        QFile f(test::StationProcess::logPath());
         return f.open(QIODevice::ReadOnly) ? QString::fromUtf8(f.readAll()) : QString();
     }
     bool waitForLog(const QString &text) {
@@ -148,18 +127,19 @@ protected:
     QString home_;
     QProcessEnvironment env_;
     QProcess first_;
-    std::unique_ptr<QDBusConnection> connection_;
-    std::unique_ptr<DistributedNotificationCenter> center_;
-    std::vector<Message> received_;
+    test::Sibling sibling_{{"brixXNotification"}};
 };
 
 } // namespace
 
-TEST_F(KeepAlive, SecondCopyAsksTheFirstToComeForwardAndLeavesItsCamera) {
+TEST_F(KeepAlive, SecondCopyAndHangUpLeaveTheFirstAndTerminateEndsItWithoutRelaunch) {
     startFirst();
     const pid_t first = waitForStation(0);
     ASSERT_EQ(first, pid_t(first_.processId()));
+    const QList<pid_t> watchdog = ours("watchdog");
+    ASSERT_EQ(watchdog.size(), 1);
 
+    // A second copy asks the first to come forward and leaves its camera alone.
     QProcess second;
     second.setProcessEnvironment(env_);
     second.start(BRIX_EXECUTABLE, {"--headless"});
@@ -170,15 +150,28 @@ TEST_F(KeepAlive, SecondCopyAsksTheFirstToComeForwardAndLeavesItsCamera) {
     EXPECT_EQ(second.exitCode(), 0);
     ASSERT_TRUE(
         waitForLog(QStringLiteral("another instance (pid %1) asked us to come forward").arg(secondPid)));
-    const QString text = log();
     EXPECT_TRUE(
-        text.contains("Inside AppDelegate => checkForDuplicateRunningInstances...Another Instance of this "
-                      "app is already running..."));
-    // The second copy never reached the camera: one simulator, one watchdog, one camera.
-    EXPECT_EQ(text.count("simulator control on the session bus"), 1);
-    EXPECT_EQ(ours("watchdog").size(), 1);
+        log().contains("Inside AppDelegate => checkForDuplicateRunningInstances...Another Instance of this "
+                       "app is already running..."));
+    EXPECT_EQ(log().count("simulator control on the session bus"), 1);
+
+    ::kill(first, SIGHUP);
+    ASSERT_TRUE(waitForLog("Caught Hangup ... ignoring."));
     EXPECT_EQ(owner(), first);
+    EXPECT_EQ(ours("watchdog"), watchdog);
     EXPECT_TRUE(shotIsSavedAndAnnounced());
+
+    ::kill(first, SIGTERM);
+    ASSERT_TRUE(finished(first_));
+    EXPECT_EQ(first_.exitStatus(), QProcess::NormalExit);
+    EXPECT_EQ(first_.exitCode(), 0);
+    // The station waited for its watchdog, which ended without relaunching.
+    EXPECT_TRUE(ours("watchdog").isEmpty());
+    const QString text = log();
+    EXPECT_TRUE(text.contains("Caught Terminated ... terminating."));
+    EXPECT_TRUE(text.contains("watchdog has terminated with exit code 0"));
+    EXPECT_TRUE(ours("BrixCanonCapture").isEmpty());
+    EXPECT_FALSE(text.contains("relaunched"));
 }
 
 TEST_F(KeepAlive, CrashSignalAndKillEachGiveARelaunchedStationThatShootsAndAnnounces) {
@@ -246,32 +239,6 @@ TEST_F(KeepAlive, FiveEndsWithinThirtySecondsStopTheLoop) {
     ::kill(station, SIGKILL);
     ASSERT_TRUE(test::processEventsUntil([&] { return ours("BrixCanonCapture").isEmpty(); }, kUp));
     EXPECT_TRUE(ours("watchdog").isEmpty());
-}
-
-TEST_F(KeepAlive, HangUpIsLoggedAndTerminateEndsStationAndWatchdogWithoutRelaunch) {
-    startFirst();
-    const pid_t station = waitForStation(0);
-    ASSERT_GT(station, 0);
-    const QList<pid_t> watchdog = ours("watchdog");
-    ASSERT_EQ(watchdog.size(), 1);
-
-    ::kill(station, SIGHUP);
-    ASSERT_TRUE(waitForLog("Caught Hangup ... ignoring."));
-    EXPECT_EQ(owner(), station);
-    EXPECT_EQ(ours("watchdog"), watchdog);
-    EXPECT_TRUE(shotIsSavedAndAnnounced());
-
-    ::kill(station, SIGTERM);
-    ASSERT_TRUE(finished(first_));
-    EXPECT_EQ(first_.exitStatus(), QProcess::NormalExit);
-    EXPECT_EQ(first_.exitCode(), 0);
-    // The station waited for its watchdog, which ended without relaunching.
-    EXPECT_TRUE(ours("watchdog").isEmpty());
-    const QString text = log();
-    EXPECT_TRUE(text.contains("Caught Terminated ... terminating."));
-    EXPECT_TRUE(text.contains("watchdog has terminated with exit code 0"));
-    EXPECT_TRUE(ours("BrixCanonCapture").isEmpty());
-    EXPECT_FALSE(text.contains("relaunched"));
 }
 
 TEST_F(KeepAlive, HungStationIsKilledAndRelaunched) {

@@ -1,15 +1,11 @@
 // Runs the real executable.
 #include "CommandLine.h"
 
-#include <QFile>
-#include "TestSupport.h"
+#include "Station.h"
 
-#include <QFile>
 #include <QProcess>
 
 #include <gtest/gtest.h>
-
-#include <signal.h>
 
 using namespace brix;
 
@@ -32,34 +28,19 @@ TEST(Station, PrintsHelp) {
 // The station writes its whole error stream into the rotating log under the
 // XDG state folder, which starts with the machine report.
 TEST(Station, HeadlessStaysUpUntilSigtermThenEndsCleanly) {
-    QFile log(qEnvironmentVariable("XDG_STATE_HOME") + "/Logs/Brix/BrixCanonCapture.log");
-    QProcess p;
-    p.setProcessChannelMode(QProcess::SeparateChannels);
-    p.start(BRIX_EXECUTABLE, {"--headless"});
-    ASSERT_TRUE(p.waitForStarted(10000));
+    test::StationProcess station;
+    ASSERT_TRUE(station.start({"--headless"}, QProcess::SeparateChannels));
     // Up and running: it logged its start and is still alive a moment later.
-    QByteArray text;
-    for (int i = 0; i < 100 && !text.contains("starting"); ++i) {
-        p.waitForFinished(100);
-        if (log.open(QIODevice::ReadOnly)) {
-            text = log.readAll();
-            log.close();
-        }
-    }
-    ASSERT_TRUE(text.contains("starting")) << text.constData();
+    ASSERT_TRUE(station.waitForLog("starting")) << station.log().toStdString();
+    const QString text = station.log();
     EXPECT_TRUE(text.left(text.indexOf('\n'))
                     .endsWith("[Q com.apple.main-thread] +[Logger setLogFile:] file://" +
-                              QFile::encodeName(log.fileName())))
-        << text.constData();
-    EXPECT_TRUE(text.contains("    | Physical memory: ")) << text.constData();
-    EXPECT_FALSE(p.waitForFinished(300));
-    ::kill(pid_t(p.processId()), SIGTERM);
-    ASSERT_TRUE(p.waitForFinished(20000));
-    EXPECT_EQ(p.exitStatus(), QProcess::NormalExit);
-    EXPECT_EQ(p.exitCode(), 0);
-    EXPECT_TRUE(p.readAllStandardError().isEmpty());
-    ASSERT_TRUE(log.open(QIODevice::ReadOnly));
-    text = log.readAll();
-    EXPECT_TRUE(text.contains("Caught Terminated ... terminating.")) << text.constData();
-    EXPECT_TRUE(text.contains("ended with status 0")) << text.constData();
+                              test::StationProcess::logPath()))
+        << text.toStdString();
+    EXPECT_TRUE(text.contains("    | Physical memory: ")) << text.toStdString();
+    EXPECT_FALSE(station.process().waitForFinished(300));
+    EXPECT_EQ(station.terminate(), 0);
+    EXPECT_TRUE(station.process().readAllStandardError().isEmpty());
+    EXPECT_TRUE(station.log().contains("Caught Terminated ... terminating.")) << station.log().toStdString();
+    EXPECT_TRUE(station.log().contains("ended with status 0")) << station.log().toStdString();
 }

@@ -1,10 +1,7 @@
 // End-to-end: brixctl against the real station, headless on the simulated
 // camera, each a process of its own on the test's private session bus.
-#include "TestSupport.h"
+#include "Station.h"
 
-#include <QDBusConnection>
-#include <QDBusConnectionInterface>
-#include <QDBusInterface>
 #include <QElapsedTimer>
 #include <QFileInfo>
 #include <QJsonDocument>
@@ -44,46 +41,30 @@ Result brixctl(const QStringList &arguments) {
 class Brixctl : public ::testing::Test {
 protected:
     void TearDown() override {
-        for (QProcess *p : {&station_, &watch_})
-            if (p->state() != QProcess::NotRunning) {
-                ::kill(pid_t(p->processId()), SIGTERM);
-                p->waitForFinished(20000);
-            }
+        if (watch_.state() != QProcess::NotRunning) {
+            ::kill(pid_t(watch_.processId()), SIGTERM);
+            watch_.waitForFinished(20000);
+        }
     }
-
     void startStation(const QStringList &extra = {}) {
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert("BRIX_CAMERA_BACKEND", "simulator");
-        station_.setProcessEnvironment(env);
-        station_.start(BRIX_EXECUTABLE, QStringList{"--headless"} + extra);
-        ASSERT_TRUE(station_.waitForStarted(10000));
-        ASSERT_TRUE(test::processEventsUntil(
-            [] {
-                return QDBusConnection::sessionBus().interface()->isServiceRegistered(
-                    "com.lumetra.BrixCanonCapture.Simulator");
-            },
-            20s));
-        ASSERT_TRUE(simulator().call("SetShotFormat", QString("JPG"), 0u).errorName().isEmpty());
+        ASSERT_TRUE(station_.start(QStringList{"--headless"} + extra, QProcess::SeparateChannels));
+        ASSERT_TRUE(station_.waitForSimulator());
     }
     // Everything the station printed so far.
     QString stationOutput() {
-        stationOut_ += QString::fromLocal8Bit(station_.readAllStandardOutput());
+        stationOut_ += QString::fromLocal8Bit(station_.process().readAllStandardOutput());
         return stationOut_;
     }
     bool stationPrinted(const QString &text) {
         return test::processEventsUntil(
             [&] {
-                station_.waitForReadyRead(50);
+                station_.process().waitForReadyRead(50);
                 return stationOutput().contains(text);
             },
             30s);
     }
-    static QDBusInterface simulator() {
-        return QDBusInterface("com.lumetra.BrixCanonCapture.Simulator", "/com/lumetra/brix/Simulator",
-                              "com.lumetra.brix.Simulator");
-    }
 
-    QProcess station_;
+    test::StationProcess station_;
     QProcess watch_;
     QString stationOut_;
 };
@@ -108,10 +89,8 @@ TEST_F(Brixctl, ShootAndStatusWithAndWithoutACameraAsTheOperatorSeesThem) {
     EXPECT_EQ(status.code, 0) << status.err.toStdString();
     EXPECT_EQ(status.out, "connected: Canon EOS 5D Mark IV\n");
     EXPECT_EQ(brixctl({"save-settings"}).code, 0);
-    EXPECT_TRUE(test::processEventsUntil([] {
-        QFile log(test::testHome() + "/.local/state/Logs/Brix/BrixCanonCapture.log");
-        return log.open(QIODevice::ReadOnly) && log.readAll().contains("ibSaveSettings:.....mTable[");
-    })) << "the station remembered the body's settings";
+    EXPECT_TRUE(station_.waitForLog("ibSaveSettings:.....mTable["))
+        << "the station remembered the body's settings";
 
     ASSERT_EQ(brixctl({"sim", "unplug"}).code, 0);
     ASSERT_TRUE(stationPrinted("camera lost: Canon EOS 5D Mark IV\n")) << stationOutput().toStdString();
@@ -147,7 +126,7 @@ TEST_F(Brixctl, WatchPrintsABurstOfTenInOrderUntilInterrupted) {
         },
         60s));
 
-    auto sim = simulator();
+    auto sim = test::StationProcess::simulator();
     for (int i = 0; i < 10; ++i)
         ASSERT_TRUE(sim.call("PressShutter").errorName().isEmpty());
     QStringList paths;

@@ -16,107 +16,9 @@
 
 namespace brix::eds::contract {
 
-class EdsContract : public ::testing::TestWithParam<Backend> {
+class EdsContract : public SdkSession, public ::testing::WithParamInterface<Backend> {
 protected:
-    void SetUp() override {
-        sdk_ = GetParam().make();
-        ASSERT_TRUE(sdk_);
-        log_.sdk = sdk_.get();
-        ASSERT_EQ(sdk_->EdsInitializeSDK(), EDS_ERR_OK);
-    }
-
-    void TearDown() override {
-        if (camera_) {
-            sdk_->EdsSetCameraStateEventHandler(camera_.get(), kEdsStateEvent_All, nullptr, nullptr);
-            sdk_->EdsSetPropertyEventHandler(camera_.get(), kEdsPropertyEvent_All, nullptr, nullptr);
-            sdk_->EdsSetObjectEventHandler(camera_.get(), kEdsObjectEvent_All, nullptr, nullptr);
-            if (sessionOpen_)
-                sdk_->EdsCloseSession(camera_.get());
-        }
-        for (EdsBaseRef item : log_.items)
-            sdk_->EdsRelease(item);
-        log_.items.clear();
-        camera_.reset();
-        if (GetParam().callerReferences) {
-            EXPECT_EQ(GetParam().callerReferences(*sdk_), 0) << "references were not balanced";
-        }
-        sdk_->EdsTerminateSDK();
-        sdk_.reset();
-        if (GetParam().done)
-            GetParam().done();
-    }
-
-    // The first camera of the list, with a session and all three handlers.
-    void openFirstCamera() {
-        EdsCameraListHandle list;
-        ASSERT_EQ(sdk_->EdsGetCameraList(list.receive(*sdk_)), EDS_ERR_OK);
-        EdsUInt32 count = 0;
-        ASSERT_EQ(sdk_->EdsGetChildCount(list.get(), &count), EDS_ERR_OK);
-        ASSERT_GE(count, 1u) << "the contract needs one camera attached";
-        ASSERT_EQ(sdk_->EdsGetChildAtIndex(list.get(), 0, camera_.receive(*sdk_)), EDS_ERR_OK);
-        ASSERT_EQ(
-            sdk_->EdsSetCameraStateEventHandler(camera_.get(), kEdsStateEvent_All, &EventLog::onState, &log_),
-            EDS_ERR_OK);
-        ASSERT_EQ(sdk_->EdsOpenSession(camera_.get()), EDS_ERR_OK);
-        sessionOpen_ = true;
-        ASSERT_EQ(sdk_->EdsSetPropertyEventHandler(camera_.get(), kEdsPropertyEvent_All,
-                                                   &EventLog::onProperty, &log_),
-                  EDS_ERR_OK);
-        ASSERT_EQ(
-            sdk_->EdsSetObjectEventHandler(camera_.get(), kEdsObjectEvent_All, &EventLog::onObject, &log_),
-            EDS_ERR_OK);
-    }
-
-    EdsError setUInt32(EdsPropertyID id, EdsUInt32 value) {
-        return sdk_->EdsSetPropertyData(camera_.get(), id, 0, sizeof value, &value);
-    }
-    EdsUInt32 getUInt32(EdsPropertyID id) {
-        EdsUInt32 value = 0xDEADBEEF;
-        EXPECT_EQ(sdk_->EdsGetPropertyData(camera_.get(), id, 0, sizeof value, &value), EDS_ERR_OK);
-        return value;
-    }
-
-    // Saves to the host and takes one picture; returns the offered item (owned by log_).
-    EdsBaseRef shootToHost() {
-        EXPECT_EQ(setUInt32(kEdsPropID_SaveTo, kEdsSaveTo_Host), EDS_ERR_OK);
-        EXPECT_EQ(sdk_->EdsSetCapacity(camera_.get(), EdsCapacity{0x7FFFFFFF, 512, 1}), EDS_ERR_OK);
-        size_t before;
-        {
-            std::lock_guard lock(log_.mutex);
-            before = log_.items.size();
-        }
-        EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_TakePicture, 0), EDS_ERR_OK);
-        EXPECT_TRUE(test::processEventsUntil(
-            [&] {
-                std::lock_guard lock(log_.mutex);
-                return log_.items.size() > before;
-            },
-            std::chrono::seconds(30)));
-        std::lock_guard lock(log_.mutex);
-        return log_.items.size() > before ? log_.items.back() : nullptr;
-    }
-
-    QByteArray download(EdsBaseRef item, Progress *progress) {
-        EdsDirectoryItemInfo info{};
-        EXPECT_EQ(sdk_->EdsGetDirectoryItemInfo(item, &info), EDS_ERR_OK);
-        QByteArray bytes(qsizetype(info.size), '\0');
-        EdsStreamHandle stream;
-        EXPECT_EQ(sdk_->EdsCreateMemoryStreamFromPointer(bytes.data(), info.size, stream.receive(*sdk_)),
-                  EDS_ERR_OK);
-        if (progress) {
-            EXPECT_EQ(sdk_->EdsSetProgressCallback(stream.get(), &Progress::callback,
-                                                   kEdsProgressOption_Periodically, progress),
-                      EDS_ERR_OK);
-        }
-        const EdsError e = sdk_->EdsDownload(item, info.size, stream.get());
-        EXPECT_EQ(e, EDS_ERR_OK);
-        return e == EDS_ERR_OK ? bytes : QByteArray();
-    }
-
-    std::unique_ptr<EdsSdk> sdk_;
-    EventLog log_;
-    EdsCameraHandle camera_;
-    bool sessionOpen_ = false;
+    const Backend &backend() const override { return GetParam(); }
 };
 
 TEST_P(EdsContract, CameraListDeviceInfoAndBadArgumentsAnswerWithCodes) {
@@ -207,7 +109,8 @@ TEST_P(EdsContract, DownloadDeliversTheExactBytesWithProgressTo100) {
     EdsDirectoryItemInfo info{};
     ASSERT_EQ(sdk_->EdsGetDirectoryItemInfo(item, &info), EDS_ERR_OK);
     const QString fileName = QString::fromUtf8(info.szFileName);
-    EXPECT_TRUE(fileName.endsWith(".JPG", Qt::CaseInsensitive) || fileName.endsWith(".CR2", Qt::CaseInsensitive))
+    EXPECT_TRUE(fileName.endsWith(".JPG", Qt::CaseInsensitive) ||
+                fileName.endsWith(".CR2", Qt::CaseInsensitive))
         << fileName.toStdString();
     ASSERT_GT(info.size, 0u);
 

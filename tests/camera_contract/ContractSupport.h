@@ -1,5 +1,6 @@
 // The pieces of the backend contract suite that other tests may share: the
-// Backend record that describes a backend, and recorders for the callbacks.
+// Backend record that describes a backend, recorders for the callbacks, and
+// the fixture of a session on a backend's first camera.
 // Header-only; include it anywhere (ContractSuite.h only once per executable).
 #pragma once
 
@@ -113,6 +114,114 @@ struct Progress {
             *cancel = percent >= p->cancelAt;
         return EDS_ERR_OK;
     }
+};
+
+// One backend made, initialised and, once openFirstCamera() ran, with a session
+// on a camera whose callbacks go to log_; everything is given back at the end
+// and the references are checked to balance.
+class SdkSession : public ::testing::Test {
+protected:
+    virtual const Backend &backend() const = 0;
+
+    void SetUp() override {
+        sdk_ = backend().make();
+        ASSERT_TRUE(sdk_);
+        log_.sdk = sdk_.get();
+        ASSERT_EQ(sdk_->EdsInitializeSDK(), EDS_ERR_OK);
+    }
+
+    void TearDown() override {
+        if (camera_) {
+            sdk_->EdsSetCameraStateEventHandler(camera_.get(), kEdsStateEvent_All, nullptr, nullptr);
+            sdk_->EdsSetPropertyEventHandler(camera_.get(), kEdsPropertyEvent_All, nullptr, nullptr);
+            sdk_->EdsSetObjectEventHandler(camera_.get(), kEdsObjectEvent_All, nullptr, nullptr);
+            if (sessionOpen_)
+                sdk_->EdsCloseSession(camera_.get());
+        }
+        for (EdsBaseRef item : log_.items)
+            sdk_->EdsRelease(item);
+        log_.items.clear();
+        camera_.reset();
+        if (backend().callerReferences) {
+            EXPECT_EQ(backend().callerReferences(*sdk_), 0) << "references were not balanced";
+        }
+        sdk_->EdsTerminateSDK();
+        sdk_.reset();
+        if (backend().done)
+            backend().done();
+    }
+
+    // The camera at `index` of the list, with a session and all three handlers.
+    void openFirstCamera(int index = 0) {
+        EdsCameraListHandle list;
+        ASSERT_EQ(sdk_->EdsGetCameraList(list.receive(*sdk_)), EDS_ERR_OK);
+        EdsUInt32 count = 0;
+        ASSERT_EQ(sdk_->EdsGetChildCount(list.get(), &count), EDS_ERR_OK);
+        ASSERT_GT(count, EdsUInt32(index)) << "the contract needs one camera attached";
+        ASSERT_EQ(sdk_->EdsGetChildAtIndex(list.get(), index, camera_.receive(*sdk_)), EDS_ERR_OK);
+        ASSERT_EQ(
+            sdk_->EdsSetCameraStateEventHandler(camera_.get(), kEdsStateEvent_All, &EventLog::onState, &log_),
+            EDS_ERR_OK);
+        ASSERT_EQ(sdk_->EdsOpenSession(camera_.get()), EDS_ERR_OK);
+        sessionOpen_ = true;
+        ASSERT_EQ(sdk_->EdsSetPropertyEventHandler(camera_.get(), kEdsPropertyEvent_All,
+                                                   &EventLog::onProperty, &log_),
+                  EDS_ERR_OK);
+        ASSERT_EQ(
+            sdk_->EdsSetObjectEventHandler(camera_.get(), kEdsObjectEvent_All, &EventLog::onObject, &log_),
+            EDS_ERR_OK);
+    }
+
+    EdsError setUInt32(EdsPropertyID id, EdsUInt32 value) {
+        return sdk_->EdsSetPropertyData(camera_.get(), id, 0, sizeof value, &value);
+    }
+    EdsUInt32 getUInt32(EdsPropertyID id) {
+        EdsUInt32 value = 0xDEADBEEF;
+        EXPECT_EQ(sdk_->EdsGetPropertyData(camera_.get(), id, 0, sizeof value, &value), EDS_ERR_OK);
+        return value;
+    }
+
+    // Saves to the host and takes one picture; returns the offered item (owned by log_).
+    EdsBaseRef shootToHost() {
+        EXPECT_EQ(setUInt32(kEdsPropID_SaveTo, kEdsSaveTo_Host), EDS_ERR_OK);
+        EXPECT_EQ(sdk_->EdsSetCapacity(camera_.get(), EdsCapacity{0x7FFFFFFF, 512, 1}), EDS_ERR_OK);
+        const size_t before = items();
+        EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_TakePicture, 0), EDS_ERR_OK);
+        EXPECT_TRUE(waitForItems(before + 1));
+        std::lock_guard lock(log_.mutex);
+        return log_.items.size() > before ? log_.items.back() : nullptr;
+    }
+    size_t items() {
+        std::lock_guard lock(log_.mutex);
+        return log_.items.size();
+    }
+    bool waitForItems(size_t n) {
+        return test::processEventsUntil([&] { return items() >= n; }, std::chrono::seconds(30));
+    }
+
+    QByteArray download(EdsBaseRef item, Progress *progress = nullptr,
+                        EdsDirectoryItemInfo *itemInfo = nullptr) {
+        EdsDirectoryItemInfo own{};
+        EdsDirectoryItemInfo &info = itemInfo ? *itemInfo : own;
+        EXPECT_EQ(sdk_->EdsGetDirectoryItemInfo(item, &info), EDS_ERR_OK);
+        QByteArray bytes(qsizetype(info.size), '\0');
+        EdsStreamHandle stream;
+        EXPECT_EQ(sdk_->EdsCreateMemoryStreamFromPointer(bytes.data(), info.size, stream.receive(*sdk_)),
+                  EDS_ERR_OK);
+        if (progress) {
+            EXPECT_EQ(sdk_->EdsSetProgressCallback(stream.get(), &Progress::callback,
+                                                   kEdsProgressOption_Periodically, progress),
+                      EDS_ERR_OK);
+        }
+        const EdsError e = sdk_->EdsDownload(item, info.size, stream.get());
+        EXPECT_EQ(e, EDS_ERR_OK);
+        return e == EDS_ERR_OK ? bytes : QByteArray();
+    }
+
+    std::unique_ptr<EdsSdk> sdk_;
+    EventLog log_;
+    EdsCameraHandle camera_;
+    bool sessionOpen_ = false;
 };
 
 } // namespace brix::eds::contract

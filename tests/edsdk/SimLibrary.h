@@ -55,6 +55,39 @@ public:
             fn(seconds);
     }
 
+    // A backend over the library, initialised, with a session open on the first
+    // attached body (one is plugged in when none is). Everything is given back
+    // when the object ends. Call open() inside ASSERT_TRUE.
+    struct Session {
+        std::unique_ptr<eds::EdsSdk> sdk;
+        eds::SimulatorControl *control = nullptr;
+        eds::EdsCameraListRef list = nullptr;
+        eds::EdsCameraRef camera = nullptr;
+
+        bool open() {
+            sdk = makeSdk();
+            control = SimLibrary::control();
+            if (!sdk || !control || sdk->EdsInitializeSDK() != eds::EDS_ERR_OK)
+                return false;
+            if (control->attachedCount() == 0)
+                control->plug("", -1);
+            return sdk->EdsGetCameraList(&list) == eds::EDS_ERR_OK &&
+                   sdk->EdsGetChildAtIndex(list, 0, &camera) == eds::EDS_ERR_OK &&
+                   sdk->EdsOpenSession(camera) == eds::EDS_ERR_OK;
+        }
+        ~Session() {
+            if (!sdk)
+                return;
+            if (camera) {
+                sdk->EdsCloseSession(camera);
+                sdk->EdsRelease(camera);
+            }
+            if (list)
+                sdk->EdsRelease(list);
+            sdk->EdsTerminateSDK();
+        }
+    };
+
 private:
     static void *handle() {
         static void *h = ::dlopen(BRIX_EDSDK_SIM_LIBRARY, RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);

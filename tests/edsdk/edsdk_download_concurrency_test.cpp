@@ -13,6 +13,7 @@
 #include <atomic>
 #include <future>
 #include <thread>
+#include <utility>
 #include <vector>
 
 using namespace brix;
@@ -79,22 +80,14 @@ TEST(EdsdkBackendConcurrency, ProgressWaitingForTheMainThreadDoesNotBlockTheMain
     dispatch::mainQueue()->async([&] { warmed = true; });
     ASSERT_TRUE(test::processEventsUntil([&] { return warmed; }));
 
-    auto sdk = SimLibrary::makeSdk();
-    ASSERT_NE(sdk, nullptr);
-    ASSERT_EQ(sdk->EdsInitializeSDK(), EDS_ERR_OK);
-    SimulatorControl *control = SimLibrary::control();
-    ASSERT_NE(control, nullptr);
-    if (control->attachedCount() == 0)
-        control->plug("", -1);
+    SimLibrary::Session session;
+    ASSERT_TRUE(session.open());
+    EdsSdk *sdk = session.sdk.get();
+    SimulatorControl *control = session.control;
+    EdsCameraRef camera = session.camera;
     ASSERT_TRUE(control->setShotFormat("JPG", 12u << 20));
-
-    EdsCameraListRef list = nullptr;
-    ASSERT_EQ(sdk->EdsGetCameraList(&list), EDS_ERR_OK);
-    EdsCameraRef camera = nullptr;
-    ASSERT_EQ(sdk->EdsGetChildAtIndex(list, 0, &camera), EDS_ERR_OK);
-    ASSERT_EQ(sdk->EdsOpenSession(camera), EDS_ERR_OK);
     Download d;
-    d.sdk = sdk.get();
+    d.sdk = sdk;
     ASSERT_EQ(sdk->EdsSetObjectEventHandler(camera, kEdsObjectEvent_All, &onObject, &d), EDS_ERR_OK);
 
     const EdsUInt32 toHost = kEdsSaveTo_Host;
@@ -129,12 +122,11 @@ TEST(EdsdkBackendConcurrency, ProgressWaitingForTheMainThreadDoesNotBlockTheMain
 
     EXPECT_EQ(sdk->EdsSetObjectEventHandler(camera, kEdsObjectEvent_All, nullptr, nullptr), EDS_ERR_OK);
     EXPECT_EQ(sdk->EdsCloseSession(camera), EDS_ERR_OK);
-    sdk->EdsRelease(camera);
-    sdk->EdsRelease(list);
+    sdk->EdsRelease(std::exchange(session.camera, nullptr));
+    sdk->EdsRelease(std::exchange(session.list, nullptr));
     // The backend's own hold on the shot is given back after its handler returns.
     EXPECT_TRUE(test::processEventsUntil([&] { return control->callerReferenceCount() == 0; }))
         << control->callerReferenceCount();
-    EXPECT_EQ(sdk->EdsTerminateSDK(), EDS_ERR_OK);
 }
 
 namespace {
@@ -163,29 +155,20 @@ TEST(EdsdkBackendConcurrency, DestroyingOnTheMainThreadWhileAHandlerWaitsForItDo
     dispatch::mainQueue()->async([&] { warmed = true; });
     ASSERT_TRUE(test::processEventsUntil([&] { return warmed; }));
 
-    auto sdk = SimLibrary::makeSdk();
-    ASSERT_NE(sdk, nullptr);
-    ASSERT_EQ(sdk->EdsInitializeSDK(), EDS_ERR_OK);
-    SimulatorControl *control = SimLibrary::control();
-    ASSERT_NE(control, nullptr);
-    if (control->attachedCount() == 0)
-        control->plug("", -1);
-    EdsCameraListRef list = nullptr;
-    ASSERT_EQ(sdk->EdsGetCameraList(&list), EDS_ERR_OK);
-    EdsCameraRef camera = nullptr;
-    ASSERT_EQ(sdk->EdsGetChildAtIndex(list, 0, &camera), EDS_ERR_OK);
-    ASSERT_EQ(sdk->EdsOpenSession(camera), EDS_ERR_OK);
+    SimLibrary::Session session;
+    ASSERT_TRUE(session.open());
+    SimulatorControl *control = session.control;
     Waiting waiting;
-    ASSERT_EQ(
-        sdk->EdsSetPropertyEventHandler(camera, kEdsPropertyEvent_All, &onPropertyWaitingForMain, &waiting),
-        EDS_ERR_OK);
-    sdk->EdsRelease(camera);
-    sdk->EdsRelease(list);
+    ASSERT_EQ(session.sdk->EdsSetPropertyEventHandler(session.camera, kEdsPropertyEvent_All,
+                                                      &onPropertyWaitingForMain, &waiting),
+              EDS_ERR_OK);
+    session.sdk->EdsRelease(std::exchange(session.camera, nullptr));
+    session.sdk->EdsRelease(std::exchange(session.list, nullptr));
 
     EXPECT_EQ(control->setStringProperty(kEdsPropID_OwnerName, "waiting"), EDS_ERR_OK);
     // Without turning the event loop: the handler is now blocked on the main thread.
     ASSERT_EQ(waiting.enteredOnce.get_future().wait_for(std::chrono::seconds(20)), std::future_status::ready);
-    sdk.reset(); // terminates the SDK and waits for the handler, which needs this thread
+    session.sdk.reset(); // terminates the SDK and waits for the handler, which needs this thread
     EXPECT_TRUE(waiting.finished.load());
 }
 

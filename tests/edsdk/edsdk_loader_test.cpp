@@ -48,7 +48,7 @@ TEST(EdsdkLoader, MissingLibraryIsRefusedWithTheReasonAndTheBackendIsNotAvailabl
     EXPECT_EQ(createEdsdkSdk(&why), nullptr);
     EXPECT_NE(why.find(missing.toStdString()), std::string::npos) << why;
     EXPECT_NE(why.find(kEdsdkLibraryName), std::string::npos) << why;
-    const std::string text = log.text();
+    const std::string text = log.text().toStdString();
     EXPECT_NE(text.find("EDSDK could not be loaded from " + missing.toStdString() + ": "), std::string::npos)
         << text;
     EXPECT_NE(text.find("EDSDK not available: "), std::string::npos) << text;
@@ -65,10 +65,10 @@ TEST(EdsdkLoader, LibraryLackingAFunctionIsRefusedNamingIt) {
     std::string why;
     EXPECT_EQ(EdsdkLibrary::openFile(BRIX_EDSDK_INCOMPLETE_LIBRARY, &why), nullptr);
     EXPECT_NE(why.find("EdsDownloadEvfImage"), std::string::npos) << why;
-    EXPECT_NE(log.text().find(std::string("EDSDK at ") + BRIX_EDSDK_INCOMPLETE_LIBRARY +
-                              " lacks the function EdsDownloadEvfImage; not used"),
+    EXPECT_NE(log.text().toStdString().find(std::string("EDSDK at ") + BRIX_EDSDK_INCOMPLETE_LIBRARY +
+                                            " lacks the function EdsDownloadEvfImage; not used"),
               std::string::npos)
-        << log.text();
+        << log.text().toStdString();
 
     // Found through BRIX_EDSDK_PATH as a folder, it is refused the same way
     // and the search goes on (to nothing, here).
@@ -92,6 +92,7 @@ TEST(EdsdkLoader, FileThatIsNoLibraryIsRefused) {
     test::LogCapture log;
     std::string why;
     EXPECT_EQ(EdsdkLibrary::openFile(path.toStdString(), &why), nullptr);
-    EXPECT_NE(log.text().find("EDSDK could not be loaded from " + path.toStdString()), std::string::npos)
-        << log.text();
+    EXPECT_NE(log.text().toStdString().find("EDSDK could not be loaded from " + path.toStdString()),
+              std::string::npos)
+        << log.text().toStdString();
 }

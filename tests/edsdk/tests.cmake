@@ -29,7 +29,3 @@ foreach(_t test_edsdk test_edsdk_concurrency)
   target_compile_definitions(${_t} PRIVATE ${_edsdk_defs})
   add_dependencies(${_t} ${_edsdk_deps})
 endforeach()
-
-# End-to-end runs of the station itself.
-target_compile_definitions(test_edsdk PRIVATE BRIX_EXECUTABLE="$<TARGET_FILE:BrixCanonCapture>")
-add_dependencies(test_edsdk BrixCanonCapture)

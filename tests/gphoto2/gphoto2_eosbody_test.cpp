@@ -1,15 +1,22 @@
 // The real libgphoto2 with its real usb1 port driver and ptp2 camera driver on
 // an EOS body emulated below libusb (eosbody/): first the adapter's own calls,
 // then the whole backend as the station uses it.
+#include "ClaimedDevice.h"
 #include "EosBody.h"
 #include "Gphoto2Port.h"
 #include "Gphoto2Sdk.h"
+#include "NotificationCenter.h"
 #include "TestSupport.h"
+
+#include <QDir>
+#include <QFile>
+#include <QUrl>
 
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <mutex>
+#include <thread>
 
 using namespace brix;
 using namespace brix::gphoto2;
@@ -258,12 +265,233 @@ TEST_F(EmulatedBody, LiveViewOutlivesABodyThatIsNotReadyForThreeSeconds) {
     s.sdk.EdsRelease(stream);
 }
 
-TEST_F(EmulatedBody, AClaimedBodyIsReportedAsInUseNotAsGone) {
-    body().claimedByOther(true);
+namespace {
+
+uint32_t readU32(Station &s, EdsPropertyID id, EdsError *error = nullptr) {
+    uint32_t v = 0xDEADBEEF;
+    const EdsError e = s.sdk.EdsGetPropertyData(s.camera, id, 0, sizeof v, &v);
+    if (error)
+        *error = e;
+    else
+        EXPECT_EQ(e, EDS_ERR_OK) << std::hex << id;
+    return v;
+}
+EdsError writeU32(Station &s, EdsPropertyID id, uint32_t v) {
+    return s.sdk.EdsSetPropertyData(s.camera, id, 0, sizeof v, &v);
+}
+
+} // namespace
+
+// The body's PTP values come out as camera values through libgphoto2's labels
+// and go back the same way; what the body or the property cannot take is refused.
+TEST_F(EmulatedBody, SettingsTravelBothWaysThroughLibgphotosLabels) {
     Station s;
     ASSERT_EQ(s.sdk.EdsInitializeSDK(), EDS_ERR_OK);
+    ASSERT_TRUE(s.open());
+    EXPECT_EQ(readU32(s, kEdsPropID_Av), 0x30u);
+    EXPECT_EQ(readU32(s, kEdsPropID_Tv), 0x68u);
+    EXPECT_EQ(readU32(s, kEdsPropID_ISOSpeed), 0x48u);
+    EXPECT_EQ(readU32(s, kEdsPropID_MeteringMode), 3u);
+    EXPECT_EQ(readU32(s, kEdsPropID_ImageQuality), 0x0013ff0fu);
+    EdsError e = 0;
+    readU32(s, 0x409, &e); // a property the backend does not know
+    EXPECT_EQ(e, EDS_ERR_PROPERTIES_UNAVAILABLE);
+    EdsPropertyDesc desc{};
+    ASSERT_EQ(s.sdk.EdsGetPropertyDesc(s.camera, kEdsPropID_Av, &desc), EDS_ERR_OK);
+    ASSERT_EQ(desc.numElements, 19);
+    EXPECT_EQ(desc.propDesc[4], 0x2b);
+
+    ASSERT_EQ(writeU32(s, kEdsPropID_Av, 0x38), EDS_ERR_OK);
+    EXPECT_EQ(body().property(0xD101), 0x38u);
+    ASSERT_EQ(writeU32(s, kEdsPropID_ImageQuality, 0x00640013), EDS_ERR_OK);
+    EXPECT_EQ(readU32(s, kEdsPropID_ImageQuality), 0x00640013u);
+    ASSERT_EQ(writeU32(s, kEdsPropID_ExposureCompensation, 0xf8), EDS_ERR_OK);
+    EXPECT_EQ(body().property(0xD104), 0xf8u);
+    EXPECT_EQ(writeU32(s, kEdsPropID_Av, 0x18), EDS_ERR_INVALID_PARAMETER); // not on offer
+    EXPECT_EQ(writeU32(s, kEdsPropID_WhiteBalance, 0xFFFFFFFF), EDS_ERR_INVALID_PARAMETER);
+    EXPECT_EQ(writeU32(s, kEdsPropID_BatteryLevel, 50), EDS_ERR_NOT_SUPPORTED);
+    EXPECT_EQ(s.sdk.EdsSetPropertyData(s.camera, kEdsPropID_Av, 0, 2, "\x38\x00"), EDS_ERR_INVALID_LENGTH);
+    const char owner[] = "Brix Station 3";
+    ASSERT_EQ(s.sdk.EdsSetPropertyData(s.camera, kEdsPropID_OwnerName, 0, sizeof owner, owner), EDS_ERR_OK);
+    char back[64] = {};
+    ASSERT_EQ(s.sdk.EdsGetPropertyData(s.camera, kEdsPropID_OwnerName, 0, sizeof back, back), EDS_ERR_OK);
+    EXPECT_STREQ(back, owner);
+    EdsTime t{2024, 2, 29, 13, 14, 15, 0};
+    ASSERT_EQ(s.sdk.EdsSetPropertyData(s.camera, kEdsPropID_DateTime, 0, sizeof t, &t), EDS_ERR_OK);
+    EdsTime when{};
+    ASSERT_EQ(s.sdk.EdsGetPropertyData(s.camera, kEdsPropID_DateTime, 0, sizeof when, &when), EDS_ERR_OK);
+    EXPECT_EQ(when.day, 29u);
+    EXPECT_EQ(when.hour, 13u);
+    EXPECT_EQ(when.second, 15u);
+
+    // Busy for a moment: refused as busy, and the next try goes through.
+    body().answerBusy(1);
+    EXPECT_EQ(writeU32(s, kEdsPropID_Tv, 0x78), EDS_ERR_DEVICE_BUSY);
+    EXPECT_EQ(body().property(0xD102), 0x68u);
+    EXPECT_EQ(writeU32(s, kEdsPropID_Tv, 0x78), EDS_ERR_OK);
+    EXPECT_EQ(body().property(0xD102), 0x78u);
+
+    // Commands the backend cannot map are refused before they reach the body.
+    EXPECT_EQ(s.sdk.EdsSendCommand(s.camera, kEdsCameraCommand_PressShutterButton, 2),
+              EDS_ERR_INVALID_PARAMETER);
+    EXPECT_EQ(s.sdk.EdsSendCommand(s.camera, kEdsCameraCommand_DriveLensEvf, 4), EDS_ERR_INVALID_PARAMETER);
+    EXPECT_EQ(s.sdk.EdsSendCommand(s.camera, kEdsCameraCommand_DriveLensEvf, 0x8000),
+              EDS_ERR_INVALID_PARAMETER);
+    EXPECT_EQ(s.sdk.EdsSendCommand(s.camera, kEdsCameraCommand_DoClickWBEvf, 0), EDS_ERR_NOT_SUPPORTED);
+    EXPECT_EQ(s.sdk.EdsSendCommand(s.camera, 0x999, 0), EDS_ERR_NOT_SUPPORTED);
+
+    // Closing gives the body back as other programs saw it: shots to the card.
+    EXPECT_EQ(body().captureDestination(), 4u);
+    ASSERT_EQ(s.sdk.EdsCloseSession(s.camera), EDS_ERR_OK);
+    EXPECT_EQ(body().captureDestination(), 2u);
+    EXPECT_EQ(s.sdk.EdsCloseSession(s.camera), EDS_ERR_SESSION_NOT_OPEN);
+    readU32(s, kEdsPropID_Av, &e);
+    EXPECT_EQ(e, EDS_ERR_SESSION_NOT_OPEN);
+}
+
+namespace {
+
+struct Cancelling {
+    std::atomic<int> calls{0};
+    int cancelAt = 2;
+    static EdsError onProgress(EdsUInt32, EdsVoid *ctx, EdsBool *cancel) {
+        auto *c = static_cast<Cancelling *>(ctx);
+        *cancel = ++c->calls == c->cancelAt;
+        return 0;
+    }
+};
+
+} // namespace
+
+// The download goes in chunks, one progress report each; a cancel stops the
+// reading.
+TEST_F(EmulatedBody, DownloadGoesInChunksAndACancelStopsIt) {
+    Gphoto2Options o = Station::fastOptions();
+    o.downloadChunk = 64 * 1024;
+    Station s(o);
+    ASSERT_EQ(s.sdk.EdsInitializeSDK(), EDS_ERR_OK);
+    ASSERT_TRUE(s.open());
+    body().command("shot-bytes 1000000");
+    Cancelling cancel;
+    std::atomic<EdsError> result{0xFFFF};
+    struct Ctx {
+        Station *s;
+        Cancelling *c;
+        std::atomic<EdsError> *result;
+    } ctx{&s, &cancel, &result};
+    ASSERT_EQ(s.sdk.EdsSetObjectEventHandler(
+                  s.camera, kEdsObjectEvent_All,
+                  [](EdsObjectEvent, EdsBaseRef item, EdsVoid *p) -> EdsError {
+                      auto *c = static_cast<Ctx *>(p);
+                      EdsDirectoryItemInfo info{};
+                      c->s->sdk.EdsGetDirectoryItemInfo(item, &info);
+                      std::string bytes(info.size, '\0');
+                      EdsStreamRef stream = nullptr;
+                      c->s->sdk.EdsCreateMemoryStreamFromPointer(bytes.data(), bytes.size(), &stream);
+                      c->s->sdk.EdsSetProgressCallback(stream, Cancelling::onProgress,
+                                                       kEdsProgressOption_Periodically, c->c);
+                      *c->result = c->s->sdk.EdsDownload(item, info.size, stream);
+                      c->s->sdk.EdsRelease(stream);
+                      return 0;
+                  },
+                  &ctx),
+              EDS_ERR_OK);
+    ASSERT_EQ(s.shoot(), EDS_ERR_OK);
+    ASSERT_TRUE(test::processEventsUntil([&] { return result != 0xFFFF; }));
+    EXPECT_EQ(result, EDS_ERR_OPERATION_CANCELLED);
+    EXPECT_EQ(cancel.calls, 2);
+}
+
+namespace {
+std::atomic<int> gWaitedForMain{0};
+EdsError waitForMainThread(EdsPropertyEvent, EdsPropertyID, EdsUInt32, EdsVoid *) {
+    // As the camera object does with its property notifications.
+    dispatch::mainQueue()->sync([] {});
+    ++gWaitedForMain;
+    return 0;
+}
+} // namespace
+
+// Many threads at one body: every call still answers, property events keep
+// coming, and ending the backend on the main thread lets handlers that wait
+// for that thread finish.
+TEST_F(EmulatedBody, CallsFromManyThreadsAndAnEndOnTheMainThread) {
+    auto s = std::make_unique<Station>();
+    ASSERT_EQ(s->sdk.EdsInitializeSDK(), EDS_ERR_OK);
+    ASSERT_TRUE(s->open());
+    std::atomic<int> failures{0};
+    std::vector<std::thread> threads;
+    for (EdsPropertyID id : {kEdsPropID_Av, kEdsPropID_ISOSpeed, kEdsPropID_ImageQuality, kEdsPropID_AEMode})
+        threads.emplace_back([&, id] {
+            for (int i = 0; i < 30; ++i) {
+                EdsDataType type = 0;
+                EdsUInt32 size = 0;
+                char buffer[64];
+                if (s->sdk.EdsGetPropertySize(s->camera, id, 0, &type, &size) != EDS_ERR_OK ||
+                    s->sdk.EdsGetPropertyData(s->camera, id, 0, sizeof buffer, buffer) != EDS_ERR_OK)
+                    ++failures;
+            }
+        });
+    threads.emplace_back([&] {
+        const uint32_t speeds[] = {0x70, 0x78, 0x80};
+        for (int i = 0; i < 30; ++i)
+            if (writeU32(*s, kEdsPropID_Tv, speeds[i % 3]) != EDS_ERR_OK)
+                ++failures;
+    });
+    for (auto &t : threads)
+        t.join();
+    EXPECT_EQ(failures, 0);
+
+    gWaitedForMain = 0;
+    ASSERT_EQ(s->sdk.EdsSetPropertyEventHandler(s->camera, kEdsPropertyEvent_All, waitForMainThread, nullptr),
+              EDS_ERR_OK);
+    ASSERT_EQ(writeU32(*s, kEdsPropID_Av, 0x38), EDS_ERR_OK);
+    ASSERT_EQ(writeU32(*s, kEdsPropID_Tv, 0x70), EDS_ERR_OK);
+    s.reset(); // must not dead-lock
+    EXPECT_GE(gWaitedForMain, 1);
+}
+
+// Another program holds the body: with leave to do so, the desktop's mount is
+// let go and the session opens; without, the operator is told who holds it.
+TEST_F(EmulatedBody, AClaimedBodyIsFreedFromTheDesktopOnlyWithLeave) {
+    const QString proc = test::testHome() + "/proc/4242";
+    QDir().mkpath(proc + "/fd");
+    QFile comm(proc + "/comm");
+    ASSERT_TRUE(comm.open(QIODevice::WriteOnly));
+    comm.write("gvfsd-gphoto2\n");
+    comm.close();
+    ASSERT_TRUE(QFile::link(usbDeviceNode(body().portPath()).value_or(QString()), proc + "/fd/9"));
+    const QString mount =
+        "gphoto2://" + QUrl::toPercentEncoding("[" + QString::fromStdString(body().portPath()) + "]") + "/";
+    QStringList gioCalls;
+    bool allowed = false;
+    Gphoto2Options o = Station::fastOptions();
+    o.procRoot = test::testHome() + "/proc";
+    o.claimRetryDelay = std::chrono::milliseconds(0);
+    o.mayReleaseDesktopMount = [&] { return allowed; };
+    o.runGio = [&](const QStringList &args, QString *out) {
+        gioCalls << args.join(' ');
+        if (out)
+            *out = "Mount(0): Canon EOS 5D Mark IV -> " + mount + "\n";
+        if (args.value(1) == "-u")
+            body().claimedByOther(false);
+        return 0;
+    };
+    body().claimedByOther(true);
+    Station s(o);
+    ASSERT_EQ(s.sdk.EdsInitializeSDK(), EDS_ERR_OK);
+    QString message;
+    const auto token = NotificationCenter::defaultCenter().addObserver(
+        kCameraInUseNotification, {},
+        [&](const Notification &n) { message = n.userInfo.value("message").toString(); });
     EXPECT_FALSE(s.open());
-    EXPECT_EQ(s.sdk.EdsOpenSession(s.camera), EDS_ERR_COMM_PORT_IS_IN_USE);
-    body().claimedByOther(false);
+    EXPECT_TRUE(gioCalls.isEmpty());
+    ASSERT_TRUE(test::processEventsUntil([&] { return !message.isEmpty(); }));
+    EXPECT_TRUE(message.contains("process 4242 (gvfsd-gphoto2)")) << message.toStdString();
+    EXPECT_TRUE(message.contains(kPrefReleaseCameraFromDesktop));
+    NotificationCenter::defaultCenter().removeObserver(token);
+
+    allowed = true;
     EXPECT_EQ(s.sdk.EdsOpenSession(s.camera), EDS_ERR_OK);
+    EXPECT_EQ(gioCalls, (QStringList{"mount -l", "mount -u " + mount}));
 }

@@ -1,7 +1,6 @@
-# gphoto2 backend: value tables, the backend replaying an EOS widget tree
-# through the adapter's test double (also under the shared backend contract),
-# libgphoto2 itself on its directory driver, and the real libgphoto2 with its
-# ptp2 driver on an EOS body emulated below it, in a replacement
+# gphoto2 backend: value tables, libgphoto2 itself on its directory driver,
+# and the real libgphoto2 with its ptp2 driver on an EOS body emulated below
+# it (also under the shared backend contract), in a replacement
 # libusb-1.0.so.0 (eosbody/) that the test executable links.
 set(_eosbody_out ${CMAKE_CURRENT_BINARY_DIR}/eosbody)
 add_library(brix_eosbody SHARED ${CMAKE_CURRENT_LIST_DIR}/eosbody/EosBody.cpp
@@ -16,12 +15,8 @@ set_target_properties(brix_eosbody PROPERTIES OUTPUT_NAME usb-1.0 SOVERSION 0 VE
 brix_warnings(brix_eosbody)
 
 brix_test_folder(gphoto2 LIBS brix_camera_gphoto2 brix_camera_sdk brix_support Qt6::Gui)
-foreach(t test_gphoto2 test_gphoto2_concurrency)
-  if(TARGET ${t})
-    target_compile_definitions(${t} PRIVATE BRIX_GPHOTO2_TEST_DATA="${CMAKE_CURRENT_LIST_DIR}/data")
-    target_include_directories(${t} PRIVATE ${CMAKE_CURRENT_LIST_DIR}/../camera_contract)
-  endif()
-endforeach()
+target_compile_definitions(test_gphoto2 PRIVATE BRIX_GPHOTO2_TEST_DATA="${CMAKE_CURRENT_LIST_DIR}/data")
+target_include_directories(test_gphoto2 PRIVATE ${CMAKE_CURRENT_LIST_DIR}/../camera_contract)
 target_link_libraries(test_gphoto2 PRIVATE brix_eosbody)
 target_compile_definitions(test_gphoto2 PRIVATE BRIX_EXECUTABLE="$<TARGET_FILE:BrixCanonCapture>"
                            BRIX_EOSBODY_DIR="${_eosbody_out}")

@@ -85,7 +85,7 @@ protected:
 };
 
 TEST_F(Alerts, AnEmptyAlertLogsTheCallStackAndShowsTheUnknownError) {
-    test::StderrCapture capture;
+    test::LogCapture capture;
     ErrorAlerts::displayErrorAlert(std::nullopt);
     EXPECT_TRUE(presented().empty()) << "presented later, on the main queue";
     ASSERT_TRUE(test::processEventsUntil([&] { return !presented().empty(); }));
@@ -98,7 +98,7 @@ TEST_F(Alerts, AnEmptyAlertLogsTheCallStackAndShowsTheUnknownError) {
 
 TEST_F(Alerts, WithoutAPresenterTheAlertIsALogLine) {
     ErrorAlerts::setPresenter(nullptr);
-    test::StderrCapture capture;
+    test::LogCapture capture;
     ErrorAlerts::displayErrorAlert(ErrorValue::posix(28, "disk full 100%"));
     ASSERT_TRUE(test::processEventsUntil([&] { return capture.text().contains("presentError"); }));
     EXPECT_TRUE(capture.text().contains("[Q com.apple.main-thread] presentError: Error "
@@ -138,7 +138,7 @@ TEST_F(Alerts, WithoutANotificationServerTheModalAlertIsShown) {
     ASSERT_FALSE(
         QDBusConnection::sessionBus().interface()->isServiceRegistered("org.freedesktop.Notifications"));
     Preferences::standard().setBool(true, pref::kPreferNotificationsOverModalAlerts);
-    test::StderrCapture capture;
+    test::LogCapture capture;
     ErrorAlerts::alertUserOfError(ErrorValue::posix(5, "nobody listens"), "no-server");
     ASSERT_TRUE(test::processEventsUntil([&] { return !presented().empty(); }));
     EXPECT_EQ(presented().front().localizedDescription, "nobody listens");

@@ -163,7 +163,7 @@ TEST_F(LogFile, LongPiecesFollowWhatThePipeHolds) {
 
 TEST_F(LogFile, AFileThatCannotBeOpenedIsReportedAndNothingIsWritten) {
     ASSERT_TRUE(QDir().mkpath(path_)); // a folder where the file should be
-    test::StderrCapture capture;
+    test::LogCapture capture;
     start();
     send("lost\n");
     const QByteArray text = capture.text();
@@ -177,7 +177,7 @@ TEST_F(LogFile, AFileThatCannotBeOpenedIsReportedAndNothingIsWritten) {
 
 TEST_F(LogFile, AFailedWriteIsReportedOnceAndTheSizeStillChecked) {
     path_ = "/dev/full";
-    test::StderrCapture capture;
+    test::LogCapture capture;
     start();
     send("one\n");
     send("two\n");

@@ -14,7 +14,7 @@
 #include <limits.h>
 
 using namespace brix;
-using test::StderrCapture;
+using test::LogCapture;
 
 namespace {
 
@@ -28,7 +28,7 @@ protected:
 };
 
 TEST_F(LoggerLines, LevelsAdmitDebugAndVerboseLines) {
-    StderrCapture capture;
+    LogCapture capture;
     Logger::setLogLevel(0);
     Logger::setError("e0");
     Logger::setDebug("d0");
@@ -51,7 +51,7 @@ TEST_F(LoggerLines, LevelsAdmitDebugAndVerboseLines) {
 }
 
 TEST_F(LoggerLines, LineCarriesTheCallersQueueRightAfterTheTime) {
-    StderrCapture capture;
+    LogCapture capture;
     Logger::setError("from main");
     Logger::queueForReading()->sync([] { Logger::setError("from reading"); });
     auto custom = Scheduling::dispatchQueueSerialWithDebugLabel("com.lumetra.brix.current.camera.queue");
@@ -75,7 +75,7 @@ TEST_F(LoggerLines, LineCarriesTheCallersQueueRightAfterTheTime) {
 }
 
 TEST_F(LoggerLines, MessagesAreWrittenVerbatimWithPerCentSignsAndAnyLength) {
-    StderrCapture capture;
+    LogCapture capture;
     const QString tricky = QStringLiteral("100% done %1 %s %@ %n %% \u00e9t\u00e9");
     const QString longLine = QString(3 * PIPE_BUF, QLatin1Char('x')) + QStringLiteral("#end");
     Logger::setError(tricky);
@@ -126,7 +126,7 @@ namespace {
 TEST(LoggerAttach, WithoutAFileTheStreamStaysAndTheFailureIsLogged) {
     ASSERT_TRUE(test::writeFile(test::testHome() + "/plainfile", "x"));
     qputenv("XDG_STATE_HOME", (test::testHome() + "/plainfile/state").toUtf8());
-    StderrCapture capture;
+    LogCapture capture;
     Logger::setLogFile(QUrl());
     Logger::setError("still on the captured stream");
     QStringList messages;

@@ -45,18 +45,13 @@ TEST(SystemReport, HasTheFixedLayoutAndLabels) {
                     .match(lines[8])
                     .hasMatch())
         << lines[8].toStdString();
-    const char *labels[] = {"    | Physical memory: ", "    |            free: ", "    |           wired: ",
-                            "    |          active: ", "    |        inactive: ", "    |      compressed: ",
-                            "    |    decompressed: ", "    |         swapins: ", "    |        swapouts: "};
-    for (int i = 0; i < 9; ++i)
-        EXPECT_TRUE(lines[9 + i].startsWith(labels[i])) << lines[9 + i].toStdString();
     EXPECT_TRUE(QRegularExpression(R"(^    \| Physical memory: [\d,]+ MB$)").match(lines[9]).hasMatch())
         << lines[9].toStdString();
     EXPECT_EQ(lines[18], rule);
     EXPECT_EQ(lines[19], "");
 }
 
-TEST(SystemReport, ProcessorAndArchitectureTexts) {
+TEST(SystemReport, ProcessorArchitectureAndMemoryTexts) {
     OKVA_SystemInfo info;
     info.setStatsHW({{"machdep.cpu.brand_string", "Intel(R) Core(TM) i7-8700 CPU @ 3.20GHz"},
                      {"hw.machine", "x86_64"},
@@ -75,10 +70,8 @@ TEST(SystemReport, ProcessorAndArchitectureTexts) {
     EXPECT_EQ(OKVA_SystemInfo::byteOrder(1), "LittleEndian");
     EXPECT_EQ(OKVA_SystemInfo::byteOrder(2), "BigEndian");
     EXPECT_EQ(OKVA_SystemInfo::byteOrder(0), "Unknown");
-}
 
-TEST(SystemReport, MemoryFiguresAreMegabytesAndMissingOnesShowNull) {
-    OKVA_SystemInfo info;
+    // Memory figures are megabytes; missing ones show "(null)".
     info.setStatsMem({{"physical", quint64(16) << 30}, {"free", quint64(1536) << 10}, {"wired", quint64(0)}});
     EXPECT_EQ(info.physical(), "16,384 MB");
     EXPECT_EQ(info.free(), "1.50 MB");
@@ -111,7 +104,7 @@ TEST(SysctlRendering, TextTimeClockRateAndNumbers) {
     EXPECT_FALSE(OKVA_SystemInfo::renderSysctlValue(QByteArray()).has_value());
 }
 
-TEST(SysctlRendering, LinuxSourcesFillTheHardwareNames) {
+TEST(SysctlRendering, LinuxSourcesFillTheHardwareNamesThroughTheTool) {
     const auto values = OKVA_SystemInfo::hardwareInfo();
     EXPECT_FALSE(values.value("hw.machine").isEmpty());
     EXPECT_GE(values.value("hw.logicalcpu").toInt(), 1);
@@ -123,9 +116,8 @@ TEST(SysctlRendering, LinuxSourcesFillTheHardwareNames) {
     EXPECT_FALSE(values.value("kern.boottime").isEmpty());
     EXPECT_FALSE(values.contains("kern.osrevision")) << "no such value here; absent, not empty";
     EXPECT_TRUE(OKVA_SystemInfo::sysctlValuesForKeys({"no.such.name"}).isEmpty());
-}
 
-TEST(SysctlRendering, TheToolsOutputSplitsAtTheFirstEqualsSign) {
+    // The tool's output splits at the first equals sign.
     const auto parsed = OKVA_SystemInfo::parseSysctlOutput("kernel.ostype = Linux\n"
                                                            "dev.tty.ldisc_autoload = 1\n"
                                                            "kernel.core_pattern = |/bin/x a=b c=d\n"

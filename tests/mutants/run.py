@@ -3,6 +3,14 @@
 suite and records which tests catch it.
 
     tests/mutants/run.py [--build DIR] [--only ID[,ID]] [--out FILE]
+    tests/mutants/run.py --quick [--build DIR]
+
+--quick re-checks the recorded faults only: for each fault before.json says a
+test caught, it builds and runs just those tests (under their present names,
+through renamed.txt for tests since renamed or merged), one at a time up to the
+first that fails, falls back to the whole suite when none of them fails, and
+writes after.json with the tests that caught each fault. Faults no test caught
+before are skipped.
 
 The build folder is configured on first use (Debug, no sanitizer: faults are
 caught by assertions, not by the sanitizers). Each fault is reverted before the
@@ -24,11 +32,12 @@ def run(cmd, **kw):
     return subprocess.run(cmd, cwd=ROOT, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, **kw)
 
 
-def failing_tests(build, junit):
+def failing_tests(build, junit, names=None):
     env = dict(os.environ, QT_QPA_PLATFORM='offscreen')
     env.pop('DBUS_SESSION_BUS_ADDRESS', None)
+    select = ['-R', '^(' + '|'.join(re.escape(n) for n in sorted(names)) + ')$'] if names else []
     subprocess.run(['ctest', '--test-dir', build, '-j', str(os.cpu_count() or 2), '--timeout', '120',
-                    '--output-junit', junit], cwd=ROOT, env=env, stdout=subprocess.DEVNULL,
+                    '--output-junit', junit] + select, cwd=ROOT, env=env, stdout=subprocess.DEVNULL,
                    stderr=subprocess.DEVNULL)
     failed = []
     for case in ET.parse(junit).getroot().iter('testcase'):
@@ -37,12 +46,41 @@ def failing_tests(build, junit):
     return sorted(failed)
 
 
+def executables(build, names):
+    """The build targets whose executables run the named tests."""
+    r = subprocess.run(['ctest', '--test-dir', build, '--show-only=json-v1'], cwd=ROOT,
+                       stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+    targets = set()
+    for test in json.loads(r.stdout or '{}').get('tests', []):
+        if test.get('name') in names and test.get('command'):
+            targets.add(os.path.basename(test['command'][0]))
+    return sorted(targets)
+
+
+def renamed():
+    """Old test name -> its present names (a merged test keeps one new name,
+    a split one several)."""
+    out = {}
+    path = os.path.join(ROOT, 'tests/mutants/renamed.txt')
+    for line in open(path) if os.path.exists(path) else []:
+        line = line.split('#', 1)[0].split()
+        if len(line) >= 2:
+            out.setdefault(line[0], set()).update(line[1:])
+    return out
+
+
 def main():
     ap = argparse.ArgumentParser()
     ap.add_argument('--build', default='build/mutants')
     ap.add_argument('--only', default='')
     ap.add_argument('--out', default='')
+    ap.add_argument('--quick', action='store_true')
     args = ap.parse_args()
+    before, names = {}, {}
+    if args.quick:
+        before = json.load(open(os.path.join(ROOT, 'tests/mutants/before.json')))
+        args.out = args.out or 'tests/mutants/after.json'
+        names = renamed()
     build = os.path.join(ROOT, args.build)
     if not os.path.exists(os.path.join(build, 'CMakeCache.txt')):
         r = run(['cmake', '-S', '.', '-B', build, '-G', 'Ninja', '-DCMAKE_BUILD_TYPE=Debug',
@@ -50,6 +88,8 @@ def main():
         if r.returncode:
             sys.exit(r.stdout)
     mutants = load(os.path.join(ROOT, 'tests/mutants/mutants.txt'))
+    if args.quick:
+        mutants = [m for m in mutants if before.get(m['id'])]
     if args.only:
         wanted = set(args.only.split(','))
         mutants = [m for m in mutants if m['id'] in wanted]
@@ -68,8 +108,26 @@ def main():
         started = time.time()
         try:
             open(path, 'w').write(original.replace(m['find'], m['replace']))
-            r = run(['cmake', '--build', build])
-            caught = ['(build fails)'] if r.returncode else failing_tests(build, junit)
+            present = set()
+            for old in before.get(m['id'], []):
+                present |= names.get(old, {old})
+            # Quick: only what the catching tests run (and the station they may start).
+            targets = executables(build, present) + ['BrixCanonCapture'] if args.quick else []
+            r = run(['cmake', '--build', build] + (['--target'] + targets if targets else []))
+            if r.returncode:
+                caught = ['(build fails)']
+            elif args.quick:
+                # One at a time, up to the first that fails: a fault that hangs
+                # its tests costs one time-out, not one per test.
+                caught = []
+                for name in sorted(present):
+                    caught = failing_tests(build, junit, {name})
+                    if caught:
+                        break
+                if not caught and run(['cmake', '--build', build]).returncode == 0:
+                    caught = failing_tests(build, junit)
+            else:
+                caught = failing_tests(build, junit)
         finally:
             open(path, 'w').write(original)
         results[m['id']] = caught

@@ -1,5 +1,5 @@
 // What the simulated body does beyond the common backend contract: AE-mode
-// dependent settings, legacy bodies, shot files and names, live-view timing,
+// dependent settings, shot files and names, live-view timing,
 // refusals, plugging, and reference bookkeeping.
 #include "SimulatorBackend.h"
 
@@ -19,75 +19,31 @@ using namespace brix::eds;
 
 namespace {
 
-class Simulator : public ::testing::Test {
+class Simulator : public contract::SdkSession {
 protected:
+    const contract::Backend &backend() const override {
+        static const contract::Backend simulator = simtest::simulatorBackend();
+        return simulator;
+    }
     void SetUp() override {
-        dispatch::setClock(&clock_);
-        sdk_ = createSimulatorSdk();
+        SdkSession::SetUp();
         control_ = simulatorControl(*sdk_);
         ASSERT_NE(control_, nullptr);
-        log_.sdk = sdk_.get();
-        ASSERT_EQ(sdk_->EdsInitializeSDK(), EDS_ERR_OK);
     }
-    void TearDown() override {
-        for (EdsBaseRef item : log_.items)
-            sdk_->EdsRelease(item);
-        camera_.reset();
-        EXPECT_EQ(control_->callerReferenceCount(), 0);
-        sdk_.reset();
-        dispatch::setClock(nullptr);
-    }
-
-    // Opens a session with the camera at `index` and registers every handler.
-    void open(int index = 0) {
-        EdsCameraListHandle list;
-        ASSERT_EQ(sdk_->EdsGetCameraList(list.receive(*sdk_)), EDS_ERR_OK);
-        ASSERT_EQ(sdk_->EdsGetChildAtIndex(list.get(), index, camera_.receive(*sdk_)), EDS_ERR_OK);
-        ASSERT_EQ(sdk_->EdsOpenSession(camera_.get()), EDS_ERR_OK);
-        sdk_->EdsSetCameraStateEventHandler(camera_.get(), kEdsStateEvent_All, &contract::EventLog::onState,
-                                            &log_);
-        sdk_->EdsSetPropertyEventHandler(camera_.get(), kEdsPropertyEvent_All,
-                                         &contract::EventLog::onProperty, &log_);
-        sdk_->EdsSetObjectEventHandler(camera_.get(), kEdsObjectEvent_All, &contract::EventLog::onObject,
-                                       &log_);
-    }
-    EdsError set(EdsPropertyID id, EdsUInt32 v) {
-        return sdk_->EdsSetPropertyData(camera_.get(), id, 0, 4, &v);
-    }
-    EdsUInt32 get(EdsPropertyID id) {
-        EdsUInt32 v = 0;
-        EXPECT_EQ(sdk_->EdsGetPropertyData(camera_.get(), id, 0, 4, &v), EDS_ERR_OK);
-        return v;
-    }
+    void open(int index = 0) { openFirstCamera(index); }
+    EdsError set(EdsPropertyID id, EdsUInt32 v) { return setUInt32(id, v); }
+    EdsUInt32 get(EdsPropertyID id) { return getUInt32(id); }
     std::vector<EdsInt32> desc(EdsPropertyID id) {
         EdsPropertyDesc d{};
         EXPECT_EQ(sdk_->EdsGetPropertyDesc(camera_.get(), id, &d), EDS_ERR_OK);
         return {d.propDesc, d.propDesc + d.numElements};
     }
-    bool waitForItems(size_t n) {
-        return test::processEventsUntil(
-            [&] {
-                std::lock_guard lock(log_.mutex);
-                return log_.items.size() >= n;
-            },
-            std::chrono::seconds(30));
-    }
     QByteArray download(EdsBaseRef item, EdsDirectoryItemInfo *info) {
-        EXPECT_EQ(sdk_->EdsGetDirectoryItemInfo(item, info), EDS_ERR_OK);
-        QByteArray bytes(qsizetype(info->size), '\0');
-        EdsStreamHandle stream;
-        EXPECT_EQ(sdk_->EdsCreateMemoryStreamFromPointer(bytes.data(), info->size, stream.receive(*sdk_)),
-                  EDS_ERR_OK);
-        EXPECT_EQ(sdk_->EdsDownload(item, info->size, stream.get()), EDS_ERR_OK);
-        EXPECT_EQ(sdk_->EdsDownloadComplete(item), EDS_ERR_OK);
-        return bytes;
+        return SdkSession::download(item, nullptr, info);
     }
 
-    dispatch::ManualClock clock_;
-    std::unique_ptr<EdsSdk> sdk_;
+    dispatch::ManualClock &clock_ = simtest::simulatorClock();
     SimulatorControl *control_ = nullptr;
-    contract::EventLog log_;
-    EdsCameraHandle camera_;
 };
 
 bool contains(const std::vector<EdsInt32> &v, EdsInt32 x) {
@@ -143,28 +99,6 @@ TEST_F(Simulator, TheAEModeDecidesWhichExposureSettingsTheHostMayChange) {
     EXPECT_EQ(set(kEdsPropID_BatteryLevel, 10), EDS_ERR_NOT_SUPPORTED);
     ASSERT_EQ(control_->setProperty(kEdsPropID_BatteryLevel, 0xFFFFFFFF), EDS_ERR_OK);
     EXPECT_EQ(get(kEdsPropID_BatteryLevel), 0xFFFFFFFFu);
-}
-
-TEST_F(Simulator, ALegacyBodyAnswersOnlyWhileItsControlsAreLocked) {
-    EXPECT_TRUE(SimulatorControl::isLegacyModelName("canon eos 40d"));
-    EXPECT_FALSE(SimulatorControl::isLegacyModelName(kSimulatorDefaultModel));
-    ASSERT_EQ(control_->plug("Canon EOS 40D", -1), 2);
-    open(1);
-    EdsDeviceInfo info{};
-    ASSERT_EQ(sdk_->EdsGetDeviceInfo(camera_.get(), &info), EDS_ERR_OK);
-    EXPECT_STREQ(info.szDeviceDescription, "Canon EOS 40D");
-    EXPECT_EQ(info.deviceSubType, 0u);
-
-    EdsUInt32 v = 0;
-    EXPECT_EQ(sdk_->EdsGetPropertyData(camera_.get(), kEdsPropID_Av, 0, 4, &v), EDS_ERR_DEVICE_BUSY);
-    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_ExtendShutDownTimer, 0),
-              EDS_ERR_DEVICE_BUSY);
-    ASSERT_EQ(sdk_->EdsSendStatusCommand(camera_.get(), kEdsCameraStatusCommand_UILock, 0), EDS_ERR_OK);
-    EXPECT_EQ(sdk_->EdsGetPropertyData(camera_.get(), kEdsPropID_Av, 0, 4, &v), EDS_ERR_OK);
-    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_ExtendShutDownTimer, 0), EDS_ERR_OK);
-    ASSERT_EQ(sdk_->EdsSendStatusCommand(camera_.get(), kEdsCameraStatusCommand_UIUnLock, 0), EDS_ERR_OK);
-    EXPECT_EQ(sdk_->EdsGetPropertyData(camera_.get(), kEdsPropID_Av, 0, 4, &v), EDS_ERR_DEVICE_BUSY);
-    EXPECT_EQ(sdk_->EdsCloseSession(camera_.get()), EDS_ERR_OK);
 }
 
 TEST_F(Simulator, ShotsAreRealFilesNamedInOrderAndSizedAsAsked) {

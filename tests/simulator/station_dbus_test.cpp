@@ -1,15 +1,11 @@
 // End to end: the real station, headless, on the simulated camera, driven over
 // the session bus with gdbus as a person at a demo would drive it.
 #include "SimulatorControl.h"
-#include "TestSupport.h"
+#include "Station.h"
 
-#include <QFile>
-#include <QFileInfo>
 #include <QProcess>
 
 #include <gtest/gtest.h>
-
-#include <signal.h>
 
 using namespace brix;
 
@@ -34,58 +30,12 @@ Reply gdbus(const QString &method, const QStringList &args = {}) {
             QString::fromUtf8(p.readAllStandardError()).trimmed()};
 }
 
-// The station logs into its log file under XDG_STATE_HOME; a station reads
-// only what was appended since it started.
-class Station {
-public:
-    explicit Station(const QStringList &args,
-                     const QProcessEnvironment &env = QProcessEnvironment::systemEnvironment())
-        : logPath_(env.value("XDG_STATE_HOME") + "/Logs/Brix/BrixCanonCapture.log"),
-          offset_(QFileInfo(logPath_).size()) {
-        p_.setProcessEnvironment(env);
-        p_.setProcessChannelMode(QProcess::SeparateChannels);
-        p_.start(BRIX_EXECUTABLE, QStringList{"--headless"} + args);
-    }
-    ~Station() {
-        // A normal quit: a killed station would be relaunched by its watchdog.
-        if (p_.state() != QProcess::NotRunning) {
-            p_.terminate();
-            if (!p_.waitForFinished(20000)) {
-                p_.kill();
-                p_.waitForFinished(5000);
-            }
-        }
-    }
-    // Reads the log until it holds `text`.
-    bool waitForLog(const QByteArray &text) {
-        for (int i = 0; i < 200 && !log().contains(text); ++i)
-            p_.waitForFinished(100);
-        return log().contains(text);
-    }
-    int terminate() {
-        ::kill(pid_t(p_.processId()), SIGTERM);
-        if (!p_.waitForFinished(20000))
-            return -1;
-        return p_.exitStatus() == QProcess::NormalExit ? p_.exitCode() : -1;
-    }
-    QByteArray log() const {
-        QFile f(logPath_);
-        if (!f.open(QIODevice::ReadOnly) || !f.seek(offset_))
-            return {};
-        return f.readAll();
-    }
-
-private:
-    QString logPath_;
-    qint64 offset_;
-    QProcess p_;
-};
-
 } // namespace
 
 TEST(StationOnTheSimulator, GdbusPlugsUnplugsAndFiresTheShutter) {
-    Station station({"--camera-backend=simulator"});
-    ASSERT_TRUE(station.waitForLog("simulator control on the session bus")) << station.log().constData();
+    test::StationProcess station;
+    ASSERT_TRUE(station.start({"--headless", "--camera-backend=simulator"}, QProcess::SeparateChannels));
+    ASSERT_TRUE(station.waitForLog("simulator control on the session bus")) << station.log().toStdString();
     ASSERT_TRUE(
         test::processEventsUntil([] { return gdbus("ShotCount").exitCode == 0; }, std::chrono::seconds(20)));
 
@@ -121,29 +71,34 @@ TEST(StationOnTheSimulator, GdbusPlugsUnplugsAndFiresTheShutter) {
     EXPECT_EQ(gdbus("PressShutter").exitCode, 0);
     EXPECT_EQ(gdbus("ShotCount").out, "(uint32 2,)");
 
-    EXPECT_EQ(station.terminate(), 0) << station.log().constData();
+    EXPECT_EQ(station.terminate(), 0) << station.log().toStdString();
     // The name is given up with the station.
     EXPECT_NE(gdbus("ShotCount").exitCode, 0);
 }
 
 TEST(StationOnTheSimulator, EnvironmentChoosesTheBodiesAndAMissingBackendIsLogged) {
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert("BRIX_CAMERA_BACKEND", "simulator");
-    env.insert("BRIX_SIM_CAMERAS", "0");
-    env.insert("BRIX_SIM_MODEL", "Canon EOS 6D");
     {
-        Station station({}, env);
-        ASSERT_TRUE(station.waitForLog("simulator control on the session bus")) << station.log().constData();
+        test::StationProcess station;
+        station.set("BRIX_SIM_CAMERAS", "0").set("BRIX_SIM_MODEL", "Canon EOS 6D");
+        ASSERT_TRUE(station.start());
+        ASSERT_TRUE(station.waitForLog("simulator control on the session bus"))
+            << station.log().toStdString();
         ASSERT_TRUE(test::processEventsUntil([] { return gdbus("ShotCount").exitCode == 0; }));
         EXPECT_NE(gdbus("PressShutter").exitCode, 0); // nothing attached
         EXPECT_EQ(gdbus("Plug", {"''"}).exitCode, 0);
         EXPECT_EQ(gdbus("GetProperty", {"2"}).out, "(<'Canon EOS 6D'>,)");
         EXPECT_EQ(station.terminate(), 0);
     }
-    // The edsdk library is not installed here: the station says so and keeps running.
-    QFile::remove(test::testHome() + "/.local/state/Logs/Brix/BrixCanonCapture.log");
-    Station station({"--camera-backend=edsdk"});
-    ASSERT_TRUE(station.waitForLog("is not available")) << station.log().constData();
+    // Canon's library lacking a function: refused, said so, and the station keeps running.
+    test::StationProcess station;
+    station.set("BRIX_EDSDK_PATH", BRIX_EDSDK_INCOMPLETE_LIBRARY);
+    ASSERT_TRUE(station.start({"--headless", "--camera-backend=edsdk"}));
+    ASSERT_TRUE(station.waitForLog(QStringLiteral("EDSDK at ") + BRIX_EDSDK_INCOMPLETE_LIBRARY +
+                                   " lacks the function EdsDownloadEvfImage; not used"))
+        << station.log().toStdString();
+    ASSERT_TRUE(station.waitForLog("camera backend \"edsdk\" is not available"))
+        << station.log().toStdString();
+    EXPECT_TRUE(station.running());
     EXPECT_EQ(station.terminate(), 0);
     EXPECT_FALSE(station.log().contains("simulator control"));
 }

@@ -109,7 +109,7 @@ TEST_F(RunOnceTest, KeysCompareByValueAndDifferentKeysAreIndependent) {
     EXPECT_EQ(tags, (std::vector<int>{1, 3, 4}));
 }
 
-TEST_F(RunOnceTest, IntervalSeriesStopsWhenItsObjectDies) {
+TEST_F(RunOnceTest, IntervalSeriesStopsWhenItsObjectDiesOrOnANonPositiveAnswer) {
     struct Counter {
         std::atomic<int> ticks{0};
     };
@@ -139,9 +139,8 @@ TEST_F(RunOnceTest, IntervalSeriesStopsWhenItsObjectDies) {
     at(10);
     EXPECT_TRUE(weak.expired()); // the series did not keep it alive
     EXPECT_EQ(setupCalls, 1);
-}
 
-TEST_F(RunOnceTest, IntervalSeriesEndsOnANonPositiveAnswer) {
+    // A non-positive answer ends a series.
     auto owner = std::make_shared<int>(0);
     Scheduling::performAtInterval<int>(
         owner,
@@ -151,11 +150,11 @@ TEST_F(RunOnceTest, IntervalSeriesEndsOnANonPositiveAnswer) {
         },
         target_);
     settle(); // first delay comes from the interval block itself: tick 1
-    at(20);
+    at(30);
     EXPECT_EQ(*owner, 3);
 }
 
-TEST(Scheduling, AfterDelayZeroIsNeverInline) {
+TEST(Scheduling, AfterDelayZeroIsNeverInlineAndSyncOnItsOwnQueueIs) {
     auto queue = Scheduling::dispatchQueueSerialWithDebugLabel("test.after");
     std::atomic<bool> ran{false};
     std::atomic<bool> ranInline{true};
@@ -170,10 +169,8 @@ TEST(Scheduling, AfterDelayZeroIsNeverInline) {
     Scheduling::afterDelayOnMainQueuePerformBlock(0, [&] { mainRan = true; });
     EXPECT_FALSE(mainRan);
     EXPECT_TRUE(test::processEventsUntil([&] { return mainRan; }));
-}
 
-TEST(Scheduling, SyncOnItsOwnQueueRunsInlineInsteadOfDeadlocking) {
-    auto queue = Scheduling::dispatchQueueSerialWithDebugLabel("test.sync");
+    // Sync on its own queue runs inline instead of dead-locking.
     std::vector<int> order;
     queue->sync([&] {
         order.push_back(1);
@@ -185,7 +182,7 @@ TEST(Scheduling, SyncOnItsOwnQueueRunsInlineInsteadOfDeadlocking) {
 
     // From elsewhere, performInlineOnQueue does not wait.
     std::atomic<bool> release{false};
-    std::atomic<bool> ran{false};
+    ran = false;
     queue->async([&] {
         while (!release)
             std::this_thread::yield();

@@ -24,21 +24,29 @@ public:
         saved_ = ::dup(2);
         ::dup2(file_.handle(), 2);
     }
-    ~LogCapture() { restore(); }
+    ~LogCapture() {
+        Logger::flush();
+        std::fflush(stderr);
+        ::dup2(saved_, 2);
+        ::close(saved_);
+    }
     LogCapture(const LogCapture &) = delete;
     LogCapture &operator=(const LogCapture &) = delete;
 
-    // Every message written so far, without the time and queue prefix. A
-    // message that spans several lines comes back whole.
-    QStringList messages() {
+    // Everything written so far, as it was written.
+    QByteArray text() {
         Logger::flush();
         std::fflush(stderr);
         QFile in(file_.fileName());
-        in.open(QIODevice::ReadOnly);
+        return in.open(QIODevice::ReadOnly) ? in.readAll() : QByteArray();
+    }
+    // Every message written so far, without the time and queue prefix. A
+    // message that spans several lines comes back whole.
+    QStringList messages() {
         static const QRegularExpression head(
             QStringLiteral("^\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3}\\[Q [^\\]]*\\] "));
         QStringList out;
-        for (const QString &line : QString::fromUtf8(in.readAll()).split('\n', Qt::SkipEmptyParts)) {
+        for (const QString &line : QString::fromUtf8(text()).split('\n', Qt::SkipEmptyParts)) {
             const QRegularExpressionMatch m = head.match(line);
             if (m.hasMatch())
                 out << line.mid(m.capturedLength());
@@ -49,21 +57,12 @@ public:
         }
         return out;
     }
-    // Lines that start with `prefix`.
+    // Messages that start with `prefix`.
     QStringList matching(const QString &prefix) {
         return messages().filter(QRegularExpression('^' + QRegularExpression::escape(prefix)));
     }
 
 private:
-    void restore() {
-        if (saved_ < 0)
-            return;
-        Logger::flush();
-        std::fflush(stderr);
-        ::dup2(saved_, 2);
-        ::close(saved_);
-        saved_ = -1;
-    }
     QTemporaryFile file_;
     int saved_ = -1;
 };
