@@ -11,12 +11,15 @@
 #include <QBuffer>
 #include <QDateTime>
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QImageReader>
 #include <QSaveFile>
+#include <QStorageInfo>
 
 #include <mutex>
+#include <thread>
 
 namespace brix {
 
@@ -149,26 +152,79 @@ void ViewController::saveImage(const QVariant &) {
 void ViewController::processPhotoData(const QVariantMap &info) {
     const QByteArray bytes = info.value(kOKVA_CanonCameraPhotoData).toByteArray();
     const QString cameraName = info.value(kOKVA_CanonCameraPhotoFilename).toString();
-    const QString stamp = DateFormat::format(now_(), QString::fromLatin1(kShotNamePattern));
     const QString folder = getPathToSavePhotos();
-    const QString path = folder + '/' + stamp + '.' + QFileInfo(cameraName).suffix().toLower();
+    const QString extension = QFileInfo(cameraName).suffix().toLower();
+    // Two shots in one millisecond, or a name already on disk (from before a
+    // restart), take the next free millisecond: a shot never replaces another.
+    QDateTime when = now_();
+    if (lastShotTime_.isValid() && when <= lastShotTime_)
+        when = lastShotTime_.addMSecs(1);
+    QString path;
+    for (;; when = when.addMSecs(1)) {
+        path =
+            folder + '/' + DateFormat::format(when, QString::fromLatin1(kShotNamePattern)) + '.' + extension;
+        if (!QFileInfo::exists(path))
+            break;
+    }
+    lastShotTime_ = when;
     Logger::setError(QStringLiteral("saving camera image  \"%1\" to \"%2\"").arg(cameraName, path));
 
     // Written beside the target and renamed into place, so a sibling never sees
     // half a file. No fsync per shot: it would halve the burst rate, and the
     // rename still never exposes a torn file.
-    QSaveFile file(path);
-    file.setDirectWriteFallback(false);
-    bool ok = file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size();
-    ok = ok ? file.commit() : (file.cancelWriting(), false);
+    const auto write = [&](QString *error) {
+        QSaveFile file(path);
+        file.setDirectWriteFallback(false);
+        bool ok = file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size();
+        ok = ok ? file.commit() : (file.cancelWriting(), false);
+        if (!ok)
+            *error = file.errorString();
+        return ok;
+    };
+    QString error;
+    bool ok = write(&error);
+    if (!ok && waitForSpace(folder, bytes.size()))
+        ok = write(&error);
     if (!ok) {
+        Logger::setError(QStringLiteral("failed to save image to path %1 with error = %2").arg(path, error));
         Logger::setError(
-            QStringLiteral("failed to save image to path %1 with error = %2").arg(path, file.errorString()));
+            kShotNotSavedFormat.arg(cameraName, QStringLiteral("%1 writing %2").arg(error, path)));
         return;
     }
     Logger::setError(QStringLiteral("SAVED FILE %1 Valid")
                          .arg(isValidJPEGFile(path) ? QStringLiteral("IS") : QStringLiteral("Is NOT")));
     emit photoSaved(path);
+}
+
+bool ViewController::waitForSpace(const QString &folder, qint64 bytes) {
+    // Room for the shot and its folder entry; a full disk is often freed by a
+    // sibling moving shots away, so the shot waits a while before it is lost.
+    const qint64 needed = bytes + 64 * 1024;
+    auto hasRoom = [&] {
+        QStorageInfo storage(folder);
+        storage.refresh();
+        return !storage.isValid() || storage.bytesAvailable() < 0 || storage.bytesAvailable() >= needed;
+    };
+    if (hasRoom())
+        return false; // not a full disk: waiting would not help
+    static const int limitMs = [] {
+        bool ok = false;
+        const double s = qEnvironmentVariable("BRIX_DISK_FULL_WAIT_SECONDS").toDouble(&ok);
+        return ok && s >= 0 ? int(s * 1000) : kDiskFullWaitMs;
+    }();
+    Logger::setError(QStringLiteral("no room for %1 bytes in %2: waiting up to %3 ms for space")
+                         .arg(bytes)
+                         .arg(folder)
+                         .arg(limitMs));
+    QElapsedTimer waited;
+    waited.start();
+    while (!hasRoom()) {
+        if (waited.elapsed() >= limitMs)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    Logger::setError(QStringLiteral("space in %1 again after %2 ms").arg(folder).arg(waited.elapsed()));
+    return true;
 }
 
 void ViewController::downloadProgress(const Notification &notification) {

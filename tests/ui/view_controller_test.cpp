@@ -20,14 +20,17 @@ Notification shot(const QByteArray &bytes, const QString &cameraName) {
                         {}};
 }
 
-QByteArray jpegLike() { return QByteArray("\xFF\xD8 pretend image \xFF\xD9", 19); }
+QByteArray jpegLike() {
+    return QByteArray("\xFF\xD8 pretend image \xFF\xD9", 19);
+}
 
 class ViewControllerTest : public ::testing::Test {
 protected:
     void SetUp() override {
         Preferences::standard().removeObjectForKey(ViewController::kPrefSaveFolderPath);
-        QObject::connect(&vc, &ViewController::photoSaved, &vc, [this](const QString &p) { saved << p; },
-                         Qt::DirectConnection);
+        QObject::connect(
+            &vc, &ViewController::photoSaved, &vc, [this](const QString &p) { saved << p; },
+            Qt::DirectConnection);
     }
     void finish() {
         test::drain(ViewController::metadataQueue());
@@ -48,7 +51,8 @@ TEST_F(ViewControllerTest, FirstStartCreatesTheDefaultFolderUnderHomeAndStoresIt
 }
 
 TEST_F(ViewControllerTest, StoredFolderIsTrimmedExpandedCreatedAndStoredBack) {
-    Preferences::standard().setObject(QString("  ~/Event//Shots/./day1/..\n"), ViewController::kPrefSaveFolderPath);
+    Preferences::standard().setObject(QString("  ~/Event//Shots/./day1/..\n"),
+                                      ViewController::kPrefSaveFolderPath);
     vc.createSavePhotosFolder();
     finish();
     EXPECT_EQ(vc.getPathToSavePhotos(), test::testHome() + "/Event/Shots");
@@ -83,23 +87,27 @@ TEST_F(ViewControllerTest, RawShotIsNotValidJpegButIsStillSavedAndAnnounced) {
     EXPECT_FALSE(ViewController::isValidJPEGFile(QString())); // a missing file is not valid
 }
 
-TEST_F(ViewControllerTest, TwoShotsInOneMillisecondLeaveOneFileTheLaterWins) {
+TEST_F(ViewControllerTest, TwoShotsInOneMillisecondTakeTheNextFreeMillisecond) {
     vc.createSavePhotosFolder();
     finish();
     vc.setClock([] { return QDateTime(QDate(2025, 6, 1), QTime(10, 0, 0, 5)); });
+    // A file left from before takes the second shot's millisecond too.
+    QFile(vc.getPathToSavePhotos() + "/20250601100000006.jpg").open(QIODevice::WriteOnly);
     vc.newPhoto(shot(QByteArray("first\xFF\xD9"), "IMG_0003.JPG"));
     vc.newPhoto(shot(QByteArray("second\xFF\xD9"), "IMG_0004.JPG"));
     finish();
-    const QStringList files = QDir(vc.getPathToSavePhotos()).entryList(QDir::Files);
-    ASSERT_EQ(files.size(), 1);
-    QFile f(vc.getPathToSavePhotos() + "/" + files[0]);
+    ASSERT_EQ(saved.size(), 2);
+    EXPECT_EQ(QFileInfo(saved[0]).fileName(), "20250601100000005.jpg");
+    EXPECT_EQ(QFileInfo(saved[1]).fileName(), "20250601100000007.jpg");
+    QFile f(saved[1]);
     ASSERT_TRUE(f.open(QIODevice::ReadOnly));
     EXPECT_EQ(f.readAll(), QByteArray("second\xFF\xD9"));
     EXPECT_EQ(vc.fSavedCount(), 2);
 }
 
 TEST_F(ViewControllerTest, FailedWriteAnnouncesNothingButBothCountersGrew) {
-    Preferences::standard().setObject(test::testHome() + "/no/such/folder", ViewController::kPrefSaveFolderPath);
+    Preferences::standard().setObject(test::testHome() + "/no/such/folder",
+                                      ViewController::kPrefSaveFolderPath);
     vc.newPhoto(shot(jpegLike(), "IMG_0005.JPG"));
     finish();
     EXPECT_TRUE(saved.isEmpty());
@@ -108,7 +116,8 @@ TEST_F(ViewControllerTest, FailedWriteAnnouncesNothingButBothCountersGrew) {
 }
 
 TEST_F(ViewControllerTest, ProgressShowsThenClears) {
-    vc.downloadProgress(Notification{kOKVA_CanonCameraDownloadProgress, {}, {{kOKVA_CanonCameraDownloadProgressPercent, 42u}}, {}});
+    vc.downloadProgress(Notification{
+        kOKVA_CanonCameraDownloadProgress, {}, {{kOKVA_CanonCameraDownloadProgressPercent, 42u}}, {}});
     ASSERT_TRUE(test::processEventsUntil([&] { return vc.progressVisible(); }));
     EXPECT_EQ(vc.progressValue(), 42.0);
     vc.clearProgressIndicator();
@@ -128,7 +137,9 @@ TEST_F(ViewControllerTest, StatusTextFollowsStatusMessagesAndIgnoresFileAnnounce
     ASSERT_TRUE(test::processEventsUntil([&] { return !vc.fCameraOnline(); }));
     EXPECT_EQ(Preferences::standard().stringForKey(key), "Canon EOS R5 - DISCONNECTED");
     vc.cameraStatusChanged({"brixXNotification", "", {{"cameraStatus", false}}});
-    ASSERT_TRUE(test::processEventsUntil([&] { return Preferences::standard().stringForKey(key) == "< NO Camera Found >"; }));
+    ASSERT_TRUE(test::processEventsUntil(
+        [&] { return Preferences::standard().stringForKey(key) == "< NO Camera Found >"; }));
     vc.cameraDisappeared(Notification{kOKVA_CanonCameraDidUnload, {}, {}, {}});
-    ASSERT_TRUE(test::processEventsUntil([&] { return Preferences::standard().stringForKey(key) == "< NO Canon Camera Found >"; }));
+    ASSERT_TRUE(test::processEventsUntil(
+        [&] { return Preferences::standard().stringForKey(key) == "< NO Canon Camera Found >"; }));
 }
