@@ -173,11 +173,14 @@ void ViewController::processPhotoData(const QVariantMap &info) {
     // half a file. No fsync per shot: it would halve the burst rate, and the
     // rename still never exposes a torn file.
     const auto write = [&](QString *error) {
+        error->clear();
         QSaveFile file(path);
         file.setDirectWriteFallback(false);
         bool ok = file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size();
-        ok = ok ? file.commit() : (file.cancelWriting(), false);
         if (!ok)
+            *error = file.errorString(); // before the cancel replaces it
+        ok = ok ? file.commit() : (file.cancelWriting(), false);
+        if (!ok && error->isEmpty())
             *error = file.errorString();
         return ok;
     };

@@ -189,6 +189,7 @@ private:
     void announced(const Message &m);
     bool waitForStation(pid_t previous);
     void fire(int count, int gapMs);
+    void settle(unsigned outstanding);
     void syncShotCount();
     void grab(int count);
     void fault(Fault f);
@@ -204,7 +205,7 @@ private:
     std::unique_ptr<QDBusConnection> connection_;
     std::unique_ptr<DistributedNotificationCenter> center_;
     QProcess first_;
-    pid_t station_ = 0;
+    pid_t station_ = 0, firstPid_ = 0;
     int epoch_ = 0;        // station processes the harness has driven
     int logEpoch_ = 0;     // station processes the log has shown starting
     unsigned counted_ = 0; // shots of this epoch the harness knows of
@@ -220,6 +221,7 @@ private:
     std::map<std::pair<int, QString>, QString> lostWhy_;
     std::set<std::pair<int, QString>> offered_;
     std::map<int, int> unnamedLost_;
+    std::map<int, unsigned> resolved_; // shots saved or given up, per epoch
     int relaunches_ = 0, unexpectedEnds_ = 0, waitedForSpace_ = 0;
     // From the wire.
     QMap<QString, qint64> announcedAt_;
@@ -243,9 +245,11 @@ void Soak::takeLine(const QString &line) {
         ++logEpoch_;
     } else if ((m = saving.match(line)).hasMatch()) {
         savedAs_[{logEpoch_, m.captured(1)}] = m.captured(2);
+        ++resolved_[logEpoch_];
     } else if ((m = offered.match(line)).hasMatch()) {
         offered_.insert({logEpoch_, m.captured(1)});
     } else if ((m = lost.match(line)).hasMatch()) {
+        ++resolved_[logEpoch_];
         if (m.captured(1) == QLatin1String("(unnamed)"))
             ++unnamedLost_[logEpoch_];
         else
@@ -331,6 +335,23 @@ void Soak::fire(int count, int gapMs) {
         }
         pump(gapMs);
     }
+}
+
+// A booth's pace: the next event waits while more than `outstanding` shots of
+// this station are neither saved nor given up (or nothing moves for a while).
+void Soak::settle(unsigned outstanding) {
+    unsigned last = resolved_[epoch_];
+    QElapsedTimer still;
+    still.start();
+    pumpUntil(
+        [&] {
+            if (resolved_[epoch_] != last) {
+                last = resolved_[epoch_];
+                still.start();
+            }
+            return counted_ <= last + outstanding || still.elapsed() > 5000 + qint64(o_.diskWait * 1000);
+        },
+        120000);
 }
 
 void Soak::grab(int count) {
@@ -509,8 +530,7 @@ int Soak::report() {
     }
     const int crashes =
         unexpectedEnds_ + sanitizer +
-        (first_.exitStatus() == QProcess::CrashExit && !killedPids_.contains(pid_t(first_.processId())) ? 1
-                                                                                                        : 0);
+        (first_.exitStatus() == QProcess::CrashExit && !killedPids_.contains(firstPid_) ? 1 : 0);
     std::sort(latencies.begin(), latencies.end());
     auto pct = [&](double p) {
         return latencies.empty()
@@ -583,7 +603,10 @@ int Soak::run() {
     first_.setStandardOutputFile(home_ + "/station.out");
     first_.setStandardErrorFile(home_ + "/station.out", QIODevice::Append);
     first_.start(BRIX_EXECUTABLE, {"--headless"});
-    if (!first_.waitForStarted(10000) || !waitForStation(0)) {
+    if (!first_.waitForStarted(10000))
+        return 1;
+    firstPid_ = pid_t(first_.processId());
+    if (!waitForStation(0)) {
         std::printf("the station did not come up\n");
         return 1;
     }
@@ -614,12 +637,16 @@ int Soak::run() {
         }
         if (f == Fault::Kill && sinceKill_.elapsed() < kKillSpacingMs)
             f = Fault::Burst;
+        settle(8);
         fault(f);
     }
     // Whatever of the plan is left still runs.
     for (; next < plan.size(); ++next) {
-        while (plan[next] == Fault::Kill && sinceKill_.elapsed() < kKillSpacingMs)
+        while (plan[next] == Fault::Kill && sinceKill_.elapsed() < kKillSpacingMs) {
+            settle(8);
             fault(Fault::Burst);
+        }
+        settle(8);
         fault(plan[next]);
     }
     finish();
@@ -628,7 +655,11 @@ int Soak::run() {
 
 int runInNamespace(const Options &o) {
     QTemporaryDir dir(QDir::tempPath() + "/brix-soak-XXXXXX");
+    // BRIX_SOAK_KEEP=1 keeps the station's home (log, output) for a look afterwards.
+    dir.setAutoRemove(qEnvironmentVariableIsEmpty("BRIX_SOAK_KEEP"));
     const QString home = dir.path();
+    if (!dir.autoRemove())
+        std::printf("soak: station home %s\n", qPrintable(home));
     for (const char *sub : {".config", ".local/state", "run", "Users/Shared/CanonFolder"})
         QDir(home).mkpath(sub);
     ::chmod(QFile::encodeName(home + "/run").constData(), 0700);
