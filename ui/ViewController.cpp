@@ -186,12 +186,14 @@ void ViewController::processPhotoData(const QVariantMap &info) {
     };
     QString error;
     bool ok = write(&error);
-    if (!ok && waitForSpace(folder, bytes.size()))
+    bool full = false;
+    if (!ok && waitForSpace(folder, bytes.size(), &full))
         ok = write(&error);
     if (!ok) {
         Logger::setError(QStringLiteral("failed to save image to path %1 with error = %2").arg(path, error));
-        Logger::setError(
-            kShotNotSavedFormat.arg(cameraName, QStringLiteral("%1 writing %2").arg(error, path)));
+        const QString why =
+            full ? QStringLiteral("the disk stayed full (%1) writing %2") : QStringLiteral("%1 writing %2");
+        Logger::setError(kShotNotSavedFormat.arg(cameraName, why.arg(error, path)));
         return;
     }
     Logger::setError(QStringLiteral("SAVED FILE %1 Valid")
@@ -199,7 +201,7 @@ void ViewController::processPhotoData(const QVariantMap &info) {
     emit photoSaved(path);
 }
 
-bool ViewController::waitForSpace(const QString &folder, qint64 bytes) {
+bool ViewController::waitForSpace(const QString &folder, qint64 bytes, bool *full) {
     // Room for the shot and its folder entry; a full disk is often freed by a
     // sibling moving shots away, so the shot waits a while before it is lost.
     const qint64 needed = bytes + 64 * 1024;
@@ -210,6 +212,7 @@ bool ViewController::waitForSpace(const QString &folder, qint64 bytes) {
     };
     if (hasRoom())
         return false; // not a full disk: waiting would not help
+    *full = true;
     static const int limitMs = [] {
         bool ok = false;
         const double s = qEnvironmentVariable("BRIX_DISK_FULL_WAIT_SECONDS").toDouble(&ok);
@@ -227,6 +230,7 @@ bool ViewController::waitForSpace(const QString &folder, qint64 bytes) {
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
     Logger::setError(QStringLiteral("space in %1 again after %2 ms").arg(folder).arg(waited.elapsed()));
+    *full = false;
     return true;
 }
 

@@ -103,8 +103,9 @@ public:
     // ($BRIX_DISK_FULL_WAIT_SECONDS overrides it).
     static constexpr int kDiskFullWaitMs = 15000;
     // On a full disk: waits until the folder has room for `bytes`; false at
-    // once when the disk is not full, or when no room came in time.
-    static bool waitForSpace(const QString &folder, qint64 bytes);
+    // once when the disk is not full, or when no room came in time (*full
+    // then tells which).
+    static bool waitForSpace(const QString &folder, qint64 bytes, bool *full);
 
     // The time that names shots; the wall clock unless a test sets another.
     void setClock(std::function<QDateTime()> now) { now_ = std::move(now); }

@@ -179,6 +179,8 @@ private:
                 for (const QByteArray &l : status.readAll().split('\n'))
                     if (l.startsWith("VmRSS:")) {
                         const qint64 kb = l.mid(6).trimmed().split(' ').value(0).toLongLong();
+                        if (kb > peakRssKb_)
+                            peakAtMs_ = clock_.elapsed();
                         peakRssKb_ = std::max(peakRssKb_, kb);
                         lastRssKb_ = kb;
                     }
@@ -227,6 +229,7 @@ private:
     QMap<QString, qint64> announcedAt_;
     int announcements_ = 0, duplicateAnnouncements_ = 0, duplicateFiles_ = 0, missingFiles_ = 0;
     QSet<QByteArray> hashes_;
+    qint64 peakAtMs_ = 0;
     qint64 peakRssKb_ = 0, lastRssKb_ = 0, rssAfterWarmUpKb_ = 0;
     QString filler_;
 };
@@ -566,7 +569,8 @@ int Soak::report() {
     row("announced files missing", QString::number(missingFiles_));
     row("crashes (besides the kills)", QString::number(crashes));
     row("SIGKILLs / relaunches", QStringLiteral("%1 / %2").arg(killedPids_.size()).arg(relaunches_));
-    row("peak station memory (RSS, MB)", QString::number(double(peakRssKb_) / 1024.0, 'f', 1));
+    row("peak station memory (RSS, MB)",
+        QStringLiteral("%1 at %2 s").arg(double(peakRssKb_) / 1024.0, 0, 'f', 1).arg(peakAtMs_ / 1000));
     row("station RSS after warm-up / at end (MB)", QStringLiteral("%1 / %2")
                                                        .arg(double(rssAfterWarmUpKb_) / 1024.0, 0, 'f', 1)
                                                        .arg(double(lastRssKb_) / 1024.0, 0, 'f', 1));
