@@ -182,7 +182,10 @@ private:
                         if (kb > peakRssKb_)
                             peakAtMs_ = clock_.elapsed();
                         peakRssKb_ = std::max(peakRssKb_, kb);
-                        lastRssKb_ = kb;
+                        // Per station: its memory once warm and at its last shot.
+                        if (counted_ >= 20 && !warm_.count(epoch_))
+                            warm_[epoch_] = {kb, counted_};
+                        latest_[epoch_] = {kb, counted_};
                     }
         }
     }
@@ -224,13 +227,15 @@ private:
     std::set<std::pair<int, QString>> offered_;
     std::map<int, int> unnamedLost_;
     std::map<int, unsigned> resolved_; // shots saved or given up, per epoch
+    int caughtUp_ = 0, partialRemoved_ = 0;
     int relaunches_ = 0, unexpectedEnds_ = 0, waitedForSpace_ = 0;
     // From the wire.
     QMap<QString, qint64> announcedAt_;
     int announcements_ = 0, duplicateAnnouncements_ = 0, duplicateFiles_ = 0, missingFiles_ = 0;
     QSet<QByteArray> hashes_;
     qint64 peakAtMs_ = 0;
-    qint64 peakRssKb_ = 0, lastRssKb_ = 0, rssAfterWarmUpKb_ = 0;
+    std::map<int, std::pair<qint64, unsigned>> warm_, latest_; // RSS (KB) and shots so far
+    qint64 peakRssKb_ = 0;
     QString filler_;
 };
 
@@ -261,6 +266,10 @@ void Soak::takeLine(const QString &line) {
         ++relaunches_;
         if (!killedPids_.contains(pid_t(m.captured(1).toInt())))
             ++unexpectedEnds_;
+    } else if (line.contains(QLatin1String("saved before the last run ended"))) {
+        ++caughtUp_;
+    } else if (line.contains(QLatin1String("removed the partly written shot"))) {
+        ++partialRemoved_;
     } else if (line.contains(QLatin1String("waiting up to"))) {
         ++waitedForSpace_;
     }
@@ -571,9 +580,20 @@ int Soak::report() {
     row("SIGKILLs / relaunches", QStringLiteral("%1 / %2").arg(killedPids_.size()).arg(relaunches_));
     row("peak station memory (RSS, MB)",
         QStringLiteral("%1 at %2 s").arg(double(peakRssKb_) / 1024.0, 0, 'f', 1).arg(peakAtMs_ / 1000));
-    row("station RSS after warm-up / at end (MB)", QStringLiteral("%1 / %2")
-                                                       .arg(double(rssAfterWarmUpKb_) / 1024.0, 0, 'f', 1)
-                                                       .arg(double(lastRssKb_) / 1024.0, 0, 'f', 1));
+    // Memory growth per shot in the station that took the most shots once warm.
+    double growth = 0;
+    unsigned most = 0;
+    for (const auto &[e, w] : warm_) {
+        const auto &l = latest_[e];
+        if (l.second > w.second && l.second - w.second > most) {
+            most = l.second - w.second;
+            growth = double(l.first - w.first) / double(most);
+        }
+    }
+    row("RSS growth per shot, longest station run (KB)",
+        QStringLiteral("%1 (%2)").arg(growth, 0, 'f', 1).arg(most));
+    row("announced late, after a relaunch", QString::number(caughtUp_));
+    row("partly written files removed at start", QString::number(partialRemoved_));
     row("shot to announcement, median (ms)", QString::number(pct(0.5)));
     row("shot to announcement, p99 (ms)", QString::number(pct(0.99)));
     row("shot to announcement, max (ms)", QString::number(latencies.empty() ? 0 : latencies.back()));
@@ -627,8 +647,6 @@ int Soak::run() {
     }
     size_t next = 0;
     while (int(shots_.size()) < o_.shots) {
-        if (!rssAfterWarmUpKb_ && int(shots_.size()) > o_.shots / 10)
-            rssAfterWarmUpKb_ = lastRssKb_;
         Fault f = Fault::Burst;
         if (next < plan.size() && pick(0, 2) == 0) {
             f = plan[next];
