@@ -6,7 +6,7 @@
 // At the end it prints one table and fails on any crash other than its own
 // kills, any duplicate, and any shot lost without a logged reason.
 //
-//   brix_soak [--shots N] [--seed S] [--disk-wait SECONDS]
+//   brix_soak [--no-kill] [--shots N] [--seed S] [--disk-wait SECONDS]
 //   brix_soak --short        # what the test command runs: 200 shots, seed 19
 //
 // The save folder is a tmpfs in a private mount namespace: the program runs
@@ -63,6 +63,7 @@ struct Options {
     unsigned seed = 0;
     double diskWait = 15;
     bool shortRun = false;
+    bool kills = true;
     int tmpfsMiB = 8;
 };
 
@@ -655,7 +656,7 @@ int Soak::run() {
             else
                 ++next;
         } else if (!o_.shortRun && pick(0, 3) == 0) {
-            f = Fault(pick(1, 7));
+            f = Fault(pick(1, o_.kills ? 7 : 6));
         }
         if (f == Fault::Kill && sinceKill_.elapsed() < kKillSpacingMs)
             f = Fault::Burst;
@@ -718,6 +719,8 @@ int main(int argc, char **argv) {
             o.shots = 200;
             o.seed = 19;
             o.diskWait = 2;
+        } else if (a == "--no-kill") {
+            o.kills = false;
         } else if (a == "--shots" && !v.isEmpty()) {
             o.shots = v.toInt(), ++i;
         } else if (a == "--seed" && !v.isEmpty()) {
@@ -725,7 +728,7 @@ int main(int argc, char **argv) {
         } else if (a == "--disk-wait" && !v.isEmpty()) {
             o.diskWait = v.toDouble(), ++i;
         } else {
-            std::fprintf(stderr, "usage: %s [--short] [--shots N] [--seed S] [--disk-wait SECONDS]\n",
+            std::fprintf(stderr, "usage: %s [--short] [--no-kill] [--shots N] [--seed S] [--disk-wait SECONDS]\n",
                          argv[0]);
             return 2;
         }
@@ -748,6 +751,8 @@ int main(int argc, char **argv) {
                                            wait.constData()};
             if (o.shortRun)
                 args.insert(args.begin() + 3, "--short");
+            if (!o.kills)
+                args.insert(args.begin() + 3, "--no-kill");
             args.push_back(nullptr);
             ::execvp("unshare", const_cast<char **>(args.data()));
             ::_exit(127);
