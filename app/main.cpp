@@ -120,15 +120,14 @@ int main(int argc, char **argv) {
     ViewController viewController;
     viewController.setDisplaysImages(!options.headless);
     // Each saved shot is announced, in order, from the queue that saved it.
-    // The record of announced shots is written on the main queue just before
-    // the announcement goes out, so a kill in between loses at most that one
-    // announcement and never repeats one.
+    // The record of announced shots is written on the main queue in the turn
+    // that posts the announcement, right before it: a kill in between loses at
+    // most that one announcement and never repeats one.
     ShotJournal journal;
     QObject::connect(
         &viewController, &ViewController::photoSaved, &viewController,
         [&console, &journal](const QString &path) {
-            Scheduling::performAsyncOnMainQueue([&journal, path] { journal.markAnnounced(path); });
-            interapp::mySendBrixXNotification2(path);
+            interapp::mySendBrixXNotification2(path, [&journal, path] { journal.markAnnounced(path); });
             interapp::mySendPreviewerAppNotificationWithFilePath(path);
             console.shotSaved(path);
         },

@@ -362,7 +362,8 @@ void Soak::settle(unsigned outstanding) {
                 last = resolved_[epoch_];
                 still.start();
             }
-            return counted_ <= last + outstanding || still.elapsed() > 5000 + qint64(o_.diskWait * 1000);
+            // Shots a body dropped at an unplug never resolve: a pause ends it too.
+            return counted_ <= last + outstanding || still.elapsed() > 2000;
         },
         120000);
 }
@@ -728,7 +729,8 @@ int main(int argc, char **argv) {
         } else if (a == "--disk-wait" && !v.isEmpty()) {
             o.diskWait = v.toDouble(), ++i;
         } else {
-            std::fprintf(stderr, "usage: %s [--short] [--no-kill] [--shots N] [--seed S] [--disk-wait SECONDS]\n",
+            std::fprintf(stderr,
+                         "usage: %s [--short] [--no-kill] [--shots N] [--seed S] [--disk-wait SECONDS]\n",
                          argv[0]);
             return 2;
         }
