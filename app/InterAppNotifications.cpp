@@ -30,8 +30,8 @@ void logInside(const char *function) { Logger::setError(QStringLiteral("Inside %
 QString senderApp() { return Paths::executableName(); }
 QString bundleIdentifier() { return QString::fromLatin1(bundle::kIdentifier); }
 
-void mySendBrixXNotification2(const QVariant &filePath) {
-    Scheduling::performAsyncOnMainQueue([filePath] {
+void mySendBrixXNotification2(const QVariant &filePath, std::function<void()> beforePost) {
+    Scheduling::performAsyncOnMainQueue([filePath, beforePost = std::move(beforePost)] {
         logInside("mySendBrixXNotification2_block_invoke");
         QString path = filePath.isValid() && !filePath.isNull() ? filePath.toString() : QString();
         if (path.isEmpty())
@@ -44,6 +44,8 @@ void mySendBrixXNotification2(const QVariant &filePath) {
         info.insert(kFilePath, path);
         // The announcement carries the file itself here, not its folder.
         info.insert(kPrefSaveFolderToPath, path);
+        if (beforePost)
+            beforePost();
         post(kBrixXNotification, kObjectTest, info);
         Logger::setError(QStringLiteral("%1 -> sent NSDistributedNotification...%2")
                              .arg(QLatin1String("mySendBrixXNotification2_block_invoke"), describe(info)));

@@ -6,6 +6,8 @@
 // thread (queued, or performed there and waited for, as each one says).
 #pragma once
 
+#include <functional>
+
 #include <QString>
 #include <QVariant>
 #include <QVariantList>
@@ -62,7 +64,9 @@ QString senderApp();
 QString bundleIdentifier();
 
 // Announces a newly saved file (path may be null: a default folder is announced).
-void mySendBrixXNotification2(const QVariant &filePath);
+// `beforePost` runs on the main queue right before the announcement is posted,
+// in the same turn, so that nothing comes between the two.
+void mySendBrixXNotification2(const QVariant &filePath, std::function<void()> beforePost = {});
 // Tells the previewer to show a file; `filePath` may also be a list of paths.
 void mySendPreviewerAppNotificationWithFilePath(const QVariant &filePath);
 // Camera status reply and broadcast. Adds "identifier" and "senderApp" to the

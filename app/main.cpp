@@ -21,6 +21,7 @@
 #include "Paths.h"
 #include "Preferences.h"
 #include "Scheduling.h"
+#include "ShotJournal.h"
 #include "SimulatorControl.h"
 #include "SingleInstance.h"
 #include "ViewController.h"
@@ -120,10 +121,14 @@ int main(int argc, char **argv) {
     ViewController viewController;
     viewController.setDisplaysImages(!options.headless);
     // Each saved shot is announced, in order, from the queue that saved it.
+    // The record of announced shots is written on the main queue in the turn
+    // that posts the announcement, right before it: a kill in between loses at
+    // most that one announcement and never repeats one.
+    ShotJournal journal;
     QObject::connect(
         &viewController, &ViewController::photoSaved, &viewController,
-        [&console](const QString &path) {
-            interapp::mySendBrixXNotification2(path);
+        [&console, &journal](const QString &path) {
+            interapp::mySendBrixXNotification2(path, [&journal, path] { journal.markAnnounced(path); });
             interapp::mySendPreviewerAppNotificationWithFilePath(path);
             console.shotSaved(path);
         },
@@ -214,6 +219,17 @@ int main(int argc, char **argv) {
         window->show();
         probe = WindowProbe::exportIfRequested(*window, panel, viewController, windowModes);
     }
+    // Shots the last run saved but did not announce go out first, before any
+    // new shot is saved.
+    // The folder as the view's start-up will resolve it; it stores it later.
+    ViewController::metadataQueue()->async([&viewController, &journal] {
+        const QString stored =
+            Preferences::standard().stringForKey(QString::fromLatin1(ViewController::kPrefSaveFolderPath));
+        const QString folder = Paths::standardizePath(
+            stored.isNull() ? QString::fromLatin1(ViewController::kDefaultSaveFolder) : stored.trimmed());
+        for (const QString &path : journal.catchUp(folder))
+            emit viewController.photoSaved(path);
+    });
     delegate.applicationDidFinishLaunching();
     viewController.viewDidLoad();
 

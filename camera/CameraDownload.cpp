@@ -38,7 +38,37 @@ constexpr const char kLogEvfRefError[] = "error 0x%x creating liveView image ref
 constexpr const char kLogEvfDownloadError[] = "error 0x%x downloading liveView image";
 constexpr const char kLogDecodeError[] = "error creating NSImage from data";
 
+constexpr const char kLogRetrying[] = "error %x (%s) downloading \"%@\", attempt %u of %u: trying again";
+
 constexpr auto kNotReadyPoll = std::chrono::microseconds(500);
+
+// A busy or briefly failing body gets a few more tries, each after a longer
+// pause; a body or shot that is gone, or a cancelled transfer, gets none.
+constexpr unsigned kDownloadAttempts = 4;
+constexpr auto kRetryPause = std::chrono::milliseconds(25);
+
+bool worthRetrying(EdsError err) {
+    switch (err) {
+    case EDS_ERR_OK:
+    case EDS_ERR_COMM_DISCONNECTED:
+    case EDS_ERR_DEVICE_NOT_FOUND:
+    case EDS_ERR_INVALID_HANDLE:
+    case EDS_ERR_SESSION_NOT_OPEN:
+    case EDS_ERR_OPERATION_CANCELLED:
+    case EDS_ERR_MEM_ALLOC_FAILED:
+        return false;
+    default:
+        return true;
+    }
+}
+
+void logShotLost(const QString &fileName, EdsError err, const char *step, unsigned attempts) {
+    cameratext::log(kShotNotSavedFormat.arg(fileName.isEmpty() ? QStringLiteral("(unnamed)") : fileName,
+                                            QStringLiteral("error 0x%1 (%2) %3 after %4 attempt(s)")
+                                                .arg(err, 0, 16)
+                                                .arg(cameratables::errorText(err), QLatin1String(step))
+                                                .arg(attempts)));
+}
 } // namespace
 
 // --- download ------------------------------------------------------------------------------------
@@ -46,7 +76,15 @@ constexpr auto kNotReadyPoll = std::chrono::microseconds(500);
 EdsError OKVA_CanonCamera::downloadObject(EdsDirectoryItemRef item) {
     logf(kLogShouldDownload);
     EdsDirectoryItemInfo info{};
-    const EdsError ierr = sdk_->EdsGetDirectoryItemInfo(item, &info);
+    EdsError ierr = EDS_ERR_OK;
+    unsigned attempt = 1;
+    for (;; ++attempt) {
+        info = {};
+        ierr = sdk_->EdsGetDirectoryItemInfo(item, &info);
+        if ((ierr == EDS_ERR_OK && info.size > 0) || !worthRetrying(ierr) || attempt == kDownloadAttempts)
+            break;
+        std::this_thread::sleep_for(kRetryPause * attempt);
+    }
     const EdsUInt32 size = static_cast<EdsUInt32>(info.size);
     const QString fileName =
         QString::fromUtf8(info.szFileName, qsizetype(strnlen(info.szFileName, sizeof info.szFileName)));
@@ -55,14 +93,34 @@ EdsError OKVA_CanonCamera::downloadObject(EdsDirectoryItemRef item) {
     // an empty file would be saved. The item is left alone instead.
     if (ierr != EDS_ERR_OK || size == 0) {
         logf(kLogNoSize, ierr, size, fileName);
-        return ierr != EDS_ERR_OK ? ierr : EDS_ERR_INVALID_LENGTH;
+        const EdsError err = ierr != EDS_ERR_OK ? ierr : EDS_ERR_INVALID_LENGTH;
+        logShotLost(fileName, err, "reading its size", attempt);
+        return err;
     }
     logf(kLogStarting, size, fileName);
 
+    const char *step = "downloading it";
+    EdsError err = EDS_ERR_OK;
+    for (attempt = 1;; ++attempt) {
+        err = downloadOnce(item, size, fileName, &step);
+        if (err == EDS_ERR_OK)
+            return err;
+        if (!worthRetrying(err) || attempt == kDownloadAttempts)
+            break;
+        logf(kLogRetrying, err, cameratables::errorText(err), fileName, attempt, kDownloadAttempts);
+        std::this_thread::sleep_for(kRetryPause * attempt);
+    }
+    logShotLost(fileName, err, step, attempt);
+    return err;
+}
+
+EdsError OKVA_CanonCamera::downloadOnce(EdsDirectoryItemRef item, EdsUInt32 size, const QString &fileName,
+                                        const char **step) {
     QByteArray buffer;
     try {
         buffer = QByteArray(qsizetype(size), Qt::Uninitialized);
     } catch (const std::bad_alloc &) {
+        *step = "making room for it";
         return EDS_ERR_MEM_ALLOC_FAILED;
     }
 
@@ -71,6 +129,7 @@ EdsError OKVA_CanonCamera::downloadObject(EdsDirectoryItemRef item) {
     EdsError err = sdk_->EdsCreateMemoryStreamFromPointer(buffer.data(), size, stream.receive(*sdk_));
     if (err != EDS_ERR_OK) {
         logf(kLogStreamError, err);
+        *step = "creating its memory stream";
     } else {
         const EdsError perr = sdk_->EdsSetProgressCallback(stream.get(), &progressHandler,
                                                            kEdsProgressOption_Periodically, this);
@@ -80,11 +139,13 @@ EdsError OKVA_CanonCamera::downloadObject(EdsDirectoryItemRef item) {
         err = sdk_->EdsDownload(item, size, stream.get());
         if (err != EDS_ERR_OK) {
             logf(kLogDownloadError, err);
+            *step = "downloading it";
         } else {
             made = true; // the bytes are the shot's data from here on
             err = sdk_->EdsDownloadComplete(item);
             if (err != EDS_ERR_OK) {
                 logf(kLogCompleteError, err);
+                *step = "completing its download";
             } else {
                 logf(kLogComplete);
                 UserInfoBuilder userInfo;

@@ -77,6 +77,10 @@ inline const QString kOKVA_CanonCameraPhotoData = QStringLiteral("OKVA_CanonCame
 inline const QString kOKVA_CanonCameraPhotoFilename = QStringLiteral("OKVA_CanonCameraPhotoFilename");
 inline const QString kOKVA_CanonCameraLiveViewImage = QStringLiteral("OKVA_CanonCameraLiveViewImage");
 
+// The line logged whenever a shot the camera offered ends up in no file: the
+// camera's file name of the shot, then why. Every loss says so once.
+inline const QString kShotNotSavedFormat = QStringLiteral("shot \"%1\" not saved: %2");
+
 // Keys of a command dictionary.
 inline const QString kCommandNumber = QStringLiteral("commandNumber");
 inline const QString kCommandParam = QStringLiteral("commandParam");
@@ -219,6 +223,9 @@ public:
 
     // --- download and live view ---------------------------------------------------------
     eds::EdsError downloadObject(eds::EdsDirectoryItemRef item);
+    // One try of the transfer; `step` names the step that failed.
+    eds::EdsError downloadOnce(eds::EdsDirectoryItemRef item, eds::EdsUInt32 size, const QString &fileName,
+                               const char **step);
     bool cancelDownloadForProgress(eds::EdsUInt32 percent);
     static constexpr eds::EdsUInt32 liveViewStreamSize() { return 0x200000; }
     static int liveViewSupportLevel() { return 0; }

@@ -11,9 +11,11 @@
 #include <QBuffer>
 #include <QDateTime>
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QImageReader>
+#include <QStorageInfo>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -21,6 +23,7 @@
 #include <cerrno>
 #include <cstring>
 #include <mutex>
+#include <thread>
 
 namespace brix {
 
@@ -190,19 +193,74 @@ void ViewController::saveImage(const QVariant &) {
 
 void ViewController::processPhotoData(const QVariantMap &info) {
     const QString cameraName = info.value(kOKVA_CanonCameraPhotoFilename).toString();
-    const QString stamp = DateFormat::format(now_(), QString::fromLatin1(kShotNamePattern));
     const QString folder = getPathToSavePhotos();
-    const QString path = folder + '/' + stamp + '.' + QFileInfo(cameraName).suffix().toLower();
+    const QString extension = QFileInfo(cameraName).suffix().toLower();
+    // Two shots in one millisecond, or a name already on disk (from before a
+    // restart), take the next free millisecond: a shot never replaces another.
+    QDateTime when = now_();
+    if (lastShotTime_.isValid() && when <= lastShotTime_)
+        when = lastShotTime_.addMSecs(1);
+    QString path;
+    for (;; when = when.addMSecs(1)) {
+        path =
+            folder + '/' + DateFormat::format(when, QString::fromLatin1(kShotNamePattern)) + '.' + extension;
+        if (!QFileInfo::exists(path))
+            break;
+    }
+    lastShotTime_ = when;
     Logger::setError(QStringLiteral("saving camera image  \"%1\" to \"%2\"").arg(cameraName, path));
 
+    // Written beside the target and renamed into place, so a sibling never sees
+    // half a file; a full disk is waited for once before the shot is given up.
+    const QByteArray bytes = info.value(kOKVA_CanonCameraPhotoData).toByteArray();
     QString error;
-    if (!writeShot(path, info.value(kOKVA_CanonCameraPhotoData).toByteArray(), &error)) {
+    bool ok = writeShot(path, bytes, &error);
+    bool full = false;
+    if (!ok && waitForSpace(folder, bytes.size(), &full))
+        ok = writeShot(path, bytes, &error);
+    if (!ok) {
         Logger::setError(QStringLiteral("failed to save image to path %1 with error = %2").arg(path, error));
+        const QString why =
+            full ? QStringLiteral("the disk stayed full (%1) writing %2") : QStringLiteral("%1 writing %2");
+        Logger::setError(kShotNotSavedFormat.arg(cameraName, why.arg(error, path)));
         return;
     }
     Logger::setError(QStringLiteral("SAVED FILE %1 Valid")
                          .arg(isValidJPEGFile(path) ? QStringLiteral("IS") : QStringLiteral("Is NOT")));
     emit photoSaved(path);
+}
+
+bool ViewController::waitForSpace(const QString &folder, qint64 bytes, bool *full) {
+    // Room for the shot and its folder entry; a full disk is often freed by a
+    // sibling moving shots away, so the shot waits a while before it is lost.
+    const qint64 needed = bytes + 64 * 1024;
+    auto hasRoom = [&] {
+        QStorageInfo storage(folder);
+        storage.refresh();
+        return !storage.isValid() || storage.bytesAvailable() < 0 || storage.bytesAvailable() >= needed;
+    };
+    if (hasRoom())
+        return false; // not a full disk: waiting would not help
+    *full = true;
+    static const int limitMs = [] {
+        bool ok = false;
+        const double s = qEnvironmentVariable("BRIX_DISK_FULL_WAIT_SECONDS").toDouble(&ok);
+        return ok && s >= 0 ? int(s * 1000) : kDiskFullWaitMs;
+    }();
+    Logger::setError(QStringLiteral("no room for %1 bytes in %2: waiting up to %3 ms for space")
+                         .arg(bytes)
+                         .arg(folder)
+                         .arg(limitMs));
+    QElapsedTimer waited;
+    waited.start();
+    while (!hasRoom()) {
+        if (waited.elapsed() >= limitMs)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    Logger::setError(QStringLiteral("space in %1 again after %2 ms").arg(folder).arg(waited.elapsed()));
+    *full = false;
+    return true;
 }
 
 void ViewController::downloadProgress(const Notification &notification) {

@@ -104,6 +104,14 @@ public:
     // Last two bytes FF D9. A file shorter than two bytes is not valid.
     static bool isValidJPEGFile(const QString &path);
 
+    // How long a shot waits for a full disk to get room before it is lost
+    // ($BRIX_DISK_FULL_WAIT_SECONDS overrides it).
+    static constexpr int kDiskFullWaitMs = 15000;
+    // On a full disk: waits until the folder has room for `bytes`; false at
+    // once when the disk is not full, or when no room came in time (*full
+    // then tells which).
+    static bool waitForSpace(const QString &folder, qint64 bytes, bool *full);
+
     // The time that names shots; the wall clock unless a test sets another.
     void setClock(std::function<QDateTime()> now) { now_ = std::move(now); }
 
@@ -194,6 +202,8 @@ private:
     std::condition_variable flowCv_;
     int shotsInFlight_ = 0;
     std::function<QDateTime()> now_ = [] { return QDateTime::currentDateTime(); };
+    // The time that named the last shot (metadata queue only).
+    QDateTime lastShotTime_;
     std::vector<NotificationCenter::Token> localTokens_;
     std::vector<DistributedNotificationCenter::Token> distributedTokens_;
 

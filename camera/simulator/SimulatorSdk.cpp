@@ -1046,6 +1046,7 @@ EdsError SimulatorSdk::EdsSetCapacity(EdsCameraRef ref, EdsCapacity capacity) {
 void SimulatorSdk::shootLocked(Camera *camera) {
     const unsigned shotNumber = ++shots_;
     camera->fileCounter = camera->fileCounter % 9999 + 1;
+    fileCounters_[camera->model] = camera->fileCounter;
     if (closing_)
         return;
     // Where the shot goes is decided when it is taken, not when it is written.
@@ -1321,6 +1322,7 @@ int SimulatorSdk::plug(const std::string &model, int subtype) {
     c->model = model.empty() ? defaultModel_ : model;
     c->subtype = subtype >= 0 ? EdsUInt32(subtype) : (isLegacyModelName(c->model) ? 0u : 1u);
     c->port = "usb:001," + std::to_string(nextPort_++);
+    c->fileCounter = fileCounters_[c->model];
     const bool legacy = c->subtype == 0;
     for (const auto &spec : kProperties)
         c->props[spec.id] = Prop{spec.type, spec.initial, spec.text ? spec.text : ""};

@@ -150,6 +150,9 @@ private:
     std::vector<Camera *> attached_; // each holds one internal count
     std::string defaultModel_;
     unsigned nextPort_ = 1;
+    // The last file number of each model: a body keeps numbering its shots
+    // across unplugging, as its card does.
+    std::map<std::string, unsigned> fileCounters_;
 
     std::map<std::string, Injection> injections_;
     std::string shotExtension_ = "JPG";

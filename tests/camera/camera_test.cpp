@@ -1,5 +1,6 @@
 // The camera object, its command queue, discovery, download and live view,
 // run against the simulated camera.
+#include "../edsdk/LogCapture.h"
 #include "CameraClassState.h"
 #include "CameraFixture.h"
 
@@ -501,6 +502,27 @@ TEST_F(Download, ACancelledOrFailedTransferPostsNothingAndTheNextShotArrives) {
         named(kOKVA_CanonCameraPhotoDataAvailable)[0].note.userInfo.value(kOKVA_CanonCameraPhotoFilename),
         "IMG_0004.JPG");
     EXPECT_EQ(delegate.asked.load(), 1); // the cancelled transfer asked once
+}
+
+TEST_F(Download, ABusyBodyIsAskedAgainAndAShotGivenUpIsLoggedByName) {
+    CameraPtr camera = loadFirstCamera();
+    ASSERT_TRUE(camera);
+    LogCapture log;
+    // Three failures: the fourth try brings the shot.
+    ASSERT_TRUE(control->injectError("EdsDownload", EDS_ERR_DEVICE_BUSY, 3));
+    ASSERT_TRUE(control->pressShutter());
+    ASSERT_TRUE(waitFor([&] { return count(kOKVA_CanonCameraPhotoDataAvailable) == 1; }));
+    // Four: the shot is given up, and the log says which and why.
+    ASSERT_TRUE(control->injectError("EdsDownloadComplete", EDS_ERR_DEVICE_BUSY, 4));
+    ASSERT_TRUE(control->pressShutter());
+    ASSERT_TRUE(waitFor([&] { return log.text().find("not saved") != std::string::npos; }));
+    settle();
+    EXPECT_EQ(count(kOKVA_CanonCameraPhotoDataAvailable), 1u);
+    EXPECT_NE(
+        log.text().find("shot \"IMG_0002.JPG\" not saved: error 0x81 (device busy) completing its download "
+                        "after 4 attempt(s)"),
+        std::string::npos)
+        << log.text();
 }
 
 // --- disappearance -----------------------------------------------------------------------------

@@ -93,6 +93,42 @@ TEST_F(Station, BurstOfOneHundredShotsLosesNothingAndKeepsOrder) {
     EXPECT_EQ(QSet<QString>(announced.begin(), announced.end()).size(), 100);
 }
 
+TEST_F(Station, ShotSavedButNotAnnouncedBeforeADeathIsAnnouncedOnceAtTheNextStart) {
+    // What a killed station leaves: the record of its last announced shot, a
+    // later shot saved under its final name, and a shot half written.
+    QDir().mkpath(saveFolder_);
+    const QString marker = qEnvironmentVariable("XDG_STATE_HOME") + "/Brix/lastAnnouncedShot";
+    QDir().mkpath(QFileInfo(marker).path());
+    for (const auto &[path, bytes] :
+         {std::pair{marker, QByteArray("20260101120000000.jpg\n")},
+          {saveFolder_ + "/20260101115959999.jpg", QByteArray("announced long ago")},
+          {saveFolder_ + "/20260101120000001.jpg", QByteArray("saved, never announced\xFF\xD9")},
+          {saveFolder_ + "/.20260101120000002.jpg.part", QByteArray("half")}}) {
+        QFile f(path);
+        ASSERT_TRUE(f.open(QIODevice::WriteOnly));
+        f.write(bytes);
+    }
+    Sibling sibling;
+    start();
+    ASSERT_TRUE(waitForCameraStatus(sibling, 1));
+    ASSERT_TRUE(test::processEventsUntil([&] { return sibling.fileAnnouncements().size() >= 1; }, 20s));
+    EXPECT_EQ(sibling.fileAnnouncements()[0].userInfo.value("filePath").toString(),
+              saveFolder_ + "/20260101120000001.jpg");
+    EXPECT_EQ(shots(), (QStringList{"20260101115959999.jpg", "20260101120000001.jpg"}));
+
+    // The next shot is announced as usual, the caught-up one not again, also
+    // not after a restart.
+    sibling.request("grabimage");
+    ASSERT_TRUE(test::processEventsUntil([&] { return sibling.fileAnnouncements().size() >= 2; }, 20s));
+    stop();
+    test::processEventsUntil([] { return false; }, 300ms);
+    const size_t statuses = sibling.named("brixXNotification", true).size();
+    start();
+    ASSERT_TRUE(waitForCameraStatus(sibling, statuses + 1));
+    test::processEventsUntil([] { return false; }, 1s);
+    EXPECT_EQ(sibling.fileAnnouncements().size(), 2u);
+}
+
 TEST_F(Station, RequestCameraStatusWithAndWithoutACamera) {
     start();
     sibling_.request("requestcamerastatus", "kiosk-7");

@@ -88,16 +88,19 @@ TEST_F(ViewControllerTest, RawShotIsNotValidJpegButIsStillSavedAndAnnounced) {
     EXPECT_FALSE(ViewController::isValidJPEGFile(QString())); // a missing file is not valid
 }
 
-TEST_F(ViewControllerTest, TwoShotsInOneMillisecondLeaveOneFileTheLaterWins) {
+TEST_F(ViewControllerTest, TwoShotsInOneMillisecondTakeTheNextFreeMillisecond) {
     vc.createSavePhotosFolder();
     finish();
     vc.setClock([] { return QDateTime(QDate(2025, 6, 1), QTime(10, 0, 0, 5)); });
+    // A file left from before takes the second shot's millisecond too.
+    QFile(vc.getPathToSavePhotos() + "/20250601100000006.jpg").open(QIODevice::WriteOnly);
     vc.newPhoto(shot(QByteArray("first\xFF\xD9"), "IMG_0003.JPG"));
     vc.newPhoto(shot(QByteArray("second\xFF\xD9"), "IMG_0004.JPG"));
     finish();
-    const QStringList files = QDir(vc.getPathToSavePhotos()).entryList(QDir::Files);
-    ASSERT_EQ(files.size(), 1);
-    QFile f(vc.getPathToSavePhotos() + "/" + files[0]);
+    ASSERT_EQ(saved.size(), 2);
+    EXPECT_EQ(QFileInfo(saved[0]).fileName(), "20250601100000005.jpg");
+    EXPECT_EQ(QFileInfo(saved[1]).fileName(), "20250601100000007.jpg");
+    QFile f(saved[1]);
     ASSERT_TRUE(f.open(QIODevice::ReadOnly));
     EXPECT_EQ(f.readAll(), QByteArray("second\xFF\xD9"));
     EXPECT_EQ(vc.fSavedCount(), 2);
