@@ -1,6 +1,6 @@
 // The camera object, its command queue, discovery, download and live view,
 // run against the simulated camera.
-#include "../edsdk/LogCapture.h"
+#include "LogCapture.h"
 #include "CameraClassState.h"
 #include "CameraFixture.h"
 
@@ -515,14 +515,12 @@ TEST_F(Download, ABusyBodyIsAskedAgainAndAShotGivenUpIsLoggedByName) {
     // Four: the shot is given up, and the log says which and why.
     ASSERT_TRUE(control->injectError("EdsDownloadComplete", EDS_ERR_DEVICE_BUSY, 4));
     ASSERT_TRUE(control->pressShutter());
-    ASSERT_TRUE(waitFor([&] { return log.text().find("not saved") != std::string::npos; }));
+    ASSERT_TRUE(waitFor([&] { return log.text().contains("not saved"); }));
     settle();
     EXPECT_EQ(count(kOKVA_CanonCameraPhotoDataAvailable), 1u);
-    EXPECT_NE(
-        log.text().find("shot \"IMG_0002.JPG\" not saved: error 0x81 (device busy) completing its download "
-                        "after 4 attempt(s)"),
-        std::string::npos)
-        << log.text();
+    EXPECT_TRUE(log.text().contains("shot \"IMG_0002.JPG\" not saved: error 0x81 (device busy) completing its "
+                                    "download after 4 attempt(s)"))
+        << log.text().constData();
 }
 
 // --- disappearance -----------------------------------------------------------------------------

@@ -108,25 +108,22 @@ TEST_F(Station, ShotSavedButNotAnnouncedBeforeADeathIsAnnouncedOnceAtTheNextStar
         ASSERT_TRUE(f.open(QIODevice::WriteOnly));
         f.write(bytes);
     }
-    Sibling sibling;
     start();
-    ASSERT_TRUE(waitForCameraStatus(sibling, 1));
-    ASSERT_TRUE(test::processEventsUntil([&] { return sibling.fileAnnouncements().size() >= 1; }, 20s));
-    EXPECT_EQ(sibling.fileAnnouncements()[0].userInfo.value("filePath").toString(),
-              saveFolder_ + "/20260101120000001.jpg");
+    ASSERT_TRUE(sibling_.waitForFiles(1, 20s));
+    EXPECT_EQ(sibling_.files()[0].userInfo.value("filePath").toString(), saveFolder_ + "/20260101120000001.jpg");
     EXPECT_EQ(shots(), (QStringList{"20260101115959999.jpg", "20260101120000001.jpg"}));
+    EXPECT_FALSE(QFileInfo::exists(saveFolder_ + "/.20260101120000002.jpg.part"));
 
     // The next shot is announced as usual, the caught-up one not again, also
     // not after a restart.
-    sibling.request("grabimage");
-    ASSERT_TRUE(test::processEventsUntil([&] { return sibling.fileAnnouncements().size() >= 2; }, 20s));
-    stop();
-    test::processEventsUntil([] { return false; }, 300ms);
-    const size_t statuses = sibling.named("brixXNotification", true).size();
-    start();
-    ASSERT_TRUE(waitForCameraStatus(sibling, statuses + 1));
+    sibling_.request("grabimage");
+    ASSERT_TRUE(sibling_.waitForFiles(2, 20s));
+    ASSERT_EQ(station_.terminate(), 0);
+    const size_t statuses = sibling_.statuses().size();
+    ASSERT_TRUE(station_.start());
+    ASSERT_TRUE(sibling_.waitForStatuses(statuses + 1));
     test::processEventsUntil([] { return false; }, 1s);
-    EXPECT_EQ(sibling.fileAnnouncements().size(), 2u);
+    EXPECT_EQ(sibling_.files().size(), 2u);
 }
 
 TEST_F(Station, RequestCameraStatusWithAndWithoutACamera) {
