@@ -38,8 +38,11 @@ protected:
         EXPECT_EQ(sdk_->EdsGetPropertyDesc(camera_.get(), id, &d), EDS_ERR_OK);
         return {d.propDesc, d.propDesc + d.numElements};
     }
+    // A download as the station makes it: the body lets the shot go once told.
     QByteArray download(EdsBaseRef item, EdsDirectoryItemInfo *info) {
-        return SdkSession::download(item, nullptr, info);
+        QByteArray bytes = SdkSession::download(item, nullptr, info);
+        EXPECT_EQ(sdk_->EdsDownloadComplete(item), EDS_ERR_OK);
+        return bytes;
     }
 
     dispatch::ManualClock &clock_ = simtest::simulatorClock();
