@@ -1,5 +1,6 @@
 // The window's size modes on the real executable under Xvfb with no window
 // manager, so that every frame the station asks for is exactly what it gets.
+#include "Station.h"
 #include "TestSupport.h"
 
 #include <QDBusInterface>
@@ -19,25 +20,7 @@ namespace {
 class Station {
 public:
     // Starts the station on a 1280x800 screen with `prefs` (plist dictionary body) as the user's preferences.
-    explicit Station(const QString &prefs) {
-        const QString config = qEnvironmentVariable("XDG_CONFIG_HOME") + "/Brix";
-        QDir().mkpath(config);
-        QFile file(config + "/com.lumetra.BrixCanonCapture.plist");
-        if (file.open(QIODevice::WriteOnly))
-            file.write(
-                QStringLiteral("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>%1"
-                               "</dict></plist>\n")
-                    .arg(prefs)
-                    .toUtf8());
-        file.close();
-        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-        env.insert("BRIX_WINDOW_PROBE", "1");
-        env.insert("QT_QPA_PLATFORM", "xcb");
-        process.setProcessEnvironment(env);
-        process.start("xvfb-run",
-                      {"-a", "-s", "-screen 0 1280x800x24", BRIX_EXECUTABLE, "--camera-backend=simulator"});
-        process.waitForStarted(10000);
-    }
+    explicit Station(const QString &prefs) { test::startWindowStation(process, prefs); }
     ~Station() {
         if (process.state() == QProcess::Running) {
             call("Close");

@@ -1,6 +1,7 @@
 // The real executable with its window on the simulated camera under Xvfb,
 // checked from outside: through the window probe and the simulator's control
 // on the session bus, as a test harness or an accessibility client would.
+#include "Station.h"
 #include "TestSupport.h"
 
 #include <QDBusInterface>
@@ -30,24 +31,9 @@ TEST(WindowStation, OperatorSeesTheCameraItsSettingsAndEachShotAndQuitsOnlyThrou
     if (QStandardPaths::findExecutable("xvfb-run").isEmpty())
         GTEST_SKIP() << "xvfb-run is not installed";
     // Open on the camera panel.
-    const QString config = qEnvironmentVariable("XDG_CONFIG_HOME") + "/Brix";
-    QDir().mkpath(config);
-    QFile prefs(config + "/com.lumetra.BrixCanonCapture.plist");
-    ASSERT_TRUE(prefs.open(QIODevice::WriteOnly));
-    prefs.write(R"(<?xml version="1.0" encoding="UTF-8"?>
-<!DOCTYPE plist PUBLIC "-//Apple//DTD PLIST 1.0//EN" "http://www.apple.com/DTDs/PropertyList-1.0.dtd">
-<plist version="1.0"><dict><key>prefDefaultMainTabviewItemIdentifier</key><string>camerapanel</string></dict></plist>
-)");
-    prefs.close();
-
     QProcess station;
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert("BRIX_WINDOW_PROBE", "1");
-    env.insert("QT_QPA_PLATFORM", "xcb");
-    station.setProcessEnvironment(env);
-    station.start("xvfb-run",
-                  {"-a", "-s", "-screen 0 1280x800x24", BRIX_EXECUTABLE, "--camera-backend=simulator"});
-    ASSERT_TRUE(station.waitForStarted(10000));
+    ASSERT_TRUE(test::startWindowStation(
+        station, "<key>prefDefaultMainTabviewItemIdentifier</key><string>camerapanel</string>"));
 
     QDBusInterface probe("com.lumetra.BrixCanonCapture.WindowProbe", "/com/lumetra/brix/WindowProbe",
                          "com.lumetra.brix.WindowProbe");
