@@ -221,13 +221,8 @@ int main(int argc, char **argv) {
     }
     // Shots the last run saved but did not announce go out first, before any
     // new shot is saved.
-    // The folder as the view's start-up will resolve it; it stores it later.
     ViewController::metadataQueue()->async([&viewController, &journal] {
-        const QString stored =
-            Preferences::standard().stringForKey(QString::fromLatin1(ViewController::kPrefSaveFolderPath));
-        const QString folder = Paths::standardizePath(
-            stored.isNull() ? QString::fromLatin1(ViewController::kDefaultSaveFolder) : stored.trimmed());
-        for (const QString &path : journal.catchUp(folder))
+        for (const QString &path : journal.catchUp(ViewController::resolvedSaveFolder()))
             emit viewController.photoSaved(path);
     });
     delegate.applicationDidFinishLaunching();

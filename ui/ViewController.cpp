@@ -306,11 +306,17 @@ QString ViewController::getPathToSavePhotos() const {
     return stored.metaType().id() == QMetaType::QString ? stored.toString() : QString();
 }
 
+QString ViewController::resolvedSaveFolder() {
+    const QString stored = Preferences::standard().stringForKey(QString::fromLatin1(kPrefSaveFolderPath));
+    return Paths::standardizePath(stored.isNull() ? QString::fromLatin1(kDefaultSaveFolder)
+                                                  : stored.trimmed());
+}
+
 bool ViewController::createSavePhotosFolder() {
     QString stored = Preferences::standard().stringForKey(QString::fromLatin1(kPrefSaveFolderPath));
     if (stored.isNull())
         stored = QString::fromLatin1(kDefaultSaveFolder);
-    const QString standardized = Paths::standardizePath(stored.trimmed());
+    const QString standardized = resolvedSaveFolder();
     if (!QFileInfo::exists(standardized))
         QDir().mkpath(standardized);
     if (standardized.compare(stored, Qt::CaseInsensitive) != 0) {

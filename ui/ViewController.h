@@ -95,6 +95,9 @@ public:
     // --- save folder ---
     // The stored preference, or a null QString.
     QString getPathToSavePhotos() const;
+    // The stored save folder (or the default), trimmed and standardized, as
+    // createSavePhotosFolder() makes and stores it.
+    static QString resolvedSaveFolder();
     bool createSavePhotosFolder();
 
     // --- camera status ---
