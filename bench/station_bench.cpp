@@ -2,7 +2,7 @@
 // object event -> download -> save -> "brixXNotification" seen by a sibling on
 // the session bus; against plain write + rename of the same bytes.
 //
-//   dbus-run-session -- build/default/bench/station_bench [shots] [megabytes] [MB/s,...]
+//   dbus-run-session -- build/default/bench/station_bench [shots] [megabytes] [MB/s,...] [rounds]
 //
 // The simulated body draws one picture and stamps each shot with its number, so
 // firing costs it nothing and it holds one file however many shots wait; its
@@ -28,6 +28,7 @@
 #include <QElapsedTimer>
 #include <QTemporaryDir>
 
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -44,6 +45,8 @@ using namespace brix;
 using Clock = std::chrono::steady_clock;
 
 namespace {
+
+double *lastRate = nullptr; // MB/s of the last phase, shared with its child
 
 double ms(Clock::duration d) {
     return std::chrono::duration<double, std::milli>(d).count();
@@ -190,6 +193,7 @@ private:
 int baseline(int shots, qint64 bytes) {
     QTemporaryDir dir(QDir::currentPath() + "/station-bench-XXXXXX");
     QByteArray data(bytes, '\x5a');
+    ::sync(); // nothing an earlier phase wrote is flushed on this one's time
     std::vector<double> perShot;
     auto start = Clock::now();
     for (int i = 0; i < shots; ++i) {
@@ -210,6 +214,7 @@ int baseline(int shots, qint64 bytes) {
         perShot.push_back(ms(Clock::now() - t0));
     }
     const double total = ms(Clock::now() - start);
+    *lastRate = double(shots) * double(bytes) / 1e6 / (total / 1000.0);
     std::printf(
         "baseline write+rename: %d x %.1f MB in %.0f ms = %.0f MB/s; per shot median %.2f ms, p99 %.2f ms; "
         "peak RSS %.0f MB\n",
@@ -279,6 +284,7 @@ int station(int argc, char **argv, int shots, qint64 bytes, bool sequential, dou
         std::fprintf(stderr, "camera did not load\n");
         return 1;
     }
+    ::sync();
     const long rssBefore = currentRssKiB();
     auto start = Clock::now();
     for (int i = 0; i < shots; ++i) {
@@ -288,6 +294,7 @@ int station(int argc, char **argv, int shots, qint64 bytes, bool sequential, dou
     }
     until([&] { return int(announced.size()) >= shots; }, 1200);
     const double total = ms(Clock::now() - start);
+    *lastRate = double(shots) * double(bytes) / 1e6 / (total / 1000.0);
     if (int(announced.size()) < shots || int(probe->objectEvents.size()) < shots) {
         std::fprintf(stderr, "only %zu of %d shots announced\n", announced.size(), shots);
         return 1;
@@ -331,6 +338,7 @@ int station(int argc, char **argv, int shots, qint64 bytes, bool sequential, dou
 }
 
 template <class F> int inChild(F f) {
+    *lastRate = 0;
     std::fflush(stdout);
     pid_t pid = ::fork();
     if (pid == 0) {
@@ -349,13 +357,30 @@ int main(int argc, char **argv) {
     keepShotBuffersInTheHeap(); // as the station does
     const int shots = argc > 1 ? std::atoi(argv[1]) : 100;
     const qint64 bytes = qint64((argc > 2 ? std::atof(argv[2]) : 25.0) * 1e6);
+    const int rounds = argc > 4 ? std::max(1, std::atoi(argv[4])) : 3;
     if (qEnvironmentVariableIsEmpty("DBUS_SESSION_BUS_ADDRESS")) {
         std::fprintf(stderr, "run under dbus-run-session\n");
         return 2;
     }
-    int rc = inChild([&] { return baseline(shots, bytes); });
-    rc |= inChild([&] { return station(argc, argv, 30, bytes, true); });
-    rc |= inChild([&] { return station(argc, argv, shots, bytes, false); });
+    // Each phase runs in a child; its rate comes back through this page.
+    lastRate = static_cast<double *>(
+        ::mmap(nullptr, sizeof(double), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    if (lastRate == MAP_FAILED)
+        return 2;
+    int rc = inChild([&] { return station(argc, argv, 30, bytes, true); });
+    // The disk's rate moves with whatever else the machine writes, so the burst
+    // is compared with a baseline run right before it, several times over.
+    std::vector<double> ratios;
+    for (int round = 0; round < rounds; ++round) {
+        rc |= inChild([&] { return baseline(shots, bytes); });
+        const double disk = *lastRate;
+        rc |= inChild([&] { return station(argc, argv, shots, bytes, false); });
+        ratios.push_back(disk > 0 ? *lastRate / disk : 0);
+        std::printf("round %d: burst / write+rename = %.3f\n", round + 1, ratios.back());
+    }
+    std::sort(ratios.begin(), ratios.end());
+    std::printf("burst / write+rename over %d rounds: median %.3f, min %.3f, max %.3f\n", rounds,
+                ratios[ratios.size() / 2], ratios.front(), ratios.back());
     for (const QByteArray &rate : QByteArray(argc > 3 ? argv[3] : "").split(','))
         if (rate.toDouble() > 0)
             rc |= inChild([&] { return station(argc, argv, shots, bytes, false, rate.toDouble()); });
