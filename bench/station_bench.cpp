@@ -27,6 +27,7 @@
 #include <QDir>
 #include <QElapsedTimer>
 #include <QTemporaryDir>
+#include <QTimer>
 
 #include <sys/mman.h>
 #include <sys/resource.h>
@@ -85,6 +86,9 @@ public:
     std::mutex m;
     std::vector<Clock::time_point> objectEvents;
     std::vector<std::pair<Clock::time_point, Clock::time_point>> transfers; // EdsDownload start, end
+    // Where the link's idle time goes: when each shot's download completed
+    // (returned), and when the next one's item info was asked for.
+    std::vector<Clock::time_point> completed, infoAsked;
 
     const char *backendName() const override { return in_->backendName(); }
     eds::EdsError EdsInitializeSDK() override { return in_->EdsInitializeSDK(); }
@@ -148,6 +152,10 @@ public:
         return in_->EdsSetCapacity(c, k);
     }
     eds::EdsError EdsGetDirectoryItemInfo(eds::EdsDirectoryItemRef i, eds::EdsDirectoryItemInfo *o) override {
+        {
+            std::lock_guard lk(m);
+            infoAsked.push_back(Clock::now());
+        }
         return in_->EdsGetDirectoryItemInfo(i, o);
     }
     eds::EdsError EdsCreateMemoryStreamFromPointer(void *b, eds::EdsUInt64 n, eds::EdsStreamRef *o) override {
@@ -165,7 +173,10 @@ public:
         return e;
     }
     eds::EdsError EdsDownloadComplete(eds::EdsDirectoryItemRef i) override {
-        return in_->EdsDownloadComplete(i);
+        const eds::EdsError e = in_->EdsDownloadComplete(i);
+        std::lock_guard lk(m);
+        completed.push_back(Clock::now());
+        return e;
     }
     eds::EdsError EdsCreateEvfImageRef(eds::EdsStreamRef s, eds::EdsEvfImageRef *o) override {
         return in_->EdsCreateEvfImageRef(s, o);
@@ -269,11 +280,16 @@ int station(int argc, char **argv, int shots, qint64 bytes, bool sequential, dou
 
     OKVA_CanonCamera::initialize(probe);
     eds::SimulatorControl::ShotBuffer body; // the most the body held
+    // The loop sleeps between events as the station's does; the tick wakes it
+    // to look at the body's buffer, which takes the body's lock, so not more
+    // often than that.
+    QTimer tick;
+    tick.start(5);
     auto until = [&](auto done, int seconds) {
         QElapsedTimer t;
         t.start();
         while (!done() && t.elapsed() < seconds * 1000) {
-            QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
+            QCoreApplication::processEvents(QEventLoop::AllEvents | QEventLoop::WaitForMoreEvents);
             const auto now = sim->shotBuffer();
             body.shots = std::max(body.shots, now.shots);
             body.bytes = std::max(body.bytes, now.bytes);
@@ -299,7 +315,8 @@ int station(int argc, char **argv, int shots, qint64 bytes, bool sequential, dou
         std::fprintf(stderr, "only %zu of %d shots announced\n", announced.size(), shots);
         return 1;
     }
-    std::vector<double> eventToAnnounce, dataToAnnounce, transfer, idle;
+    std::vector<double> eventToAnnounce, dataToAnnounce, transfer, idle, completing, handing, preparing, posting;
+    const bool traced = int(probe->completed.size()) == shots && int(probe->infoAsked.size()) == shots;
     for (int i = 0; i < shots; ++i) {
         const size_t k = size_t(i);
         eventToAnnounce.push_back(ms(announced[k] - probe->objectEvents[k]));
@@ -310,6 +327,12 @@ int station(int argc, char **argv, int shots, qint64 bytes, bool sequential, dou
         if (i > 0)
             idle.push_back(ms(probe->transfers[k].first -
                               std::max(probe->transfers[k - 1].second, probe->objectEvents[k])));
+        if (i > 0 && traced && probe->objectEvents[k] <= probe->transfers[k - 1].second) {
+            completing.push_back(ms(probe->completed[k - 1] - probe->transfers[k - 1].second));
+            handing.push_back(ms(probe->infoAsked[k] - probe->completed[k - 1]));
+            posting.push_back(ms(photoData[k - 1] - probe->completed[k - 1]));
+            preparing.push_back(ms(probe->transfers[k].first - probe->infoAsked[k]));
+        }
     }
     const double peakMB = double(peakRssKiB()) / 1024.0, beforeMB = double(rssBefore) / 1024.0;
     const double bodyMB = double(body.bytes) / (1024.0 * 1024.0);
@@ -332,6 +355,14 @@ int station(int argc, char **argv, int shots, qint64 bytes, bool sequential, dou
         percentile(idle, 0.99), idle.empty() ? 0.0 : *std::max_element(idle.begin(), idle.end()), peakMB,
         beforeMB, body.shots, bodyMB, peakMB - beforeMB - bodyMB,
         (peakMB - beforeMB - bodyMB) * 1024.0 * 1024.0 / double(bytes));
+    if (!completing.empty())
+        std::printf("  idle link, median / p99 ms: completing the download %.3f / %.3f; handing the shot on "
+                    "until the next is asked for %.3f / %.3f; preparing the next download %.3f / %.3f\n",
+                    percentile(completing, 0.5), percentile(completing, 0.99), percentile(handing, 0.5),
+                    percentile(handing, 0.99), percentile(preparing, 0.5), percentile(preparing, 0.99));
+    if (!posting.empty())
+        std::printf("  of the handing on, the station taking the shot: %.3f / %.3f\n", percentile(posting, 0.5),
+                    percentile(posting, 0.99));
     ViewController::metadataQueue()->sync([] {});
     OKVA_CanonCamera::applicationWillTerminate(QStringLiteral("bench done"));
     return 0;
