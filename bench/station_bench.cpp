@@ -47,7 +47,9 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-double *lastRate = nullptr; // MB/s of the last phase, shared with its child
+// MB/s of the last phase, shared with its child: [0] until the last file is
+// written (into the page cache), [1] until sync() has put it on the disk.
+double *lastRate = nullptr;
 
 double ms(Clock::duration d) {
     return std::chrono::duration<double, std::milli>(d).count();
@@ -225,12 +227,15 @@ int baseline(int shots, qint64 bytes) {
         perShot.push_back(ms(Clock::now() - t0));
     }
     const double total = ms(Clock::now() - start);
-    *lastRate = double(shots) * double(bytes) / 1e6 / (total / 1000.0);
+    ::sync();
+    const double onDisk = ms(Clock::now() - start);
+    lastRate[0] = double(shots) * double(bytes) / 1e6 / (total / 1000.0);
+    lastRate[1] = double(shots) * double(bytes) / 1e6 / (onDisk / 1000.0);
     std::printf(
-        "baseline write+rename: %d x %.1f MB in %.0f ms = %.0f MB/s; per shot median %.2f ms, p99 %.2f ms; "
-        "peak RSS %.0f MB\n",
-        shots, double(bytes) / 1e6, total, double(shots) * double(bytes) / 1e6 / (total / 1000.0),
-        percentile(perShot, 0.5), percentile(perShot, 0.99), double(peakRssKiB()) / 1024.0);
+        "baseline write+rename: %d x %.1f MB in %.0f ms = %.0f MB/s, on the disk after %.0f ms = %.0f "
+        "MB/s; per shot median %.2f ms, p99 %.2f ms; peak RSS %.0f MB\n",
+        shots, double(bytes) / 1e6, total, lastRate[0], onDisk, lastRate[1], percentile(perShot, 0.5),
+        percentile(perShot, 0.99), double(peakRssKiB()) / 1024.0);
     return 0;
 }
 
@@ -310,12 +315,16 @@ int station(int argc, char **argv, int shots, qint64 bytes, bool sequential, dou
     }
     until([&] { return int(announced.size()) >= shots; }, 1200);
     const double total = ms(Clock::now() - start);
-    *lastRate = double(shots) * double(bytes) / 1e6 / (total / 1000.0);
+    ::sync();
+    const double onDisk = ms(Clock::now() - start);
+    lastRate[0] = double(shots) * double(bytes) / 1e6 / (total / 1000.0);
+    lastRate[1] = double(shots) * double(bytes) / 1e6 / (onDisk / 1000.0);
     if (int(announced.size()) < shots || int(probe->objectEvents.size()) < shots) {
         std::fprintf(stderr, "only %zu of %d shots announced\n", announced.size(), shots);
         return 1;
     }
-    std::vector<double> eventToAnnounce, dataToAnnounce, transfer, idle, completing, handing, preparing, posting;
+    std::vector<double> eventToAnnounce, dataToAnnounce, transfer, idle, completing, handing, preparing,
+        posting;
     const bool traced = int(probe->completed.size()) == shots && int(probe->infoAsked.size()) == shots;
     for (int i = 0; i < shots; ++i) {
         const size_t k = size_t(i);
@@ -341,7 +350,7 @@ int station(int argc, char **argv, int shots, qint64 bytes, bool sequential, dou
                   rateMBps > 0 ? QStringLiteral(", link %1 MB/s").arg(rateMBps).toUtf8().constData() : "");
     std::fprintf(
         stdout,
-        "station %s: %d x %.1f MB in %.0f ms = %.0f MB/s\n"
+        "station %s: %d x %.1f MB in %.0f ms = %.0f MB/s, on the disk after %.0f ms = %.0f MB/s\n"
         "  object event -> brixXNotification median %.2f ms, p99 %.2f ms; photo data -> brixXNotification "
         "(save + announce) median %.2f ms, p99 %.2f ms\n"
         "  transfer median %.2f ms; link idle between shots (station's added time) median %.3f ms, "
@@ -349,7 +358,7 @@ int station(int argc, char **argv, int shots, qint64 bytes, bool sequential, dou
         "  peak RSS %.0f MB (%.0f MB before the shots); body's buffer at most %u shots waiting, %.0f MB "
         "held; "
         "station's share %.0f MB = %.2f shots\n",
-        title, shots, double(bytes) / 1e6, total, double(shots) * double(bytes) / 1e6 / (total / 1000.0),
+        title, shots, double(bytes) / 1e6, total, lastRate[0], onDisk, lastRate[1],
         percentile(eventToAnnounce, 0.5), percentile(eventToAnnounce, 0.99), percentile(dataToAnnounce, 0.5),
         percentile(dataToAnnounce, 0.99), percentile(transfer, 0.5), percentile(idle, 0.5),
         percentile(idle, 0.99), idle.empty() ? 0.0 : *std::max_element(idle.begin(), idle.end()), peakMB,
@@ -361,15 +370,15 @@ int station(int argc, char **argv, int shots, qint64 bytes, bool sequential, dou
                     percentile(completing, 0.5), percentile(completing, 0.99), percentile(handing, 0.5),
                     percentile(handing, 0.99), percentile(preparing, 0.5), percentile(preparing, 0.99));
     if (!posting.empty())
-        std::printf("  of the handing on, the station taking the shot: %.3f / %.3f\n", percentile(posting, 0.5),
-                    percentile(posting, 0.99));
+        std::printf("  of the handing on, the station taking the shot: %.3f / %.3f\n",
+                    percentile(posting, 0.5), percentile(posting, 0.99));
     ViewController::metadataQueue()->sync([] {});
     OKVA_CanonCamera::applicationWillTerminate(QStringLiteral("bench done"));
     return 0;
 }
 
 template <class F> int inChild(F f) {
-    *lastRate = 0;
+    lastRate[0] = lastRate[1] = 0;
     std::fflush(stdout);
     pid_t pid = ::fork();
     if (pid == 0) {
@@ -395,23 +404,28 @@ int main(int argc, char **argv) {
     }
     // Each phase runs in a child; its rate comes back through this page.
     lastRate = static_cast<double *>(
-        ::mmap(nullptr, sizeof(double), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+        ::mmap(nullptr, 2 * sizeof(double), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
     if (lastRate == MAP_FAILED)
         return 2;
     int rc = inChild([&] { return station(argc, argv, 30, bytes, true); });
     // The disk's rate moves with whatever else the machine writes, so the burst
     // is compared with a baseline run right before it, several times over.
-    std::vector<double> ratios;
+    std::vector<double> ratios[2];
     for (int round = 0; round < rounds; ++round) {
         rc |= inChild([&] { return baseline(shots, bytes); });
-        const double disk = *lastRate;
+        const double plain[2] = {lastRate[0], lastRate[1]};
         rc |= inChild([&] { return station(argc, argv, shots, bytes, false); });
-        ratios.push_back(disk > 0 ? *lastRate / disk : 0);
-        std::printf("round %d: burst / write+rename = %.3f\n", round + 1, ratios.back());
+        for (int k = 0; k < 2; ++k)
+            ratios[k].push_back(plain[k] > 0 ? lastRate[k] / plain[k] : 0);
+        std::printf("round %d: burst / write+rename = %.3f into the page cache, %.3f onto the disk\n",
+                    round + 1, ratios[0].back(), ratios[1].back());
     }
-    std::sort(ratios.begin(), ratios.end());
-    std::printf("burst / write+rename over %d rounds: median %.3f, min %.3f, max %.3f\n", rounds,
-                ratios[ratios.size() / 2], ratios.front(), ratios.back());
+    for (int k = 0; k < 2; ++k) {
+        std::sort(ratios[k].begin(), ratios[k].end());
+        std::printf("burst / write+rename %s over %d rounds: median %.3f, min %.3f, max %.3f\n",
+                    k == 0 ? "into the page cache" : "onto the disk", rounds, ratios[k][ratios[k].size() / 2],
+                    ratios[k].front(), ratios[k].back());
+    }
     for (const QByteArray &rate : QByteArray(argc > 3 ? argv[3] : "").split(','))
         if (rate.toDouble() > 0)
             rc |= inChild([&] { return station(argc, argv, shots, bytes, false, rate.toDouble()); });
