@@ -207,6 +207,7 @@ private:
     void kill();
     void finish();
     int report();
+    bool lostToAFreedDisk(const std::pair<int, QString> &key) const;
 
     const Options o_;
     const QString home_;
@@ -231,6 +232,10 @@ private:
     // From the log, per epoch and camera file name.
     std::map<std::pair<int, QString>, QString> savedAs_;
     std::map<std::pair<int, QString>, QString> lostWhy_;
+    std::map<std::pair<int, QString>, qint64> lostAt_;
+    // From filling the disk to freeing it, where the freeing came after the
+    // station's wait: the only times a shot may be lost to a full disk.
+    std::vector<std::pair<qint64, qint64>> outlastedWaits_;
     std::set<std::pair<int, QString>> offered_;
     std::map<int, int> unnamedLost_;
     std::map<int, unsigned> resolved_; // shots saved or given up, per epoch
@@ -267,8 +272,10 @@ void Soak::takeLine(const QString &line) {
         ++resolved_[logEpoch_];
         if (m.captured(1) == QLatin1String("(unnamed)"))
             ++unnamedLost_[logEpoch_];
-        else
+        else {
             lostWhy_[{logEpoch_, m.captured(1)}] = m.captured(2);
+            lostAt_[{logEpoch_, m.captured(1)}] = clock_.elapsed();
+        }
     } else if ((m = ended.match(line)).hasMatch()) {
         ++relaunches_;
         if (!killedPids_.contains(pid_t(m.captured(1).toInt())))
@@ -453,6 +460,7 @@ void Soak::fault(Fault f) {
     case Fault::DiskFull: {
         // Fill all but less than a shot, fire, then free it either within the
         // station's wait or after it.
+        const qint64 filledAt = clock_.elapsed();
         const qint64 room = QStorageInfo(folder()).bytesAvailable() - kShotBytes / 4;
         QFile filler(filler_);
         if (room > 0 && filler.open(QIODevice::WriteOnly)) {
@@ -466,6 +474,8 @@ void Soak::fault(Fault f) {
         const bool beyond = faults_[f] % 2 == 0; // every other one outlasts the wait
         pump(beyond ? qint64(o_.diskWait * 1000) + 1500 : pick(200, int(o_.diskWait * 500)));
         QFile::remove(filler_);
+        if (beyond)
+            outlastedWaits_.emplace_back(filledAt, clock_.elapsed());
         break;
     }
     case Fault::Kill:
@@ -498,6 +508,16 @@ void Soak::finish() {
     pump(300);
 }
 
+// A shot given up for lack of space outside a fill that outlasted the
+// station's wait (with the log's polling as slack) should have been saved.
+bool Soak::lostToAFreedDisk(const std::pair<int, QString> &key) const {
+    if (!lostWhy_.at(key).contains(QLatin1String("No space left")))
+        return false;
+    const qint64 at = lostAt_.at(key);
+    return std::none_of(outlastedWaits_.begin(), outlastedWaits_.end(),
+                        [&](const auto &w) { return at >= w.first && at <= w.second + 2000; });
+}
+
 int Soak::report() {
     // Each fired shot: announced, lost with the station's reason, or lost to a
     // cause the harness made (a kill, an unplug before the body offered it).
@@ -511,6 +531,10 @@ int Soak::report() {
         if (path != savedAs_.end() && announcedAt_.contains(path->second)) {
             ++saved;
             latencies.push_back(announcedAt_.value(path->second) - s.firedMs);
+        } else if (lostWhy_.count(key) && lostToAFreedDisk(key)) {
+            ++unexplained;
+            std::printf("LOST THOUGH THE DISK WAS FREED IN TIME: epoch %d %s: %s\n", s.epoch,
+                        qPrintable(name), qPrintable(lostWhy_.at(key)));
         } else if (lostWhy_.count(key)) {
             QString why = lostWhy_.at(key);
             why.replace(QRegularExpression(QStringLiteral("writing /\\S+")),

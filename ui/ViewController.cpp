@@ -46,11 +46,18 @@ QString systemError(const char *what, int code) {
 // Writes the shot under its temporary name and renames it into place, so a
 // sibling never sees half a file. No flush to the disk per shot: it would
 // halve the burst rate, and the rename still never exposes a torn file.
-bool writeShot(const QString &path, const QByteArray &bytes, QString *error) {
+// *code is the errno of the failure, which tells a full disk from other faults.
+bool writeShot(const QString &path, const QByteArray &bytes, QString *error, int *code) {
+    error->clear();
+    *code = 0;
+    auto fail = [&](const char *what, int err) {
+        *error = systemError(what, err);
+        *code = err;
+    };
     const QByteArray temporary = QFile::encodeName(ViewController::temporaryPathFor(path));
     const int fd = ::open(temporary.constData(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
     if (fd < 0) {
-        *error = systemError("open", errno);
+        fail("open", errno);
         return false;
     }
     qsizetype done = 0;
@@ -59,15 +66,15 @@ bool writeShot(const QString &path, const QByteArray &bytes, QString *error) {
         if (n < 0 && errno == EINTR)
             continue;
         if (n <= 0) {
-            *error = systemError("write", n < 0 ? errno : ENOSPC);
+            fail("write", n < 0 ? errno : ENOSPC);
             break;
         }
         done += n;
     }
     if (::close(fd) != 0 && error->isEmpty())
-        *error = systemError("close", errno);
+        fail("close", errno);
     if (error->isEmpty() && ::rename(temporary.constData(), QFile::encodeName(path).constData()) != 0)
-        *error = systemError("rename", errno);
+        fail("rename", errno);
     if (error->isEmpty())
         return true;
     ::unlink(temporary.constData());
@@ -214,14 +221,16 @@ void ViewController::processPhotoData(const QVariantMap &info) {
     // half a file; a full disk is waited for once before the shot is given up.
     const QByteArray bytes = info.value(kOKVA_CanonCameraPhotoData).toByteArray();
     QString error;
-    bool ok = writeShot(path, bytes, &error);
-    bool full = false;
-    if (!ok && waitForSpace(folder, bytes.size(), &full))
-        ok = writeShot(path, bytes, &error);
+    int code = 0;
+    bool ok = writeShot(path, bytes, &error, &code);
+    const bool full = !ok && (code == ENOSPC || code == EDQUOT);
+    if (full && waitForSpace(folder, bytes.size()))
+        ok = writeShot(path, bytes, &error, &code);
     if (!ok) {
         Logger::setError(QStringLiteral("failed to save image to path %1 with error = %2").arg(path, error));
-        const QString why =
-            full ? QStringLiteral("the disk stayed full (%1) writing %2") : QStringLiteral("%1 writing %2");
+        const bool stayedFull = full && (code == ENOSPC || code == EDQUOT);
+        const QString why = stayedFull ? QStringLiteral("the disk stayed full (%1) writing %2")
+                                       : QStringLiteral("%1 writing %2");
         Logger::setError(kShotNotSavedFormat.arg(cameraName, why.arg(error, path)));
         return;
     }
@@ -230,7 +239,7 @@ void ViewController::processPhotoData(const QVariantMap &info) {
     emit photoSaved(path);
 }
 
-bool ViewController::waitForSpace(const QString &folder, qint64 bytes, bool *full) {
+bool ViewController::waitForSpace(const QString &folder, qint64 bytes) {
     // Room for the shot and its folder entry; a full disk is often freed by a
     // sibling moving shots away, so the shot waits a while before it is lost.
     const qint64 needed = bytes + 64 * 1024;
@@ -240,8 +249,7 @@ bool ViewController::waitForSpace(const QString &folder, qint64 bytes, bool *ful
         return !storage.isValid() || storage.bytesAvailable() < 0 || storage.bytesAvailable() >= needed;
     };
     if (hasRoom())
-        return false; // not a full disk: waiting would not help
-    *full = true;
+        return true; // freed since the write failed: try again at once
     static const int limitMs = [] {
         bool ok = false;
         const double s = qEnvironmentVariable("BRIX_DISK_FULL_WAIT_SECONDS").toDouble(&ok);
@@ -259,7 +267,6 @@ bool ViewController::waitForSpace(const QString &folder, qint64 bytes, bool *ful
         std::this_thread::sleep_for(std::chrono::milliseconds(100));
     }
     Logger::setError(QStringLiteral("space in %1 again after %2 ms").arg(folder).arg(waited.elapsed()));
-    *full = false;
     return true;
 }
 

@@ -110,10 +110,10 @@ public:
     // How long a shot waits for a full disk to get room before it is lost
     // ($BRIX_DISK_FULL_WAIT_SECONDS overrides it).
     static constexpr int kDiskFullWaitMs = 15000;
-    // On a full disk: waits until the folder has room for `bytes`; false at
-    // once when the disk is not full, or when no room came in time (*full
-    // then tells which).
-    static bool waitForSpace(const QString &folder, qint64 bytes, bool *full);
+    // After a write failed for lack of space: waits until the folder has room
+    // for `bytes` (true, at once if some was freed meanwhile), or false when
+    // none came in time.
+    static bool waitForSpace(const QString &folder, qint64 bytes);
 
     // The time that names shots; the wall clock unless a test sets another.
     void setClock(std::function<QDateTime()> now) { now_ = std::move(now); }
