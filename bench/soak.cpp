@@ -734,6 +734,10 @@ int runInNamespace(const Options &o) {
         rc = soak.run();
     }
     ::umount(mountPoint.constData());
+    if (rc != 0 && dir.autoRemove()) {
+        dir.setAutoRemove(false); // the station's log, to see what went wrong
+        std::printf("soak: station home kept in %s\n", qPrintable(home));
+    }
     return rc;
 }
 
