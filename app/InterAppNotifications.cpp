@@ -17,21 +17,30 @@ namespace {
 // The senders that are switched off keep their code behind this guard.
 constexpr bool kSwitchedOffSendersEnabled = false;
 
-constexpr const char *kTovinRule = "2013-07-08tovin --------------------------------------------------------------";
+constexpr const char *kTovinRule =
+    "2013-07-08tovin --------------------------------------------------------------";
 
 void post(const QString &name, const QString &object, const QVariantMap &userInfo) {
     DistributedNotificationCenter::defaultCenter().post(name, object, userInfo);
 }
 
-void logInside(const char *function) { Logger::setError(QStringLiteral("Inside %1...").arg(QLatin1String(function))); }
+void logInside(const char *function) {
+    Logger::setError(QStringLiteral("Inside %1...").arg(QLatin1String(function)));
+}
 
 } // namespace
 
-QString senderApp() { return Paths::executableName(); }
-QString bundleIdentifier() { return QString::fromLatin1(bundle::kIdentifier); }
+QString senderApp() {
+    return Paths::executableName();
+}
+QString bundleIdentifier() {
+    return QString::fromLatin1(bundle::kIdentifier);
+}
 
-void mySendBrixXNotification2(const QVariant &filePath, std::function<void()> beforePost) {
-    Scheduling::performAsyncOnMainQueue([filePath, beforePost = std::move(beforePost)] {
+void mySendBrixXNotification2(const QVariant &filePath, std::function<void()> beforePost,
+                              std::function<void()> afterPost) {
+    Scheduling::performAsyncOnMainQueue([filePath, beforePost = std::move(beforePost),
+                                         afterPost = std::move(afterPost)] {
         logInside("mySendBrixXNotification2_block_invoke");
         QString path = filePath.isValid() && !filePath.isNull() ? filePath.toString() : QString();
         if (path.isEmpty())
@@ -47,6 +56,8 @@ void mySendBrixXNotification2(const QVariant &filePath, std::function<void()> be
         if (beforePost)
             beforePost();
         post(kBrixXNotification, kObjectTest, info);
+        if (afterPost)
+            afterPost();
         Logger::setError(QStringLiteral("%1 -> sent NSDistributedNotification...%2")
                              .arg(QLatin1String("mySendBrixXNotification2_block_invoke"), describe(info)));
     });
@@ -54,7 +65,8 @@ void mySendBrixXNotification2(const QVariant &filePath, std::function<void()> be
 
 void mySendPreviewerAppNotificationWithFilePath(const QVariant &filePath) {
     Logger::setError(QLatin1String(kTovinRule));
-    Logger::setError(QStringLiteral("2013-07-08tovin Inside %1....").arg(QLatin1String("mySendPreviewerAppNotificationWithFilePath")));
+    Logger::setError(QStringLiteral("2013-07-08tovin Inside %1....")
+                         .arg(QLatin1String("mySendPreviewerAppNotificationWithFilePath")));
     Logger::setError(QLatin1String(kTovinRule));
     QVariantMap info;
     info.insert(kSenderApp, senderApp());
@@ -105,7 +117,8 @@ void mySendVideoAppNotificationWithVideoFilePath(const QString &moviePath) {
 void mySendVideoAppNotificationStopRecording() {
     logInside("mySendVideoAppNotificationStopRecording");
     QVariantMap info{{kSenderApp, senderApp()}, {kAction, kActionStopRecording}};
-    Logger::setError(QStringLiteral("mySendVideoAppNotificationStopRecording Dictionary=%1").arg(describe(info)));
+    Logger::setError(
+        QStringLiteral("mySendVideoAppNotificationStopRecording Dictionary=%1").arg(describe(info)));
     Scheduling::performSyncOnMainQueue([&] { post(kVideoAppNotification, kObjectTest, info); });
 }
 
@@ -119,7 +132,8 @@ void mySendFlashWriterAppNotificationWithFilePath(const QString &filePath) {
     if (!kSwitchedOffSendersEnabled)
         return;
     logInside("mySendFlashWriterAppNotificationWithFilePath");
-    QVariantMap info{{kSenderApp, senderApp()}, {kDestSubFolder, QStringLiteral("/")}, {kSourceItem, filePath}};
+    QVariantMap info{
+        {kSenderApp, senderApp()}, {kDestSubFolder, QStringLiteral("/")}, {kSourceItem, filePath}};
     Scheduling::performAsyncOnMainQueue([info] { post(kFlashDriveNotification, kObjectTest, info); });
 }
 

@@ -64,9 +64,11 @@ QString senderApp();
 QString bundleIdentifier();
 
 // Announces a newly saved file (path may be null: a default folder is announced).
-// `beforePost` runs on the main queue right before the announcement is posted,
-// in the same turn, so that nothing comes between the two.
-void mySendBrixXNotification2(const QVariant &filePath, std::function<void()> beforePost = {});
+// `beforePost` and `afterPost` run on the main queue right before and right
+// after the announcement is posted, in the same turn, so that nothing comes
+// between them; the post returns once the announcement has left the process.
+void mySendBrixXNotification2(const QVariant &filePath, std::function<void()> beforePost = {},
+                              std::function<void()> afterPost = {});
 // Tells the previewer to show a file; `filePath` may also be a list of paths.
 void mySendPreviewerAppNotificationWithFilePath(const QVariant &filePath);
 // Camera status reply and broadcast. Adds "identifier" and "senderApp" to the

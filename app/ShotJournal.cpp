@@ -43,24 +43,37 @@ QString ShotJournal::lastAnnounced() const {
     return kShot.match(name).hasMatch() ? name : QString();
 }
 
-void ShotJournal::markAnnounced(const QString &path) {
+void ShotJournal::stage(const QString &path) {
     std::lock_guard lk(mutex_);
-    write(QFileInfo(path).fileName());
+    writeStaged(QFileInfo(path).fileName());
 }
 
-void ShotJournal::write(const QString &fileName) {
+void ShotJournal::commit() {
+    std::lock_guard lk(mutex_);
+    rename();
+}
+
+QString ShotJournal::stagedPath() const {
+    return markerPath_ + QStringLiteral(".new");
+}
+
+bool ShotJournal::writeStaged(const QString &fileName) {
     // No fsync: it would cost every shot a disk flush, and what this guards
     // against is the process dying, which the page cache survives.
     QDir().mkpath(QFileInfo(markerPath_).path());
-    const QString temp = markerPath_ + QStringLiteral(".new");
-    QFile f(temp);
+    QFile f(stagedPath());
     if (!f.open(QIODevice::WriteOnly | QIODevice::Truncate) || f.write(fileName.toUtf8() + '\n') < 0) {
         Logger::setError(QStringLiteral("could not record the announced shot in %1: %2")
                              .arg(markerPath_, f.errorString()));
-        return;
+        f.remove();
+        return false;
     }
-    f.close();
-    if (std::rename(QFile::encodeName(temp).constData(), QFile::encodeName(markerPath_).constData()) != 0)
+    return true;
+}
+
+void ShotJournal::rename() {
+    const QByteArray staged = QFile::encodeName(stagedPath());
+    if (std::rename(staged.constData(), QFile::encodeName(markerPath_).constData()) != 0)
         Logger::setError(QStringLiteral("could not record the announced shot in %1").arg(markerPath_));
 }
 
@@ -84,7 +97,8 @@ QStringList ShotJournal::catchUp(const QString &folder) {
     if (last.isEmpty()) {
         if (!shots.isEmpty()) {
             std::lock_guard lk(mutex_);
-            write(shots.last());
+            if (writeStaged(shots.last()))
+                rename();
         }
         return {};
     }

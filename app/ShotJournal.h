@@ -6,11 +6,13 @@
 // holds the file name of the last shot announced. Shot names grow with time,
 // so every shot in the save folder named after it was saved but never
 // announced. The file is replaced whole by a rename: a kill leaves the old
-// name or the new one, never a torn one.
+// name or the new one, never a torn one. The new one is written beside it
+// before the announcement goes out, so that all that is left to do once it
+// has gone is the rename.
 //
-// Threads: markAnnounced() on the main queue, just before the announcement is
-// posted; catchUp() once at start-up on the metadata queue, before any shot is
-// saved. A mutex keeps the two apart all the same.
+// Threads: stage() and commit() on the main queue, around the announcement's
+// post; catchUp() once at start-up on the metadata queue, before any shot is
+// saved. A mutex keeps them apart all the same.
 // Ownership: plain values; nothing is shared.
 #pragma once
 
@@ -27,8 +29,11 @@ public:
 
     static QString defaultMarkerPath();
 
-    // `path` (a shot file) is about to be announced.
-    void markAnnounced(const QString &path);
+    // `path` (a shot file) is about to be announced: writes the record that
+    // names it beside the present one.
+    void stage(const QString &path);
+    // The staged shot has been announced: its record replaces the present one.
+    void commit();
 
     // Removes the partly written temporary files of shots in `folder` and
     // returns the shots saved after the last announced one, oldest first, for
@@ -40,7 +45,9 @@ public:
     QString lastAnnounced() const;
 
 private:
-    void write(const QString &fileName);
+    bool writeStaged(const QString &fileName);
+    void rename();
+    QString stagedPath() const;
 
     const QString markerPath_;
     mutable std::mutex mutex_;

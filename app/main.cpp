@@ -121,14 +121,17 @@ int main(int argc, char **argv) {
     ViewController viewController;
     viewController.setDisplaysImages(!options.headless);
     // Each saved shot is announced, in order, from the queue that saved it.
-    // The record of announced shots is written on the main queue in the turn
-    // that posts the announcement, right before it: a kill in between loses at
-    // most that one announcement and never repeats one.
+    // The record of announced shots is staged before the announcement is
+    // posted and put in place by one rename once the post has written it to
+    // the bus: a kill before the write leaves the shot to the catch-up, and
+    // only a kill between the write and the rename, microseconds apart, has
+    // the catch-up announce it a second time.
     ShotJournal journal;
     QObject::connect(
         &viewController, &ViewController::photoSaved, &viewController,
         [&console, &journal](const QString &path) {
-            interapp::mySendBrixXNotification2(path, [&journal, path] { journal.markAnnounced(path); });
+            interapp::mySendBrixXNotification2(
+                path, [&journal, path] { journal.stage(path); }, [&journal] { journal.commit(); });
             interapp::mySendPreviewerAppNotificationWithFilePath(path);
             console.shotSaved(path);
         },

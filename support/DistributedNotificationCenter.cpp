@@ -1,5 +1,6 @@
 #include "DistributedNotificationCenter.h"
 
+#include "BusSignalSender.h"
 #include "Logger.h"
 
 #include <QDBusArgument>
@@ -34,7 +35,16 @@ DistributedNotificationCenter &DistributedNotificationCenter::defaultCenter() {
 
 DistributedNotificationCenter::DistributedNotificationCenter(const QDBusConnection &connection,
                                                              QObject *parent)
-    : QObject(parent), connection_(connection) {}
+    : QObject(parent), connection_(connection) {
+    if (connection_.isConnected() && connection_.name() == QDBusConnection::sessionBus().name()) {
+        QString why;
+        sender_ = BusSignalSender::openSessionBus(&why);
+        if (!sender_)
+            Logger::setError(QStringLiteral("notifications go out through QtDBus: %1").arg(why));
+    }
+}
+
+DistributedNotificationCenter::~DistributedNotificationCenter() = default;
 
 bool DistributedNotificationCenter::isConnected() const {
     return connection_.isConnected();
@@ -252,6 +262,13 @@ bool DistributedNotificationCenter::post(const QString &name, const QString &obj
         Logger::setError(
             QStringLiteral("notification %1 not sent: its user info holds a value that cannot travel")
                 .arg(name));
+        return false;
+    }
+    if (sender_) {
+        QString why;
+        if (sender_->send(kPath, kInterface, kMember, name, object, wire.toMap(), &why))
+            return true;
+        Logger::setError(QStringLiteral("notification %1 not sent: %2").arg(name, why));
         return false;
     }
     QDBusMessage signal = QDBusMessage::createSignal(kPath, kInterface, kMember);

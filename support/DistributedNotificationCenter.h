@@ -3,7 +3,8 @@
 // interface com.lumetra.brix.DistributedNotificationCenter, member Post,
 // arguments (s name, s object, a{sv} userInfo). "No object" is the empty string.
 //
-// Threads: post() may be called from any thread (QtDBus sends are thread-safe);
+// Threads: post() may be called from any thread; on the session bus it returns
+// once the signal is written (see BusSignalSender), elsewhere once QtDBus has it;
 // observers are called on the main thread. Incoming messages are checked before
 // an observer sees them: anything malformed is logged and dropped.
 // Ownership: the centre is a process-wide singleton; observers are removed with
@@ -18,10 +19,13 @@
 
 #include <functional>
 #include <map>
+#include <memory>
 
 class QDBusMessage;
 
 namespace brix {
+
+class BusSignalSender;
 
 class DistributedNotificationCenter : public QObject {
     Q_OBJECT
@@ -52,6 +56,7 @@ public:
 
     // Uses the given connection (tests pass a private bus).
     explicit DistributedNotificationCenter(const QDBusConnection &connection, QObject *parent = nullptr);
+    ~DistributedNotificationCenter() override;
 
     bool isConnected() const;
 
@@ -79,6 +84,8 @@ private:
         Observer observer;
     };
     QDBusConnection connection_;
+    // Writes posts synchronously; only the session bus's centre has one.
+    std::unique_ptr<BusSignalSender> sender_;
     std::map<Token, Registration> observers_;
     std::map<QString, int> subscribedNames_;
     Token nextToken_ = 0;
