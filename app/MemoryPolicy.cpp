@@ -18,4 +18,14 @@ void keepShotBuffersInTheHeap() {
     mallopt(M_ARENA_MAX, 1);
 }
 
+IdleHeapTrim::IdleHeapTrim(dispatch::Nanos quiet) : quiet_(quiet) {}
+
+void IdleHeapTrim::shotSaved() {
+    const unsigned long shot = ++*shots_;
+    dispatch::after(quiet_, dispatch::globalQueue(dispatch::QOS::Utility), [shots = shots_, shot] {
+        if (shots->load() == shot) // no shot since this one
+            malloc_trim(0);
+    });
+}
+
 } // namespace brix

@@ -127,13 +127,15 @@ int main(int argc, char **argv) {
     // only a kill between the write and the rename, microseconds apart, has
     // the catch-up announce it a second time.
     ShotJournal journal;
+    IdleHeapTrim heapTrim;
     QObject::connect(
         &viewController, &ViewController::photoSaved, &viewController,
-        [&console, &journal](const QString &path) {
+        [&console, &journal, &heapTrim](const QString &path) {
             interapp::mySendBrixXNotification2(
                 path, [&journal, path] { journal.stage(path); }, [&journal] { journal.commit(); });
             interapp::mySendPreviewerAppNotificationWithFilePath(path);
             console.shotSaved(path);
+            heapTrim.shotSaved();
         },
         Qt::DirectConnection);
 

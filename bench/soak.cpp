@@ -188,10 +188,9 @@ private:
                         if (kb > peakRssKb_)
                             peakAtMs_ = clock_.elapsed();
                         peakRssKb_ = std::max(peakRssKb_, kb);
-                        // Per station: its memory once warm and at its last shot.
-                        if (counted_ >= 20 && !warm_.count(epoch_))
-                            warm_[epoch_] = {kb, counted_};
-                        latest_[epoch_] = {kb, counted_};
+                        // Per station, once warm: its memory against its shots.
+                        if (counted_ >= 20)
+                            rss_[epoch_].push_back({double(counted_), double(kb)});
                     }
         }
     }
@@ -246,7 +245,7 @@ private:
     int announcements_ = 0, duplicateAnnouncements_ = 0, duplicateFiles_ = 0, missingFiles_ = 0;
     QSet<QByteArray> hashes_;
     qint64 peakAtMs_ = 0;
-    std::map<int, std::pair<qint64, unsigned>> warm_, latest_; // RSS (KB) and shots so far
+    std::map<int, std::vector<std::pair<double, double>>> rss_; // (shots so far, RSS in KB)
     qint64 peakRssKb_ = 0;
     QString filler_;
 };
@@ -612,15 +611,21 @@ int Soak::report() {
     row("SIGKILLs / relaunches", QStringLiteral("%1 / %2").arg(killedPids_.size()).arg(relaunches_));
     row("peak station memory (RSS, MB)",
         QStringLiteral("%1 at %2 s").arg(double(peakRssKb_) / 1024.0, 0, 'f', 1).arg(peakAtMs_ / 1000));
-    // Memory growth per shot in the station that took the most shots once warm.
+    // Memory growth per shot in the station that took the most shots once
+    // warm: the least-squares slope of its RSS against its shots, so that
+    // neither a burst at the last sample nor one at the first decides it.
     double growth = 0;
     unsigned most = 0;
-    for (const auto &[e, w] : warm_) {
-        const auto &l = latest_[e];
-        if (l.second > w.second && l.second - w.second > most) {
-            most = l.second - w.second;
-            growth = double(l.first - w.first) / double(most);
-        }
+    for (const auto &[e, samples] : rss_) {
+        const unsigned shots = unsigned(samples.back().first - samples.front().first);
+        if (shots <= most)
+            continue;
+        most = shots;
+        double sx = 0, sy = 0, sxx = 0, sxy = 0;
+        for (const auto &[x, y] : samples)
+            sx += x, sy += y, sxx += x * x, sxy += x * y;
+        const double n = double(samples.size());
+        growth = (n * sxy - sx * sy) / (n * sxx - sx * sx);
     }
     row("RSS growth per shot, longest station run (KB)",
         QStringLiteral("%1 (%2)").arg(growth, 0, 'f', 1).arg(most));
@@ -632,8 +637,13 @@ int Soak::report() {
     for (const auto &[why, n] : reasons)
         if (why.size() > 40)
             std::printf("  lost: %s: %d\n", qPrintable(why), n);
+    // A station that grows by a kilobyte a shot has grown by ten megabytes by
+    // the end of a day's event; short runs are too noisy to tell.
+    const bool growing = most >= 1000 && growth > 1.0;
+    if (growing)
+        std::printf("  memory grew %.1f KB per shot over %u shots\n", growth, most);
     const bool ok = crashes == 0 && duplicates == 0 && unexplained == 0 && unannounced == 0 && partial == 0 &&
-                    missingFiles_ == 0 && saved > 0;
+                    missingFiles_ == 0 && saved > 0 && !growing;
     std::printf("%s\n", ok ? "soak passed" : "SOAK FAILED");
     std::fflush(stdout);
     return ok ? 0 : 1;
