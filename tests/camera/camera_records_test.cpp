@@ -37,23 +37,6 @@ TEST(CameraLogFormat, ConversionsFollowTheArgumentsWidthAndObjectsAreDescribed) 
     EXPECT_LT(format("%@ %@", {QVariant(QString(1'000'000, 'x')), QVariant(many)}).size(), 30'000);
 }
 
-TEST(CameraCommandText, ShutterParametersAndUnknownCommands) {
-    auto text = [](QVariant number, QVariant param) {
-        QVariantMap d;
-        if (number.isValid())
-            d.insert(kCommandNumber, number);
-        if (param.isValid())
-            d.insert(kCommandParam, param);
-        return OKVA_CanonCamera::descriptionForCommandDictionary(d);
-    };
-    EXPECT_TRUE(text({}, 0u).isNull());
-    EXPECT_EQ(text(4u, 2u), "Press Shutter Button ");
-    EXPECT_EQ(text(4u, QVariant()), "Release Shutter Button"); // no parameter reads as 0
-    // The number is taken modulo 2^32.
-    EXPECT_EQ(text(QVariant::fromValue(quint64(0x100000000ull)), 0u), "Take a picture");
-    EXPECT_EQ(text(0x105u, 0u), "some unknown command");
-}
-
 TEST(CameraTimeRecord, RoundTripWithMillisecondsAndInvalidRecords) {
     EdsTime record{2024, 3, 7, 13, 45, 9, 250};
     const QDateTime date = OKVA_CanonCamera::dateForEDSTime(&record);

@@ -1,5 +1,5 @@
 // Value tables between boundary values and libgphoto2 EOS labels, the image
-// quality arithmetic, event texts, error codes and the claimed-device helpers.
+// quality arithmetic and the claimed-device helpers.
 #include "ClaimedDevice.h"
 #include "Gphoto2Sdk.h"
 #include "Gphoto2Tables.h"
@@ -77,23 +77,6 @@ TEST(Gphoto2Tables, EveryValueOfEveryTableRoundTrips) {
     checkRoundTrip(kEdsPropID_Evf_OutputDevice, {}, {});
 }
 
-TEST(Gphoto2Tables, ValuesATableLacksUseTheUnknownValueForm) {
-    EXPECT_EQ(labelForValue(kEdsPropID_Av, 0x71), "Unknown value 0071");
-    EXPECT_EQ(valueForLabel(kEdsPropID_Av, "Unknown value 0071"), 0x71u);
-    EXPECT_EQ(labelForValue(kEdsPropID_WhiteBalance, 7), "Unknown 7"); // libgphoto2's own text for 7
-    EXPECT_EQ(labelForValue(kEdsPropID_WhiteBalance, 13), "Unknown value 000d");
-    // The click-white-balance value has no place in the body's byte.
-    EXPECT_FALSE(labelForValue(kEdsPropID_WhiteBalance, 0xFFFFFFFF));
-    EXPECT_FALSE(valueForLabel(kEdsPropID_Av, "f/5.6"));
-    EXPECT_FALSE(valueForLabel(kEdsPropID_Av, "Unknown value "));
-    EXPECT_FALSE(valueForLabel(kEdsPropID_Av, "Unknown value 00zz"));
-    EXPECT_FALSE(parseUnknownValueLabel("Unknown value 123456789"));
-    EXPECT_EQ(parseUnknownValueLabel("Unknown value ABCD"), 0xabcdu);
-    // Properties without a table have no labels.
-    EXPECT_FALSE(labelForValue(kEdsPropID_OwnerName, 1));
-    EXPECT_FALSE(valueForLabel(0x409, "50"));
-}
-
 TEST(Gphoto2Tables, ImageQualityPackingIsLossless) {
     int valid = 0;
     for (uint32_t packed = 0; packed <= 0xffff; ++packed) {
@@ -154,29 +137,6 @@ TEST(Gphoto2Tables, EveryChoiceOfAListedBodyMaps) {
         }
     }
     EXPECT_GT(checked, 150);
-}
-
-TEST(Gphoto2Tables, BatteryEventTextsAndErrors) {
-    EXPECT_EQ(batteryPercentForLabel("100%"), 100u);
-    EXPECT_EQ(batteryPercentForLabel("25%"), 25u);
-    EXPECT_EQ(batteryPercentForLabel("Low"), 9u);
-    EXPECT_FALSE(batteryPercentForLabel("Unknown value"));
-    EXPECT_FALSE(batteryPercentForLabel("101%"));
-    EXPECT_FALSE(batteryPercentForLabel("%"));
-
-    EXPECT_EQ(ptpCodeInEventText("PTP Property d101 changed, \"aperture\" to \"5.6\""), 0xd101u);
-    EXPECT_EQ(ptpCodeInEventText("PTP Property d1b0 changed"), 0xd1b0u);
-    EXPECT_FALSE(ptpCodeInEventText("Camera Status 1"));
-    EXPECT_FALSE(ptpCodeInEventText("PTP Property xyz1 changed"));
-    EXPECT_FALSE(ptpCodeInEventText("PTP Property d101"));
-    EXPECT_EQ(propertyForPtpCode(0xd101), kEdsPropID_Av);
-    EXPECT_EQ(propertyForPtpCode(0xd138), kEdsPropID_AEMode);
-    EXPECT_EQ(propertyForPtpCode(0xd122), kEdsPropID_ImageQuality);
-    EXPECT_EQ(propertyForPtpCode(0xd1b0), kEdsPropID_Evf_OutputDevice);
-    EXPECT_EQ(propertyForPtpCode(0x5001), 0u);
-
-    EXPECT_EQ(edsErrorFor(gp::IoUsbClaim), EDS_ERR_COMM_PORT_IS_IN_USE);
-    EXPECT_EQ(edsErrorFor(-12345), EDS_ERR_INTERNAL_ERROR);
 }
 
 TEST(Gphoto2ClaimedDevice, FindsTheHoldersOfTheUsbNode) {

@@ -6,18 +6,6 @@ using namespace brix;
 
 namespace {
 
-TEST(Hexdump, SeventeenBytesMakeTwoLinesTheSecondPadded) {
-    const QByteArray data = QByteArray("0123456789abcdef") + '%';
-    const QString dump = hexdump(data);
-    const QString expected =
-        "00000000  30 31 32 33 34 35 36 37  38 39 61 62 63 64 65 66  |0123456789abcdef|\n"
-        "00000010  25                                                |%|\n";
-    EXPECT_EQ(dump, expected);
-    // One byte, fifteen three-space pads (plus the middle space), a one-character column.
-    const QString second = dump.section('\n', 1, 1);
-    EXPECT_EQ(second, "00000010  25 " + QString(15 * 3 + 1, ' ') + " |%|");
-}
-
 TEST(Hexdump, RepeatedLinesAreCountedAndAnnouncedBeforeTheNextDifferentLine) {
     QByteArray data(16, 'A');
     data += QByteArray(16 * 3, 'B');

@@ -88,14 +88,6 @@ TEST_F(LoggerLines, MessagesAreWrittenVerbatimWithPerCentSignsAndAnyLength) {
     EXPECT_TRUE(got[2].endsWith(QStringLiteral("] after")));
 }
 
-TEST_F(LoggerLines, FormatLineMatchesWhatIsWritten) {
-    const QString line = Logger::formatLine(QStringLiteral("msg %1"), "some.queue");
-    EXPECT_TRUE(QRegularExpression(QStringLiteral("^") + test::lineHeadPattern("some.queue") + "msg %1$")
-                    .match(line)
-                    .hasMatch())
-        << line.toStdString();
-}
-
 TEST(LoggerDefaultFile, LivesInTheLogsFolderOfTheStateFolder) {
     const QString state = qEnvironmentVariable("XDG_STATE_HOME");
     const QString name = Paths::executableName();
