@@ -350,59 +350,6 @@ TEST_F(EmulatedBody, SettingsTravelBothWaysThroughLibgphotosLabels) {
 }
 
 namespace {
-
-struct Cancelling {
-    std::atomic<int> calls{0};
-    int cancelAt = 2;
-    static EdsError onProgress(EdsUInt32, EdsVoid *ctx, EdsBool *cancel) {
-        auto *c = static_cast<Cancelling *>(ctx);
-        *cancel = ++c->calls == c->cancelAt;
-        return 0;
-    }
-};
-
-} // namespace
-
-// The download goes in chunks, one progress report each; a cancel stops the
-// reading.
-TEST_F(EmulatedBody, DownloadGoesInChunksAndACancelStopsIt) {
-    Gphoto2Options o = Station::fastOptions();
-    o.downloadChunk = 64 * 1024;
-    Station s(o);
-    ASSERT_EQ(s.sdk.EdsInitializeSDK(), EDS_ERR_OK);
-    ASSERT_TRUE(s.open());
-    body().command("shot-bytes 1000000");
-    Cancelling cancel;
-    std::atomic<EdsError> result{0xFFFF};
-    struct Ctx {
-        Station *s;
-        Cancelling *c;
-        std::atomic<EdsError> *result;
-    } ctx{&s, &cancel, &result};
-    ASSERT_EQ(s.sdk.EdsSetObjectEventHandler(
-                  s.camera, kEdsObjectEvent_All,
-                  [](EdsObjectEvent, EdsBaseRef item, EdsVoid *p) -> EdsError {
-                      auto *c = static_cast<Ctx *>(p);
-                      EdsDirectoryItemInfo info{};
-                      c->s->sdk.EdsGetDirectoryItemInfo(item, &info);
-                      std::string bytes(info.size, '\0');
-                      EdsStreamRef stream = nullptr;
-                      c->s->sdk.EdsCreateMemoryStreamFromPointer(bytes.data(), bytes.size(), &stream);
-                      c->s->sdk.EdsSetProgressCallback(stream, Cancelling::onProgress,
-                                                       kEdsProgressOption_Periodically, c->c);
-                      *c->result = c->s->sdk.EdsDownload(item, info.size, stream);
-                      c->s->sdk.EdsRelease(stream);
-                      return 0;
-                  },
-                  &ctx),
-              EDS_ERR_OK);
-    ASSERT_EQ(s.shoot(), EDS_ERR_OK);
-    ASSERT_TRUE(test::processEventsUntil([&] { return result != 0xFFFF; }));
-    EXPECT_EQ(result, EDS_ERR_OPERATION_CANCELLED);
-    EXPECT_EQ(cancel.calls, 2);
-}
-
-namespace {
 std::atomic<int> gWaitedForMain{0};
 EdsError waitForMainThread(EdsPropertyEvent, EdsPropertyID, EdsUInt32, EdsVoid *) {
     // As the camera object does with its property notifications.

@@ -139,39 +139,6 @@ TEST(Gphoto2Tables, EveryChoiceOfAListedBodyMaps) {
     EXPECT_GT(checked, 150);
 }
 
-TEST(Gphoto2ClaimedDevice, FindsTheHoldersOfTheUsbNode) {
-    EXPECT_EQ(usbDeviceNode("usb:001,005"), QStringLiteral("/dev/bus/usb/001/005"));
-    EXPECT_EQ(usbDeviceNode("usb:2,17"), QStringLiteral("/dev/bus/usb/002/017"));
-    EXPECT_FALSE(usbDeviceNode("usb:"));
-    EXPECT_FALSE(usbDeviceNode("disk:/media/card"));
-
-    // A /proc tree of our own making.
-    const QString proc = test::testHome() + "/proc";
-    auto process = [&](const QString &pid, const QString &comm, const QStringList &links) {
-        QDir().mkpath(proc + "/" + pid + "/fd");
-        QFile f(proc + "/" + pid + "/comm");
-        ASSERT_TRUE(f.open(QIODevice::WriteOnly));
-        f.write(comm.toUtf8() + "\n");
-        int fd = 0;
-        for (const QString &target : links)
-            ASSERT_TRUE(QFile::link(target, proc + "/" + pid + "/fd/" + QString::number(fd++)));
-    };
-    process("1234", "gvfsd-gphoto2", {"/dev/null", "/dev/bus/usb/001/005"});
-    process("77", "kamera", {"/dev/bus/usb/001/006"});
-    process("88", "bash", {"/dev/pts/0"});
-    process(QString::number(::getpid()), "self", {"/dev/bus/usb/001/005"});
-    QDir().mkpath(proc + "/sys/fd");
-
-    const auto holders = processesHolding("/dev/bus/usb/001/005", proc);
-    ASSERT_EQ(holders.size(), 1u);
-    EXPECT_EQ(holders[0].pid, 1234);
-    EXPECT_EQ(holders[0].name, "gvfsd-gphoto2");
-    EXPECT_TRUE(isDesktopMounter(holders[0]));
-    EXPECT_FALSE(isDesktopMounter({77, "kamera"}));
-    EXPECT_EQ(describeHolders(holders), "process 1234 (gvfsd-gphoto2)");
-    EXPECT_TRUE(processesHolding("/dev/bus/usb/009/009", proc).empty());
-}
-
 TEST(Gphoto2ClaimedDevice, ReadsTheVendorOfAPortFromSysfs) {
     const QString sys = test::testHome() + "/sys";
     auto device = [&](const QString &name, const char *bus, const char *dev, const char *vendor) {
@@ -189,17 +156,4 @@ TEST(Gphoto2ClaimedDevice, ReadsTheVendorOfAPortFromSysfs) {
     EXPECT_EQ(usbVendorId("usb:001,007", sys), 0x04b0);
     EXPECT_FALSE(usbVendorId("usb:002,005", sys));
     EXPECT_FALSE(usbVendorId("disk:/media", sys));
-}
-
-TEST(Gphoto2ClaimedDevice, PicksTheCamerasMountFromGioListing) {
-    const QString listing = "Drive(0): Samsung SSD\n"
-                            "Mount(0): Canon Digital Camera -> gphoto2://Canon_Inc._Canon_Digital_Camera/\n"
-                            "  Type: GProxyShadowMount\n"
-                            "Mount(1): Canon EOS 5D Mark III -> gphoto2://%5Busb%3A001%2C005%5D/\n"
-                            "Mount(2): Nikon -> gphoto2://%5Busb%3A001%2C009%5D/\n"
-                            "Mount(3): share -> smb://server/share/\n";
-    EXPECT_EQ(gphotoMountsFor(listing, "usb:001,005"), QStringList{"gphoto2://%5Busb%3A001%2C005%5D/"});
-    // Without a port match all camera mounts are candidates.
-    EXPECT_EQ(gphotoMountsFor(listing, "usb:003,001").size(), 3);
-    EXPECT_TRUE(gphotoMountsFor("Mount(0): disk -> file:///media/x\n", "usb:001,005").isEmpty());
 }
