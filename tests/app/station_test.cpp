@@ -16,15 +16,14 @@
 
 using namespace brix;
 
-TEST(CommandLine, KeepsUnknownArgumentsAndChecksTheBackend) {
+TEST(CommandLine, KeepsUnknownArgumentsChecksTheBackendAndPrintsHelp) {
     auto cl = CommandLine::parse({"prog", "-fromlaunchagent", "--headless", "--camera-backend=GPhoto2"});
     EXPECT_TRUE(cl.headless);
     EXPECT_EQ(cl.cameraBackend, "gphoto2");
     EXPECT_TRUE(cl.errors.isEmpty());
     EXPECT_FALSE(CommandLine::parse({"prog", "--camera-backend=nikon"}).errors.isEmpty());
-}
 
-TEST(Station, PrintsHelp) {
+    // The real executable prints its help.
     QProcess p;
     p.start(BRIX_EXECUTABLE, {"--help"});
     ASSERT_TRUE(p.waitForFinished(20000));

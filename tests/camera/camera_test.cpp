@@ -1,9 +1,8 @@
 // The camera object, its command queue, discovery, download and live view,
-// run against the simulated camera; and the pieces that need no camera:
-// log-line formatting and the conversions between dates and time records.
+// run against the simulated camera; and the conversions between dates and
+// time records, which need no camera.
 #include "CameraClassState.h"
 #include "CameraFixture.h"
-#include "CameraText.h"
 #include "LogCapture.h"
 #include "OKVA_CanonCamera.h"
 
@@ -657,31 +656,6 @@ TEST_F(LiveView, BeginStreamsDecodedFramesAndEndStopsTheLoop) {
     EXPECT_EQ(control->property(kEdsPropID_Evf_OutputDevice).toUInt() & kEdsEvfOutputDevice_PC, 0u);
     // The output device is live view's business, not a setting change.
     EXPECT_FALSE(lastChange(named(kOKVA_CanonCameraPropertyDidChange), "Evf_OutputDevice").has_value());
-}
-
-TEST(CameraLogFormat, ConversionsFollowTheArgumentsWidthAndObjectsAreDescribed) {
-    using cameratext::format;
-    // 32-bit codes print as 32-bit even when handed over as signed numbers.
-    EXPECT_EQ(format("error %x (%s)", {-1, "x"}), "error ffffffff (x)");
-    EXPECT_EQ(format("0X%X / %d", {0xA102u, 0xFFFFFFFFu}), "0XA102 / -1");
-    EXPECT_EQ(format("download progress (%u %%)", {75u}), "download progress (75 %)");
-    EXPECT_EQ(format("waiting %.1f secs, %.3f sec", {2.96, 0.0125}), "waiting 3.0 secs, 0.013 sec");
-    EXPECT_EQ(format("Detected %u camera%s", {1u, ""}), "Detected 1 camera");
-    EXPECT_EQ(format("%.4u-%.2u-%.2u", {2024u, 3u, 7u}), "2024-03-07");
-    EXPECT_EQ(format("%ld", {long(1) << 40}), "1099511627776");
-    // A missing argument prints as none rather than reading past the list.
-    EXPECT_EQ(format("a %@ b %u"), "a (null) b 0");
-
-    QVariantMap dict{{"commandNumber", 0u}, {"description", "Take a picture"}};
-    EXPECT_EQ(format("%@", {QVariant(dict)}),
-              "{\n    commandNumber = 0;\n    description = \"Take a picture\";\n}");
-    EXPECT_EQ(format("got value %@", {QVariant()}), "got value (null)");
-    EXPECT_EQ(format("got value %@", {QVariant("Canon EOS")}), "got value Canon EOS");
-    // A value from outside (a body's owner name, a sibling's message) cannot flood the log.
-    QVariantList many;
-    for (int i = 0; i < 100000; ++i)
-        many << QString(100, 'x');
-    EXPECT_LT(format("%@ %@", {QVariant(QString(1'000'000, 'x')), QVariant(many)}).size(), 30'000);
 }
 
 TEST(CameraTimeRecord, RoundTripWithMillisecondsInvalidRecordsAndTheWeekBasedYear) {

@@ -279,17 +279,6 @@ TEST_F(PrefsStore, ChangeSignalArrivesOnTheMainThreadAndDrivesBindings) {
     EXPECT_EQ(Preferences::keyForBindingPath("prefX"), "prefX");
 }
 
-TEST_F(PrefsStore, StandardStoreLivesUnderTheConfigFolder) {
-    EXPECT_EQ(Preferences::standardFilePath(),
-              test::testHome() + "/.config/Brix/com.lumetra.BrixCanonCapture.plist");
-    qputenv("XDG_CONFIG_HOME", "relative/ignored");
-    EXPECT_EQ(Preferences::standardFilePath(),
-              test::testHome() + "/.config/Brix/com.lumetra.BrixCanonCapture.plist");
-    qputenv("XDG_CONFIG_HOME", (test::testHome() + "/elsewhere").toUtf8());
-    EXPECT_EQ(Preferences::standardFilePath(),
-              test::testHome() + "/elsewhere/Brix/com.lumetra.BrixCanonCapture.plist");
-}
-
 QString storePath() {
     return test::testHome() + "/.config/Brix/factory-test.plist";
 }
