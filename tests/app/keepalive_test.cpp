@@ -1,9 +1,6 @@
 // The station keeps itself alive: the real executable and its watchdog on a
 // private bus with a temporary HOME, killed, crashed, hung, started twice.
-#include "AppDelegate.h"
-#include "Preferences.h"
 #include "Station.h"
-#include "Watchdog.h"
 
 #include <QDBusReply>
 #include <QDir>
@@ -280,55 +277,6 @@ TEST_F(KeepAlive, WithoutABusTheLockFileServesAndAStaleOneNeverBlocks) {
               first_.processId());
 }
 
-TEST(LaunchLoopRule, CountsTheNthNewestLaunchWithUnsignedArithmetic) {
-    const QDateTime now = QDateTime::fromSecsSinceEpoch(1'700'000'000);
-    auto ago = [&](int s) { return QVariant(now.addSecs(-s)); };
-    const auto never = [](unsigned, double) { return false; };
-
-    // A normal start clears even a long history and keeps running.
-    QVariantList ten;
-    for (int i = 0; i < 10; ++i)
-        ten << ago(i);
-    Watchdog::LaunchDecision d = Watchdog::launchLoopRule(4, 30.0, never, false, ten, now);
-    EXPECT_TRUE(d.clearHistory);
-    EXPECT_TRUE(d.keepRunning);
-    EXPECT_TRUE(d.logLines.isEmpty());
-
-    // Three recorded dates: the index wraps, no reference, interval = 30.0, not below it.
-    d = Watchdog::launchLoopRule(4, 30.0, never, true, {ago(3), ago(2), ago(1)}, now);
-    EXPECT_TRUE(d.keepRunning);
-    EXPECT_DOUBLE_EQ(d.interval, 30.0);
-    EXPECT_EQ(d.dates.size(), 4);
-    EXPECT_EQ(d.dates.last().toDateTime(), now);
-
-    // The 4th-newest date decides: 29 s back stops the loop, 31 s back does not.
-    d = Watchdog::launchLoopRule(4, 30.0, never, true, {ago(100), ago(29), ago(20), ago(10), ago(5)}, now);
-    EXPECT_FALSE(d.keepRunning);
-    EXPECT_EQ(d.logLines, (QStringList{"automatically relaunched due to unexpected termination",
-                                       "NOT setting auto-relaunch because interval since 4 previous launches "
-                                       "is less than 30.0 sec (29)"}));
-    d = Watchdog::launchLoopRule(4, 30.0, never, true, {ago(31), ago(20), ago(10), ago(5)}, now);
-    EXPECT_TRUE(d.keepRunning);
-    EXPECT_EQ(d.logLines.size(), 1);
-
-    // The escape decision may keep it running; without one it stops; count 0 always asks.
-    d = Watchdog::launchLoopRule(
-        4, 30.0, [](unsigned n, double s) { return n == 4 && s < 30; }, true,
-        {ago(29), ago(20), ago(10), ago(5)}, now);
-    EXPECT_TRUE(d.keepRunning);
-    EXPECT_TRUE(d.logLines.last().startsWith("setting auto-relaunch because interval since 4"));
-    EXPECT_FALSE(
-        Watchdog::launchLoopRule(4, 30.0, nullptr, true, {ago(1), ago(1), ago(1), ago(1)}, now).keepRunning);
-    d = Watchdog::launchLoopRule(0, 30.0, never, false, {}, now);
-    EXPECT_FALSE(d.clearHistory);
-    EXPECT_FALSE(d.keepRunning);
-    EXPECT_EQ(
-        d.logLines.last(),
-        "NOT setting auto-relaunch because interval since 0 previous launches is less than 30.0 sec (30)");
-    // Something other than a date in the reference place: no reference.
-    EXPECT_TRUE(Watchdog::launchLoopRule(1, 30.0, never, true, {QVariant("x")}, now).keepRunning);
-}
-
 // Without the watchdog beside it the station says so once and runs
 // unmonitored: a kill is final, SIGTERM still ends it normally.
 TEST_F(KeepAlive, MissingWatchdogLeavesTheStationUnmonitored) {
@@ -346,18 +294,4 @@ TEST_F(KeepAlive, MissingWatchdogLeavesTheStationUnmonitored) {
     ASSERT_TRUE(finished(first_));
     EXPECT_EQ(first_.exitCode(), 0);
     EXPECT_TRUE(log().contains("Caught Terminated ... terminating."));
-}
-
-TEST(StartUp, WindowTitleKeysWithoutAVersionSayUnknown) {
-    AppDelegate delegate;
-    QVariantMap info = AppDelegate::bundleInfo();
-    info.remove("CFBundleShortVersionString");
-    delegate.setupWindowTitle(info);
-    Preferences &prefs = Preferences::standard();
-    const QString longInfo = QStringLiteral("BrixCanonCapture vUnknown??? xc-%1 sdk-%2")
-                                 .arg(info.value("DTXcode").toString(), info.value("DTSDKName").toString());
-    EXPECT_EQ(prefs.stringForKey("prefLongInfoString"), longInfo);
-    EXPECT_EQ(prefs.stringForKey("prefLable1String"), "64bit");
-    EXPECT_EQ(prefs.stringForKey("prefWindowTitleName"), longInfo); // the second write wins
-    EXPECT_TRUE(AppDelegate::currentCameraDispatchQueue() == AppDelegate::currentCameraDispatchQueue());
 }

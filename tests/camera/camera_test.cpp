@@ -1,12 +1,18 @@
 // The camera object, its command queue, discovery, download and live view,
-// run against the simulated camera.
-#include "LogCapture.h"
+// run against the simulated camera; and the conversions between dates and
+// time records, which need no camera.
 #include "CameraClassState.h"
 #include "CameraFixture.h"
+#include "LogCapture.h"
+#include "OKVA_CanonCamera.h"
 
 #include <QImage>
+#include <QTimeZone>
+
+#include <gtest/gtest.h>
 
 #include <condition_variable>
+#include <cstring>
 #include <mutex>
 
 using namespace brix;
@@ -224,7 +230,7 @@ TEST_F(Properties, BodyChangesReachTheMainThreadWithValueAndSupportedValues) {
     }
 }
 
-TEST_F(Properties, EqualDisplayTextsCollapseAndTextsAreWrittenAsTheirNumbers) {
+TEST_F(Properties, EqualDisplayTextsCollapseTextsAreWrittenAsTheirNumbersAndTheClockRoundTrips) {
     CameraPtr camera = loadFirstCamera();
     ASSERT_TRUE(camera);
     // 0 and 0x99 both read "Auto"; the later one stays.
@@ -247,11 +253,8 @@ TEST_F(Properties, EqualDisplayTextsCollapseAndTextsAreWrittenAsTheirNumbers) {
     EXPECT_EQ(control->property(kEdsPropID_OwnerName).toString(), "Studio Nord");
     EXPECT_TRUE(camera->setStringValue(QString::fromUtf8("© Lumetra"), kEdsPropID_Copyright));
     EXPECT_EQ(control->property(kEdsPropID_Copyright).toString(), QString::fromUtf8("© Lumetra"));
-}
 
-TEST_F(Properties, ClockRoundTripAndValuesOfTheWrongKind) {
-    CameraPtr camera = loadFirstCamera();
-    ASSERT_TRUE(camera);
+    // The clock goes both ways; values of the wrong kind are refused.
     const QDateTime when(QDate(2026, 5, 17), QTime(14, 30, 5), Qt::LocalTime);
     ASSERT_TRUE(camera->setCameraClock(when));
     EXPECT_EQ(camera->cameraClock().toDateTime(), when);
@@ -518,8 +521,9 @@ TEST_F(Download, ABusyBodyIsAskedAgainAndAShotGivenUpIsLoggedByName) {
     ASSERT_TRUE(waitFor([&] { return log.text().contains("not saved"); }));
     settle();
     EXPECT_EQ(count(kOKVA_CanonCameraPhotoDataAvailable), 1u);
-    EXPECT_TRUE(log.text().contains("shot \"IMG_0002.JPG\" not saved: error 0x81 (device busy) completing its "
-                                    "download after 4 attempt(s)"))
+    EXPECT_TRUE(
+        log.text().contains("shot \"IMG_0002.JPG\" not saved: error 0x81 (device busy) completing its "
+                            "download after 4 attempt(s)"))
         << log.text().constData();
 }
 
@@ -652,4 +656,34 @@ TEST_F(LiveView, BeginStreamsDecodedFramesAndEndStopsTheLoop) {
     EXPECT_EQ(control->property(kEdsPropID_Evf_OutputDevice).toUInt() & kEdsEvfOutputDevice_PC, 0u);
     // The output device is live view's business, not a setting change.
     EXPECT_FALSE(lastChange(named(kOKVA_CanonCameraPropertyDidChange), "Evf_OutputDevice").has_value());
+}
+
+TEST(CameraTimeRecord, RoundTripWithMillisecondsInvalidRecordsAndTheWeekBasedYear) {
+    EdsTime record{2024, 3, 7, 13, 45, 9, 250};
+    const QDateTime date = OKVA_CanonCamera::dateForEDSTime(&record);
+    ASSERT_TRUE(date.isValid());
+    const QDateTime local = date.toLocalTime();
+    EXPECT_EQ(local.date(), QDate(2024, 3, 7));
+    EXPECT_EQ(local.time(), QTime(13, 45, 9, 250));
+
+    EdsTime back{};
+    OKVA_CanonCamera::EDSTime(&back, date);
+    EXPECT_EQ(std::memcmp(&back, &record, sizeof record), 0);
+
+    EdsTime impossible{2024, 2, 30, 0, 0, 0, 0};
+    EXPECT_FALSE(OKVA_CanonCamera::dateForEDSTime(&impossible).isValid());
+    EXPECT_FALSE(OKVA_CanonCamera::dateForEDSTime(nullptr).isValid());
+
+    // Nothing is written for a value that is not a date.
+    EdsTime untouched{1, 2, 3, 4, 5, 6, 7};
+    OKVA_CanonCamera::EDSTime(&untouched, QString("2024-03-07"));
+    EXPECT_EQ(untouched.year, 1u);
+    EXPECT_EQ(untouched.milliseconds, 7u);
+    OKVA_CanonCamera::EDSTime(nullptr, date); // and nothing breaks without a record
+
+    // 30 December 2024 falls in week 1 of 2025: the record says 2025.
+    EdsTime lateDecember{};
+    OKVA_CanonCamera::EDSTime(&lateDecember, QDateTime(QDate(2024, 12, 30), QTime(12, 0), Qt::LocalTime));
+    EXPECT_EQ(lateDecember.year, 2025u);
+    EXPECT_EQ(lateDecember.day, 30u);
 }

@@ -1,15 +1,16 @@
-// The edsdk backend over libEDSDK-sim.so: found through BRIX_EDSDK_PATH, its
-// events reach the application only through the EdsGetEvent pump, on the
-// backend's event queue, and events for a handler cleared meanwhile are dropped.
+// Finding and refusing libEDSDK.so (the station must start, and answer "not
+// available" with a clear log line, whatever is or is not installed), and the
+// backend over libEDSDK-sim.so: found through BRIX_EDSDK_PATH, its events reach
+// the application only through the EdsGetEvent pump, on the backend's event
+// queue, and events for a handler cleared meanwhile are dropped.
+#include "EdsdkLibrary.h"
+#include "EdsdkSdk.h"
 #include "LogCapture.h"
 #include "SimLibrary.h"
 #include "TestSupport.h"
 
-#ifdef BRIX_EDSDK_SIM_LIBRARY
-
 #include <QDir>
 #include <QFile>
-#include <QFileInfo>
 #include <QTemporaryDir>
 
 #include <gtest/gtest.h>
@@ -20,6 +21,89 @@
 
 using namespace brix;
 using namespace brix::eds;
+
+namespace {
+
+// Sets an environment variable for one scope.
+class ScopedEnv {
+public:
+    ScopedEnv(const char *name, const QByteArray &value)
+        : name_(name), old_(qgetenv(name)), had_(qEnvironmentVariableIsSet(name)) {
+        qputenv(name, value);
+    }
+    ~ScopedEnv() {
+        if (had_)
+            qputenv(name_, old_);
+        else
+            qunsetenv(name_);
+    }
+
+private:
+    const char *name_;
+    QByteArray old_;
+    bool had_;
+};
+
+} // namespace
+
+TEST(EdsdkLoader, MissingLibraryIsRefusedWithTheReasonAndTheBackendIsNotAvailable) {
+    QTemporaryDir dir;
+    const QString missing = dir.filePath("nowhere/libEDSDK.so");
+    ScopedEnv env(kEdsdkPathVariable, missing.toUtf8());
+    // Nothing beside the test program or on the loader's path either, on a
+    // machine without Canon's library.
+    test::LogCapture log;
+    std::string why;
+    EXPECT_EQ(createEdsdkSdk(&why), nullptr);
+    EXPECT_NE(why.find(missing.toStdString()), std::string::npos) << why;
+    EXPECT_NE(why.find(kEdsdkLibraryName), std::string::npos) << why;
+    const std::string text = log.text().toStdString();
+    EXPECT_NE(text.find("EDSDK could not be loaded from " + missing.toStdString() + ": "), std::string::npos)
+        << text;
+    EXPECT_NE(text.find("EDSDK not available: "), std::string::npos) << text;
+    EXPECT_EQ(text.find("EDSDK loaded"), std::string::npos) << text;
+
+    // The chooser says the same for an explicit request.
+    std::string chosenWhy;
+    EXPECT_EQ(createSdk("edsdk", &chosenWhy), nullptr);
+    EXPECT_NE(chosenWhy.find("not available"), std::string::npos) << chosenWhy;
+}
+
+TEST(EdsdkLoader, LibraryLackingAFunctionOrNoLibraryAtAllIsRefused) {
+    test::LogCapture log;
+    std::string why;
+    EXPECT_EQ(EdsdkLibrary::openFile(BRIX_EDSDK_INCOMPLETE_LIBRARY, &why), nullptr);
+    EXPECT_NE(why.find("EdsDownloadEvfImage"), std::string::npos) << why;
+    EXPECT_NE(log.text().toStdString().find(std::string("EDSDK at ") + BRIX_EDSDK_INCOMPLETE_LIBRARY +
+                                            " lacks the function EdsDownloadEvfImage; not used"),
+              std::string::npos)
+        << log.text().toStdString();
+
+    // Found through BRIX_EDSDK_PATH as a folder, it is refused the same way
+    // and the search goes on (to nothing, here).
+    QTemporaryDir dir;
+    ASSERT_TRUE(QFile::link(BRIX_EDSDK_INCOMPLETE_LIBRARY, dir.filePath(kEdsdkLibraryName)));
+    ScopedEnv env(kEdsdkPathVariable, dir.path().toUtf8());
+    EXPECT_EQ(createEdsdkSdk(&why), nullptr);
+    EXPECT_NE(why.find(QDir(dir.path()).filePath(kEdsdkLibraryName).toStdString() +
+                       ": the function EdsDownloadEvfImage is missing"),
+              std::string::npos)
+        << why;
+
+    // A file that is no library at all is refused too.
+    const QString path = dir.filePath("not-elf.so");
+    QFile f(path);
+    ASSERT_TRUE(f.open(QIODevice::WriteOnly));
+    f.write("this is not an ELF object");
+    f.close();
+    EXPECT_EQ(EdsdkLibrary::openFile(path.toStdString(), &why), nullptr);
+    EXPECT_NE(log.text().toStdString().find("EDSDK could not be loaded from " + path.toStdString()),
+              std::string::npos)
+        << log.text().toStdString();
+}
+
+#ifdef BRIX_EDSDK_SIM_LIBRARY
+
 using brix::test::SimLibrary;
 
 namespace {
@@ -55,13 +139,14 @@ TEST(EdsdkBackend, IsFoundThroughTheFolderInTheEnvironmentAndSaysWhereItLoadedFr
     QTemporaryDir dir;
     const QString link = QDir(dir.path()).filePath(kEdsdkLibraryName);
     ASSERT_TRUE(QFile::link(BRIX_EDSDK_SIM_LIBRARY, link));
-    const QByteArray old = qgetenv(kEdsdkPathVariable);
-    qputenv(kEdsdkPathVariable, dir.path().toUtf8());
+    std::unique_ptr<EdsSdk> chosen, automatic;
     test::LogCapture log;
     std::string why;
-    auto chosen = createSdk("edsdk", &why);
-    auto automatic = createSdk("auto", &why);
-    qputenv(kEdsdkPathVariable, old);
+    {
+        ScopedEnv env(kEdsdkPathVariable, dir.path().toUtf8());
+        chosen = createSdk("edsdk", &why);
+        automatic = createSdk("auto", &why);
+    }
 
     ASSERT_NE(chosen, nullptr) << why;
     EXPECT_STREQ(chosen->backendName(), "edsdk");

@@ -1,5 +1,5 @@
-// Value tables between boundary values and libgphoto2 EOS labels, the image
-// quality arithmetic, event texts, error codes and the claimed-device helpers.
+// Every choice a real body lists in libgphoto2's labels maps to a value and
+// back, the image quality arithmetic, and reading a port's vendor from sysfs.
 #include "ClaimedDevice.h"
 #include "Gphoto2Sdk.h"
 #include "Gphoto2Tables.h"
@@ -17,82 +17,6 @@
 using namespace brix;
 using namespace brix::gphoto2;
 using namespace brix::eds;
-
-namespace {
-
-constexpr EdsPropertyID kPictureStyle = 0x114;
-
-std::vector<std::string> labelsOfScale(EdsPropertyID id, bool halves) {
-    std::vector<std::string> out;
-    for (const auto &e : tableFor(id)) {
-        const uint32_t r = e.value % 8;
-        if (r == 0 || (halves ? r == 4 : (r == 3 || r == 5)))
-            out.emplace_back(e.label);
-    }
-    return out;
-}
-
-// Every value of the property's width: the label shown for it leads back to it,
-// except where libgphoto2 shows one label for two values; those are exactly
-// the listed ones, and the body's step scale (the other choices) tells them apart.
-void checkRoundTrip(EdsPropertyID id, const std::set<uint32_t> &sharedLabels,
-                    const std::set<uint32_t> &unresolvable) {
-    const PropertySpec *spec = propertySpec(id);
-    ASSERT_NE(spec, nullptr);
-    const uint32_t limit = 1u << spec->valueBits;
-    std::set<uint32_t> failed;
-    for (uint32_t v = 0; v < limit; ++v) {
-        auto label = labelForValue(id, v);
-        ASSERT_TRUE(label) << std::hex << v;
-        auto back = valueForLabel(id, *label);
-        ASSERT_TRUE(back) << *label;
-        if (*back != v)
-            failed.insert(v);
-    }
-    EXPECT_EQ(failed, sharedLabels) << "property 0x" << std::hex << id;
-    for (uint32_t v : sharedLabels) {
-        if (unresolvable.count(v))
-            continue;
-        const auto label = *labelForValue(id, v);
-        const bool halves = v % 8 == 4;
-        EXPECT_EQ(valueForLabel(id, label, labelsOfScale(id, halves)), v) << label;
-    }
-    EXPECT_FALSE(labelForValue(id, limit)) << "wider than the body's property";
-}
-
-} // namespace
-
-TEST(Gphoto2Tables, EveryValueOfEveryTableRoundTrips) {
-    // Third- and half-stop neighbours that libgphoto2 prints alike.
-    checkRoundTrip(kEdsPropID_Av, {0x0d, 0x15, 0x1d, 0x25, 0x2b, 0x44}, {});
-    checkRoundTrip(kEdsPropID_Tv, {0x04, 0x45, 0x4d, 0x54, 0x5c}, {0x04});
-    checkRoundTrip(kEdsPropID_ISOSpeed, {}, {});
-    checkRoundTrip(kEdsPropID_ExposureCompensation, {}, {});
-    checkRoundTrip(kEdsPropID_AEMode, {}, {});
-    checkRoundTrip(kEdsPropID_DriveMode, {}, {});
-    checkRoundTrip(kEdsPropID_MeteringMode, {}, {});
-    checkRoundTrip(kEdsPropID_AFMode, {}, {});
-    checkRoundTrip(kEdsPropID_WhiteBalance, {}, {});
-    checkRoundTrip(kPictureStyle, {}, {});
-    checkRoundTrip(kEdsPropID_Evf_OutputDevice, {}, {});
-}
-
-TEST(Gphoto2Tables, ValuesATableLacksUseTheUnknownValueForm) {
-    EXPECT_EQ(labelForValue(kEdsPropID_Av, 0x71), "Unknown value 0071");
-    EXPECT_EQ(valueForLabel(kEdsPropID_Av, "Unknown value 0071"), 0x71u);
-    EXPECT_EQ(labelForValue(kEdsPropID_WhiteBalance, 7), "Unknown 7"); // libgphoto2's own text for 7
-    EXPECT_EQ(labelForValue(kEdsPropID_WhiteBalance, 13), "Unknown value 000d");
-    // The click-white-balance value has no place in the body's byte.
-    EXPECT_FALSE(labelForValue(kEdsPropID_WhiteBalance, 0xFFFFFFFF));
-    EXPECT_FALSE(valueForLabel(kEdsPropID_Av, "f/5.6"));
-    EXPECT_FALSE(valueForLabel(kEdsPropID_Av, "Unknown value "));
-    EXPECT_FALSE(valueForLabel(kEdsPropID_Av, "Unknown value 00zz"));
-    EXPECT_FALSE(parseUnknownValueLabel("Unknown value 123456789"));
-    EXPECT_EQ(parseUnknownValueLabel("Unknown value ABCD"), 0xabcdu);
-    // Properties without a table have no labels.
-    EXPECT_FALSE(labelForValue(kEdsPropID_OwnerName, 1));
-    EXPECT_FALSE(valueForLabel(0x409, "50"));
-}
 
 TEST(Gphoto2Tables, ImageQualityPackingIsLossless) {
     int valid = 0;
@@ -156,62 +80,6 @@ TEST(Gphoto2Tables, EveryChoiceOfAListedBodyMaps) {
     EXPECT_GT(checked, 150);
 }
 
-TEST(Gphoto2Tables, BatteryEventTextsAndErrors) {
-    EXPECT_EQ(batteryPercentForLabel("100%"), 100u);
-    EXPECT_EQ(batteryPercentForLabel("25%"), 25u);
-    EXPECT_EQ(batteryPercentForLabel("Low"), 9u);
-    EXPECT_FALSE(batteryPercentForLabel("Unknown value"));
-    EXPECT_FALSE(batteryPercentForLabel("101%"));
-    EXPECT_FALSE(batteryPercentForLabel("%"));
-
-    EXPECT_EQ(ptpCodeInEventText("PTP Property d101 changed, \"aperture\" to \"5.6\""), 0xd101u);
-    EXPECT_EQ(ptpCodeInEventText("PTP Property d1b0 changed"), 0xd1b0u);
-    EXPECT_FALSE(ptpCodeInEventText("Camera Status 1"));
-    EXPECT_FALSE(ptpCodeInEventText("PTP Property xyz1 changed"));
-    EXPECT_FALSE(ptpCodeInEventText("PTP Property d101"));
-    EXPECT_EQ(propertyForPtpCode(0xd101), kEdsPropID_Av);
-    EXPECT_EQ(propertyForPtpCode(0xd138), kEdsPropID_AEMode);
-    EXPECT_EQ(propertyForPtpCode(0xd122), kEdsPropID_ImageQuality);
-    EXPECT_EQ(propertyForPtpCode(0xd1b0), kEdsPropID_Evf_OutputDevice);
-    EXPECT_EQ(propertyForPtpCode(0x5001), 0u);
-
-    EXPECT_EQ(edsErrorFor(gp::IoUsbClaim), EDS_ERR_COMM_PORT_IS_IN_USE);
-    EXPECT_EQ(edsErrorFor(-12345), EDS_ERR_INTERNAL_ERROR);
-}
-
-TEST(Gphoto2ClaimedDevice, FindsTheHoldersOfTheUsbNode) {
-    EXPECT_EQ(usbDeviceNode("usb:001,005"), QStringLiteral("/dev/bus/usb/001/005"));
-    EXPECT_EQ(usbDeviceNode("usb:2,17"), QStringLiteral("/dev/bus/usb/002/017"));
-    EXPECT_FALSE(usbDeviceNode("usb:"));
-    EXPECT_FALSE(usbDeviceNode("disk:/media/card"));
-
-    // A /proc tree of our own making.
-    const QString proc = test::testHome() + "/proc";
-    auto process = [&](const QString &pid, const QString &comm, const QStringList &links) {
-        QDir().mkpath(proc + "/" + pid + "/fd");
-        QFile f(proc + "/" + pid + "/comm");
-        ASSERT_TRUE(f.open(QIODevice::WriteOnly));
-        f.write(comm.toUtf8() + "\n");
-        int fd = 0;
-        for (const QString &target : links)
-            ASSERT_TRUE(QFile::link(target, proc + "/" + pid + "/fd/" + QString::number(fd++)));
-    };
-    process("1234", "gvfsd-gphoto2", {"/dev/null", "/dev/bus/usb/001/005"});
-    process("77", "kamera", {"/dev/bus/usb/001/006"});
-    process("88", "bash", {"/dev/pts/0"});
-    process(QString::number(::getpid()), "self", {"/dev/bus/usb/001/005"});
-    QDir().mkpath(proc + "/sys/fd");
-
-    const auto holders = processesHolding("/dev/bus/usb/001/005", proc);
-    ASSERT_EQ(holders.size(), 1u);
-    EXPECT_EQ(holders[0].pid, 1234);
-    EXPECT_EQ(holders[0].name, "gvfsd-gphoto2");
-    EXPECT_TRUE(isDesktopMounter(holders[0]));
-    EXPECT_FALSE(isDesktopMounter({77, "kamera"}));
-    EXPECT_EQ(describeHolders(holders), "process 1234 (gvfsd-gphoto2)");
-    EXPECT_TRUE(processesHolding("/dev/bus/usb/009/009", proc).empty());
-}
-
 TEST(Gphoto2ClaimedDevice, ReadsTheVendorOfAPortFromSysfs) {
     const QString sys = test::testHome() + "/sys";
     auto device = [&](const QString &name, const char *bus, const char *dev, const char *vendor) {
@@ -229,17 +97,4 @@ TEST(Gphoto2ClaimedDevice, ReadsTheVendorOfAPortFromSysfs) {
     EXPECT_EQ(usbVendorId("usb:001,007", sys), 0x04b0);
     EXPECT_FALSE(usbVendorId("usb:002,005", sys));
     EXPECT_FALSE(usbVendorId("disk:/media", sys));
-}
-
-TEST(Gphoto2ClaimedDevice, PicksTheCamerasMountFromGioListing) {
-    const QString listing = "Drive(0): Samsung SSD\n"
-                            "Mount(0): Canon Digital Camera -> gphoto2://Canon_Inc._Canon_Digital_Camera/\n"
-                            "  Type: GProxyShadowMount\n"
-                            "Mount(1): Canon EOS 5D Mark III -> gphoto2://%5Busb%3A001%2C005%5D/\n"
-                            "Mount(2): Nikon -> gphoto2://%5Busb%3A001%2C009%5D/\n"
-                            "Mount(3): share -> smb://server/share/\n";
-    EXPECT_EQ(gphotoMountsFor(listing, "usb:001,005"), QStringList{"gphoto2://%5Busb%3A001%2C005%5D/"});
-    // Without a port match all camera mounts are candidates.
-    EXPECT_EQ(gphotoMountsFor(listing, "usb:003,001").size(), 3);
-    EXPECT_TRUE(gphotoMountsFor("Mount(0): disk -> file:///media/x\n", "usb:001,005").isEmpty());
 }

@@ -202,9 +202,4 @@ TEST_F(LogFile, AFailedReadIsShownToTheUser) {
               ErrorValue::posix(EISDIR, "Read Error in +[Logger setLogFile:]_block_invoke: Is a directory"));
 }
 
-TEST(LogFileNames, OldLogTakesTheOldExtension) {
-    EXPECT_EQ(LogFileWriter::oldLogPath("/a/b/BrixCanonCapture.log"), "/a/b/BrixCanonCapture.old.log");
-    EXPECT_EQ(LogFileWriter::oldLogPath("/a/b.d/plain"), "/a/b.d/plain.old.log");
-}
-
 } // namespace

@@ -1,5 +1,5 @@
 // The log line: levels, the caller's queue label, verbatim messages, long
-// lines, and where the default log file lives.
+// lines, where the default log file lives, and the hex dump of binary data.
 #include "Logger.h"
 #include "LoggerTestSupport.h"
 #include "Paths.h"
@@ -88,14 +88,6 @@ TEST_F(LoggerLines, MessagesAreWrittenVerbatimWithPerCentSignsAndAnyLength) {
     EXPECT_TRUE(got[2].endsWith(QStringLiteral("] after")));
 }
 
-TEST_F(LoggerLines, FormatLineMatchesWhatIsWritten) {
-    const QString line = Logger::formatLine(QStringLiteral("msg %1"), "some.queue");
-    EXPECT_TRUE(QRegularExpression(QStringLiteral("^") + test::lineHeadPattern("some.queue") + "msg %1$")
-                    .match(line)
-                    .hasMatch())
-        << line.toStdString();
-}
-
 TEST(LoggerDefaultFile, LivesInTheLogsFolderOfTheStateFolder) {
     const QString state = qEnvironmentVariable("XDG_STATE_HOME");
     const QString name = Paths::executableName();
@@ -118,10 +110,6 @@ TEST(LoggerDefaultFile, LivesInTheLogsFolderOfTheStateFolder) {
     EXPECT_TRUE(Logger::logFile().isEmpty()) << "no file is attached in this process";
 }
 
-} // namespace
-
-namespace {
-
 // A failed attach leaves descriptor 2 alone, so it can run in this process.
 TEST(LoggerAttach, WithoutAFileTheStreamStaysAndTheFailureIsLogged) {
     ASSERT_TRUE(test::writeFile(test::testHome() + "/plainfile", "x"));
@@ -136,6 +124,32 @@ TEST(LoggerAttach, WithoutAFileTheStreamStaysAndTheFailureIsLogged) {
                                      "Failed to pass (or make) a URL +[Logger setLogFile:]: ((null))",
                                      "still on the captured stream"}));
     EXPECT_TRUE(Logger::logFile().isEmpty());
+}
+
+TEST(Hexdump, RepeatedLinesAreCountedAndAnnouncedBeforeTheNextDifferentLine) {
+    QByteArray data(16, 'A');
+    data += QByteArray(16 * 3, 'B');
+    data += QByteArray(16, 'A');
+    data += QByteArray(16 * 2, 'C');
+    data += QByteArray("\x00\x7f\x1f !~", 6);
+    const QString dump = hexdump(data);
+    const QString a = "41 41 41 41 41 41 41 41  41 41 41 41 41 41 41 41  |AAAAAAAAAAAAAAAA|";
+    const QString b = "42 42 42 42 42 42 42 42  42 42 42 42 42 42 42 42  |BBBBBBBBBBBBBBBB|";
+    const QString c = "43 43 43 43 43 43 43 43  43 43 43 43 43 43 43 43  |CCCCCCCCCCCCCCCC|";
+    const QString expected = "00000000  " + a + "\n" + "00000010  " + b + "\n" +
+                             "* last line repeated 2 times\n" + "00000040  " + a + "\n" + "00000050  " + c +
+                             "\n" + "* last line repeated 1 times\n" + "00000070  00 7f 1f 20 21 7e " +
+                             QString(10 * 3 + 1, ' ') + " |... !~|\n";
+    EXPECT_EQ(dump, expected);
+}
+
+TEST(Hexdump, ARunAtTheEndIsAnnouncedAndARangeCountsFromItsStart) {
+    QByteArray data = "xyz" + QByteArray(48, '\0');
+    const QString zero = "00 00 00 00 00 00 00 00  00 00 00 00 00 00 00 00  |................|";
+    EXPECT_EQ(hexdump(data, 3), "00000000  " + zero + "\n* last line repeated 2 times\n");
+    EXPECT_EQ(hexdump(data, 1, 2), "00000000  79 7a " + QString(14 * 3 + 1, ' ') + " |yz|\n");
+    EXPECT_EQ(hexdump(QByteArray()), QString());
+    EXPECT_EQ(hexdump(data, 100), QString());
 }
 
 } // namespace

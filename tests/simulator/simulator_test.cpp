@@ -1,6 +1,6 @@
 // What the simulated body does beyond the common backend contract: AE-mode
-// dependent settings, shot files and names, live-view timing,
-// refusals, plugging, and reference bookkeeping.
+// dependent settings, shot files and names, refusals, plugging, and reference
+// bookkeeping.
 #include "SimulatorBackend.h"
 
 #include "EdsRef.h"
@@ -181,37 +181,6 @@ TEST_F(Simulator, StampedShotsShareOnePictureAndAreToldApartByTheirNumber) {
     const QByteArray raw = download(log_.items[3], &info);
     EXPECT_TRUE(raw.startsWith(QByteArray("II*\0", 4)));
     EXPECT_GT(raw.indexOf("BRIX SHOT 0000000004"), raw.indexOf("\xFF\xD9"));
-}
-
-TEST_F(Simulator, LiveViewFramesFollowTheClockAndAnswerNotReadyBetween) {
-    open();
-    control_->setLiveViewRate(10);
-    QByteArray buffer(0x200000, '\0');
-    EdsStreamHandle stream;
-    EdsEvfImageHandle image;
-    ASSERT_EQ(sdk_->EdsCreateMemoryStreamFromPointer(buffer.data(), buffer.size(), stream.receive(*sdk_)),
-              EDS_ERR_OK);
-    ASSERT_EQ(sdk_->EdsCreateEvfImageRef(stream.get(), image.receive(*sdk_)), EDS_ERR_OK);
-    EXPECT_EQ(sdk_->EdsDownloadEvfImage(camera_.get(), image.get()), EDS_ERR_OBJECT_NOTREADY); // not started
-
-    ASSERT_EQ(set(kEdsPropID_Evf_OutputDevice, kEdsEvfOutputDevice_TFT | kEdsEvfOutputDevice_PC), EDS_ERR_OK);
-    ASSERT_EQ(sdk_->EdsDownloadEvfImage(camera_.get(), image.get()), EDS_ERR_OK);
-    const QImage frame = QImage::fromData(buffer);
-    EXPECT_EQ(frame.size(), QSize(1024, 680));
-    EXPECT_EQ(sdk_->EdsDownloadEvfImage(camera_.get(), image.get()), EDS_ERR_OBJECT_NOTREADY);
-    clock_.advanceSeconds(0.05);
-    EXPECT_EQ(sdk_->EdsDownloadEvfImage(camera_.get(), image.get()), EDS_ERR_OBJECT_NOTREADY);
-    clock_.advanceSeconds(0.05);
-    EXPECT_EQ(sdk_->EdsDownloadEvfImage(camera_.get(), image.get()), EDS_ERR_OK);
-
-    // Live-view commands need live view.
-    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_DriveLensEvf, 0x8002), EDS_ERR_OK);
-    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_DriveLensEvf, 7),
-              EDS_ERR_INVALID_PARAMETER);
-    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_DoEvfAf, 1), EDS_ERR_OK);
-    ASSERT_EQ(set(kEdsPropID_Evf_OutputDevice, kEdsEvfOutputDevice_TFT), EDS_ERR_OK);
-    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_DoEvfAf, 1), 0xA005u);
-    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_DoClickWBEvf, 0), 0xA005u);
 }
 
 TEST_F(Simulator, ShutterButtonBulbAndInjectedRefusals) {

@@ -7,75 +7,68 @@
 #include <QEventLoop>
 
 #include <atomic>
+#include <functional>
 #include <mutex>
 #include <thread>
 #include <vector>
 
 using namespace brix;
 
-TEST(SerialQueue, RunsTasksOneAtATimeInSubmissionOrder) {
-    auto queue = Scheduling::dispatchQueueSerialWithDebugLabel("test.serial");
-    constexpr int kThreads = 4, kPerThread = 2000;
+namespace {
+
+// Submits tasks from several threads through `submit` (given the task's index
+// and the task), waits with `drain`, and checks that no two tasks overlapped
+// and that each submitter's tasks ran in its order.
+void expectOneAtATimeInOrder(int threads, int perThread,
+                             const std::function<void(int, std::function<void()>)> &submit,
+                             const std::function<void()> &drain) {
     std::atomic<int> inFlight{0};
     std::atomic<bool> overlapped{false};
-    std::vector<std::vector<int>> seen(kThreads);
+    std::mutex m;
+    std::vector<std::vector<int>> seen(static_cast<size_t>(threads));
     std::vector<std::thread> submitters;
-    for (int t = 0; t < kThreads; ++t)
+    for (int t = 0; t < threads; ++t)
         submitters.emplace_back([&, t] {
-            for (int i = 0; i < kPerThread; ++i)
-                queue->async([&, t, i] {
+            for (int i = 0; i < perThread; ++i)
+                submit(i, [&, t, i] {
                     if (inFlight.fetch_add(1) != 0)
                         overlapped = true;
-                    seen[t].push_back(i); // safe only because tasks never overlap
+                    {
+                        std::lock_guard lk(m);
+                        seen[size_t(t)].push_back(i);
+                    }
+                    std::this_thread::yield();
                     inFlight.fetch_sub(1);
                 });
         });
     for (auto &s : submitters)
         s.join();
-    test::drain(queue);
+    drain();
     EXPECT_FALSE(overlapped);
-    for (int t = 0; t < kThreads; ++t) {
-        ASSERT_EQ(int(seen[t].size()), kPerThread);
-        for (int i = 0; i < kPerThread; ++i)
-            ASSERT_EQ(seen[t][i], i) << "submitter " << t;
+    for (int t = 0; t < threads; ++t) {
+        ASSERT_EQ(int(seen[size_t(t)].size()), perThread);
+        for (int i = 0; i < perThread; ++i)
+            ASSERT_EQ(seen[size_t(t)][size_t(i)], i) << "submitter " << t;
     }
 }
 
-TEST(OneAtATime, LaneNeverOverlapsAndKeepsOrder) {
-    constexpr int kThreads = 6, kPerThread = 150;
-    std::atomic<int> inFlight{0};
-    std::atomic<bool> overlapped{false};
-    std::mutex m;
-    std::vector<std::vector<int>> seen(kThreads);
-    std::vector<std::thread> submitters;
-    for (int t = 0; t < kThreads; ++t)
-        submitters.emplace_back([&, t] {
-            for (int i = 0; i < kPerThread; ++i) {
-                auto block = [&, t, i] {
-                    if (inFlight.fetch_add(1) != 0)
-                        overlapped = true;
-                    {
-                        std::lock_guard lk(m);
-                        seen[t].push_back(i);
-                    }
-                    std::this_thread::yield();
-                    inFlight.fetch_sub(1);
-                };
-                if (i % 10 == 0)
-                    Scheduling::performOneAtATimeSync(block);
-                else
-                    Scheduling::performOneAtATimeAsync(block);
-            }
-        });
-    for (auto &s : submitters)
-        s.join();
-    Scheduling::performOneAtATimeSync([] {});
-    EXPECT_FALSE(overlapped);
-    for (int t = 0; t < kThreads; ++t) {
-        ASSERT_EQ(int(seen[t].size()), kPerThread);
-        for (int i = 0; i < kPerThread; ++i)
-            ASSERT_EQ(seen[t][i], i);
-    }
+} // namespace
+
+TEST(SerialQueue, RunsTasksOneAtATimeInSubmissionOrderAsDoesTheOneAtATimeLane) {
+    auto queue = Scheduling::dispatchQueueSerialWithDebugLabel("test.serial");
+    expectOneAtATimeInOrder(
+        4, 2000, [&](int, std::function<void()> task) { queue->async(std::move(task)); },
+        [&] { test::drain(queue); });
+    // The lane, entered both waiting and not.
+    expectOneAtATimeInOrder(
+        6, 150,
+        [](int i, std::function<void()> task) {
+            if (i % 10 == 0)
+                Scheduling::performOneAtATimeSync(std::move(task));
+            else
+                Scheduling::performOneAtATimeAsync(std::move(task));
+        },
+        [] { Scheduling::performOneAtATimeSync([] {}); });
 }
 
 TEST(RunOnce, CallsFromManyThreadsOnTheRealClockRunOncePerEdge) {

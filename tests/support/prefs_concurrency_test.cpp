@@ -120,21 +120,4 @@ TEST(PrefsConcurrency, TwoStoresOnOneFileMergeTheirKeys) {
     EXPECT_EQ(a.persistentDomain(), fresh.persistentDomain());
 }
 
-TEST(PrefsConcurrency, ConversionsRunInParallel) {
-    const QVariantMap attrs{{"k", QVariantList{1, "two", QByteArray("3")}}, {"n", 4.5}};
-    std::atomic<int> ok{0}, done{0};
-    std::vector<dispatch::QueuePtr> queues;
-    for (int t = 0; t < 4; ++t) {
-        queues.push_back(dispatch::makeSerialQueue("plist." + std::to_string(t)));
-        queues.back()->async([&] {
-            for (int i = 0; i < 200; ++i)
-                ok += PropertyList::fromBase64EncodedString(PropertyList::asBase64EncodedString(attrs)) ==
-                      attrs;
-            ++done;
-        });
-    }
-    ASSERT_TRUE(test::processEventsUntil([&] { return done.load() == 4; }));
-    EXPECT_EQ(ok.load(), 800);
-}
-
 } // namespace

@@ -1,5 +1,6 @@
 #include "AtomicFile.h"
 #include "LogCapture.h"
+#include "Paths.h"
 #include "Preferences.h"
 #include "PropertyList.h"
 #include "TestSupport.h"
@@ -46,7 +47,7 @@ protected:
     }
 };
 
-TEST_F(PrefsStore, EmptyStoreAnswersTheFallbacksAndWritesNothing) {
+TEST_F(PrefsStore, EmptyStoreAnswersTheFallbacksTypedReadsConvertAndOnlyPropertyListsAreStored) {
     Preferences p(path());
     EXPECT_FALSE(p.objectForKey(pref::kPreferNotificationsOverModalAlerts).isValid());
     EXPECT_FALSE(p.boolForKey(pref::kPreferNotificationsOverModalAlerts));
@@ -57,6 +58,35 @@ TEST_F(PrefsStore, EmptyStoreAnswersTheFallbacksAndWritesNothing) {
     EXPECT_TRUE(p.dictionaryForKey(pref::kCanonSettings).isEmpty());
     EXPECT_TRUE(p.synchronize());
     EXPECT_FALSE(QFile::exists(path()));
+
+    // Typed reads convert like the store always did.
+    p.setObject("YES", "s1");
+    p.setObject("  12.5 seconds", "s2");
+    p.setObject("no", "s3");
+    p.setObject(2.75, "d");
+    p.setBool(true, "b");
+    p.setObject(QVariantList{1, 2}, "list");
+    EXPECT_TRUE(p.boolForKey("s1"));
+    EXPECT_FALSE(p.boolForKey("s3"));
+    EXPECT_TRUE(p.boolForKey("d"));
+    EXPECT_DOUBLE_EQ(p.floatForKey("s2"), 12.5);
+    EXPECT_EQ(p.integerForKey("s2"), 12);
+    EXPECT_EQ(p.integerForKey("d"), 2);
+    EXPECT_EQ(p.floatForKey("b"), 1.0);
+    EXPECT_EQ(p.stringForKey("d"), "2.75");
+    EXPECT_TRUE(p.stringForKey("list").isNull());
+    EXPECT_TRUE(p.arrayForKey("s1").isEmpty());
+    EXPECT_EQ(p.arrayForKey("list").size(), 2);
+
+    // Values that are not property lists are refused with a log line.
+    test::LogCapture log;
+    p.setObject(QVariant::fromValue(QSize(2, 3)), "prefSize");
+    EXPECT_FALSE(p.objectForKey("prefSize").isValid());
+    EXPECT_EQ(log.matching("Preferences: value for key prefSize not stored").size(), 1);
+    // An invalid value removes.
+    p.setObject(5, "prefN");
+    p.setObject(QVariant(), "prefN");
+    EXPECT_FALSE(p.objectForKey("prefN").isValid());
 }
 
 TEST_F(PrefsStore, UserValuesOverrideRegisteredDefaultsWhichNeverReachTheFile) {
@@ -76,27 +106,6 @@ TEST_F(PrefsStore, UserValuesOverrideRegisteredDefaultsWhichNeverReachTheFile) {
     ASSERT_TRUE(p.synchronize());
     EXPECT_TRUE(fileContents().isEmpty());
     EXPECT_EQ(p.dictionaryRepresentation(), (QVariantMap{{"prefA", "factory2"}, {"prefB", 3}}));
-}
-
-TEST_F(PrefsStore, TypedReadsConvertLikeTheStoreAlwaysDid) {
-    Preferences p(path());
-    p.setObject("YES", "s1");
-    p.setObject("  12.5 seconds", "s2");
-    p.setObject("no", "s3");
-    p.setObject(2.75, "d");
-    p.setBool(true, "b");
-    p.setObject(QVariantList{1, 2}, "list");
-    EXPECT_TRUE(p.boolForKey("s1"));
-    EXPECT_FALSE(p.boolForKey("s3"));
-    EXPECT_TRUE(p.boolForKey("d"));
-    EXPECT_DOUBLE_EQ(p.floatForKey("s2"), 12.5);
-    EXPECT_EQ(p.integerForKey("s2"), 12);
-    EXPECT_EQ(p.integerForKey("d"), 2);
-    EXPECT_EQ(p.floatForKey("b"), 1.0);
-    EXPECT_EQ(p.stringForKey("d"), "2.75");
-    EXPECT_TRUE(p.stringForKey("list").isNull());
-    EXPECT_TRUE(p.arrayForKey("s1").isEmpty());
-    EXPECT_EQ(p.arrayForKey("list").size(), 2);
 }
 
 TEST_F(PrefsStore, EveryValueTypeSurvivesASecondInstance) {
@@ -120,18 +129,6 @@ TEST_F(PrefsStore, EveryValueTypeSurvivesASecondInstance) {
     EXPECT_EQ(again.persistentDomain(), all);
     EXPECT_EQ(again.objectForKey("i").typeId(), QMetaType::LongLong);
     EXPECT_EQ(again.objectForKey("date").toDateTime(), when);
-}
-
-TEST_F(PrefsStore, ValuesThatAreNotPropertyListsAreRefusedWithALogLine) {
-    Preferences p(path());
-    test::LogCapture log;
-    p.setObject(QVariant::fromValue(QSize(2, 3)), "prefSize");
-    EXPECT_FALSE(p.objectForKey("prefSize").isValid());
-    EXPECT_EQ(log.matching("Preferences: value for key prefSize not stored").size(), 1);
-    // An invalid value removes.
-    p.setObject(5, "prefN");
-    p.setObject(QVariant(), "prefN");
-    EXPECT_FALSE(p.objectForKey("prefN").isValid());
 }
 
 TEST_F(PrefsStore, WritesReachTheDiskWithoutAnExplicitSynchronize) {
@@ -282,15 +279,60 @@ TEST_F(PrefsStore, ChangeSignalArrivesOnTheMainThreadAndDrivesBindings) {
     EXPECT_EQ(Preferences::keyForBindingPath("prefX"), "prefX");
 }
 
-TEST_F(PrefsStore, StandardStoreLivesUnderTheConfigFolder) {
-    EXPECT_EQ(Preferences::standardFilePath(),
-              test::testHome() + "/.config/Brix/com.lumetra.BrixCanonCapture.plist");
-    qputenv("XDG_CONFIG_HOME", "relative/ignored");
-    EXPECT_EQ(Preferences::standardFilePath(),
-              test::testHome() + "/.config/Brix/com.lumetra.BrixCanonCapture.plist");
-    qputenv("XDG_CONFIG_HOME", (test::testHome() + "/elsewhere").toUtf8());
-    EXPECT_EQ(Preferences::standardFilePath(),
-              test::testHome() + "/elsewhere/Brix/com.lumetra.BrixCanonCapture.plist");
+QString storePath() {
+    return test::testHome() + "/.config/Brix/factory-test.plist";
+}
+
+TEST(PrefsFactory, ResourceFileRegistersALayerWithAUsableMiniSizeList) {
+    // Set when this test runs from an installed tree (tests/install).
+    const QString expected = qEnvironmentVariable("BRIX_EXPECT_RESOURCES_DIR");
+    if (!expected.isEmpty()) {
+        EXPECT_EQ(Paths::resourcesFolder().toStdString(), expected.toStdString());
+    }
+    Preferences p(storePath());
+    ASSERT_TRUE(p.registerFactoryDefaults());
+
+    // The values themselves are the resource file's business (the stations in
+    // the end-to-end tests run on them); keys whose absence means something stay absent.
+    EXPECT_FALSE(p.objectForKey(pref::kTempCanonSettings).isValid());
+    EXPECT_FALSE(p.objectForKey(pref::kNameOfCameraFound).isValid());
+
+    const QVariantList sizes = p.arrayForKey(pref::kMiniSizesInfoArray);
+    ASSERT_GE(sizes.size(), 3);
+    const QVariantMap icon = sizes[2].toMap();
+    EXPECT_EQ(icon.value("somevalue").toString(), "pref3");
+    EXPECT_TRUE(icon.value("iconmode").toBool());
+    int defaults = 0;
+    QStringList values;
+    for (const QVariant &entry : sizes) {
+        const QVariantMap m = entry.toMap();
+        ASSERT_FALSE(m.value("somevalue").toString().isEmpty());
+        ASSERT_GT(m.value("width").toDouble(), 0.0);
+        values << m.value("somevalue").toString();
+        defaults += m.value("displayname").toString().contains("Default") ? 1 : 0;
+    }
+    EXPECT_EQ(defaults, 1);
+    EXPECT_TRUE(values.contains(p.stringForKey(pref::kSelectedMiniPanelSizeValue)));
+
+    // Defaults are a layer, not user values: the file stays empty.
+    EXPECT_TRUE(p.persistentDomain().isEmpty());
+    EXPECT_FALSE(QFile::exists(storePath()));
+}
+
+TEST(PrefsFactory, MissingOrUnreadableResourceRegistersNothingSilently) {
+    Preferences p(storePath());
+    test::LogCapture log;
+    EXPECT_FALSE(p.registerDefaultsFromFile(test::testHome() + "/no-such.plist"));
+    QFile bad(test::testHome() + "/bad.plist");
+    ASSERT_TRUE(bad.open(QIODevice::WriteOnly));
+    bad.write("<plist><array><integer>1</integer></array></plist>");
+    bad.close();
+    EXPECT_FALSE(p.registerDefaultsFromFile(bad.fileName()));
+    qputenv("BRIX_RESOURCES_DIR", (test::testHome() + "/empty").toUtf8());
+    EXPECT_FALSE(p.registerFactoryDefaults());
+    qunsetenv("BRIX_RESOURCES_DIR");
+    EXPECT_TRUE(p.registeredDefaults().isEmpty());
+    EXPECT_TRUE(log.messages().isEmpty());
 }
 
 } // namespace

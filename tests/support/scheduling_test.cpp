@@ -194,41 +194,6 @@ TEST(Scheduling, AfterDelayZeroIsNeverInlineAndSyncOnItsOwnQueueIs) {
     EXPECT_TRUE(ran);
 }
 
-TEST(Scheduling, MainQueueIdentityAndLabels) {
-    EXPECT_TRUE(Scheduling::isMainQueue());
-    EXPECT_STREQ(dispatch::currentQueueLabel(), "com.apple.main-thread");
-
-    auto queue = Scheduling::dispatchQueueSerialWithDebugLabel("test.labels");
-    bool onMain = true;
-    std::string label;
-    queue->sync([&] {
-        onMain = Scheduling::isMainQueue();
-        label = dispatch::currentQueueLabel();
-    });
-    EXPECT_FALSE(onMain);
-    EXPECT_EQ(label, "test.labels");
-
-    std::atomic<bool> done{false};
-    std::string detachedLabel;
-    dispatch::detachThread("test.detached", [&] {
-        detachedLabel = dispatch::currentQueueLabel();
-        done = true;
-    });
-    ASSERT_TRUE(test::processEventsUntil([&] { return done.load(); }));
-    EXPECT_EQ(detachedLabel, "com.apple.root.default-qos");
-
-    // A sync hop onto the main queue from another thread runs there, and
-    // performSyncOnMainQueue from the main thread runs inline.
-    std::atomic<bool> hopDone{false};
-    bool hopWasMain = false;
-    dispatch::detachThread("test.hop", [&] {
-        Scheduling::performSyncOnMainQueue([&] { hopWasMain = Scheduling::isMainQueue(); });
-        hopDone = true;
-    });
-    ASSERT_TRUE(test::processEventsUntil([&] { return hopDone.load(); }));
-    EXPECT_TRUE(hopWasMain);
-}
-
 TEST(Scheduling, ConcurrentQueueBarrierRunsAlone) {
     auto queue = Scheduling::dispatchQueueConcurrentWithDebugLabel("test.concurrent");
     std::atomic<int> inFlight{0};

@@ -43,15 +43,14 @@ protected:
 
 } // namespace
 
-TEST_F(ViewControllerTest, FirstStartCreatesTheDefaultFolderUnderHomeAndStoresItExpanded) {
+TEST_F(ViewControllerTest, TheSaveFolderIsCreatedUnderHomeOrWhereStoredAndStoredExpanded) {
     EXPECT_TRUE(vc.createSavePhotosFolder());
     finish();
     const QString expected = test::testHome() + "/Users/Shared/CanonFolder";
     EXPECT_TRUE(QFileInfo(expected).isDir());
     EXPECT_EQ(vc.getPathToSavePhotos(), expected);
-}
 
-TEST_F(ViewControllerTest, StoredFolderIsTrimmedExpandedCreatedAndStoredBack) {
+    // A stored folder is trimmed, expanded, created and stored back.
     Preferences::standard().setObject(QString("  ~/Event//Shots/./day1/..\n"),
                                       ViewController::kPrefSaveFolderPath);
     vc.createSavePhotosFolder();
@@ -129,17 +128,7 @@ TEST_F(ViewControllerTest, ANameTakenOnDiskIsSkippedAndNoTemporaryFileIsLeft) {
               (QStringList{"20250601100000007.jpg", "20250601100000008.jpg"}));
 }
 
-TEST_F(ViewControllerTest, ProgressShowsThenClears) {
-    vc.downloadProgress(Notification{
-        kOKVA_CanonCameraDownloadProgress, {}, {{kOKVA_CanonCameraDownloadProgressPercent, 42u}}, {}});
-    ASSERT_TRUE(test::processEventsUntil([&] { return vc.progressVisible(); }));
-    EXPECT_EQ(vc.progressValue(), 42.0);
-    vc.clearProgressIndicator();
-    ASSERT_TRUE(test::processEventsUntil([&] { return !vc.progressVisible(); }));
-    EXPECT_EQ(vc.progressValue(), 0.0);
-}
-
-TEST_F(ViewControllerTest, StatusTextFollowsStatusMessagesAndIgnoresFileAnnouncements) {
+TEST_F(ViewControllerTest, StatusTextFollowsStatusMessagesAndProgressShowsThenClears) {
     const QString key = ViewController::kPrefNameOfCameraFound;
     vc.cameraStatusChanged({"brixXNotification", "", {{"camerName", "Canon EOS R5"}, {"cameraStatus", 1u}}});
     ASSERT_TRUE(test::processEventsUntil([&] { return vc.fCameraOnline(); }));
@@ -156,6 +145,15 @@ TEST_F(ViewControllerTest, StatusTextFollowsStatusMessagesAndIgnoresFileAnnounce
     vc.cameraDisappeared(Notification{kOKVA_CanonCameraDidUnload, {}, {}, {}});
     ASSERT_TRUE(test::processEventsUntil(
         [&] { return Preferences::standard().stringForKey(key) == "< NO Canon Camera Found >"; }));
+
+    // Download progress shows, then clears.
+    vc.downloadProgress(Notification{
+        kOKVA_CanonCameraDownloadProgress, {}, {{kOKVA_CanonCameraDownloadProgressPercent, 42u}}, {}});
+    ASSERT_TRUE(test::processEventsUntil([&] { return vc.progressVisible(); }));
+    EXPECT_EQ(vc.progressValue(), 42.0);
+    vc.clearProgressIndicator();
+    ASSERT_TRUE(test::processEventsUntil([&] { return !vc.progressVisible(); }));
+    EXPECT_EQ(vc.progressValue(), 0.0);
 }
 
 // The start-up sequence opens the camera a little after launch; a station told
