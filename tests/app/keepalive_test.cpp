@@ -113,10 +113,7 @@ protected:
     static bool finished(QProcess &p) {
         return p.state() == QProcess::NotRunning || p.waitForFinished(30000);
     }
-    QString log() const {
-        QFile f(test::StationProcess::logPath());
-        return f.open(QIODevice::ReadOnly) ? QString::fromUtf8(f.readAll()) : QString();
-    }
+    QString log() const { return QString::fromUtf8(test::readFile(test::StationProcess::logPath())); }
     bool waitForLog(const QString &text) {
         return test::processEventsUntil([&] { return log().contains(text); }, kUp);
     }
@@ -259,10 +256,8 @@ TEST_F(KeepAlive, HungStationIsKilledAndRelaunched) {
 TEST_F(KeepAlive, WithoutABusTheLockFileServesAndAStaleOneNeverBlocks) {
     env_.insert("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + home_ + "/no-bus");
     env_.insert("BRIX_CAMERA_BACKEND", "none-here"); // no camera is needed for this
-    QFile stale(home_ + "/run/com.lumetra.BrixCanonCapture.lock");
-    ASSERT_TRUE(stale.open(QIODevice::WriteOnly));
-    stale.write("99999999\n");
-    stale.close();
+    const QString lock = home_ + "/run/com.lumetra.BrixCanonCapture.lock";
+    ASSERT_TRUE(test::writeFile(lock, "99999999\n"));
     startFirst();
     ASSERT_TRUE(waitForLog("myappinfo = ")) << log().toStdString();
 
@@ -273,8 +268,7 @@ TEST_F(KeepAlive, WithoutABusTheLockFileServesAndAStaleOneNeverBlocks) {
     EXPECT_EQ(second.exitCode(), 0);
     EXPECT_TRUE(log().contains("Another Instance of this app is already running"));
     EXPECT_EQ(first_.state(), QProcess::Running);
-    EXPECT_EQ(stale.open(QIODevice::ReadOnly) ? stale.readAll().trimmed().toLongLong() : 0,
-              first_.processId());
+    EXPECT_EQ(test::readFile(lock).trimmed().toLongLong(), first_.processId());
 }
 
 // Without the watchdog beside it the station says so once and runs

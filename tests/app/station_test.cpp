@@ -88,10 +88,8 @@ TEST(HotFolder, ListsJpegsDirectlyInTheFolderAndSendsThemInOneMessage) {
     const QString folder = test::testHome() + "/Shots";
     QDir().mkpath(folder + "/sub");
     QDir().mkpath(folder + "/folder.jpg");
-    for (const char *name : {"a.jpg", "b.jpg", "C.JPG", "notes.txt", "sub/deep.jpg", "x.jpg.bak"}) {
-        QFile f(folder + "/" + name);
-        ASSERT_TRUE(f.open(QIODevice::WriteOnly));
-    }
+    for (const char *name : {"a.jpg", "b.jpg", "C.JPG", "notes.txt", "sub/deep.jpg", "x.jpg.bak"})
+        ASSERT_TRUE(test::writeFile(folder + "/" + name, {}));
     QStringList listed = hotfolder::splitCommandOutput(hotfolder::listJpegsAtDepthOne(folder));
     listed.sort();
     EXPECT_EQ(listed, (QStringList{folder + "/a.jpg", folder + "/b.jpg", folder + "/folder.jpg"}));

@@ -69,12 +69,7 @@ public:
         return qEnvironmentVariable("XDG_STATE_HOME") + "/Logs/Brix/BrixCanonCapture.log";
     }
     // What the station logged since it started.
-    QString log() const {
-        QFile f(logPath());
-        if (!f.open(QIODevice::ReadOnly) || !f.seek(offset_))
-            return {};
-        return QString::fromUtf8(f.readAll());
-    }
+    QString log() const { return QString::fromUtf8(readFile(logPath()).mid(offset_)); }
     bool waitForLog(const QString &text, std::chrono::milliseconds timeout = std::chrono::seconds(30)) {
         return processEventsUntil([&] { return log().contains(text) || !running(); }, timeout) &&
                log().contains(text);

@@ -2,6 +2,7 @@
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
+#include <QFile>
 
 #include <fcntl.h>
 #include <signal.h>
@@ -22,9 +23,23 @@ bool processEventsUntil(const std::function<bool()> &done, std::chrono::millisec
     return true;
 }
 
-void drain(const dispatch::QueuePtr &queue) { queue->sync([] {}); }
+void drain(const dispatch::QueuePtr &queue) {
+    queue->sync([] {});
+}
 
-QString testHome() { return qEnvironmentVariable("HOME"); }
+QString testHome() {
+    return qEnvironmentVariable("HOME");
+}
+
+QByteArray readFile(const QString &path) {
+    QFile f(path);
+    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+}
+
+bool writeFile(const QString &path, const QByteArray &bytes) {
+    QFile f(path);
+    return f.open(QIODevice::WriteOnly | QIODevice::Truncate) && f.write(bytes) == bytes.size();
+}
 
 PrivateBus::~PrivateBus() {
     if (pid_ > 0) {

@@ -3,8 +3,9 @@
 
 #include "Dispatch.h"
 
-#include <sys/types.h>
+#include <QByteArray>
 #include <QString>
+#include <sys/types.h>
 
 #include <chrono>
 #include <functional>
@@ -13,13 +14,19 @@ namespace brix::test {
 
 // Runs the main thread's event loop until `done` answers true or the timeout
 // passes. Returns the last answer of `done`.
-bool processEventsUntil(const std::function<bool()> &done, std::chrono::milliseconds timeout = std::chrono::seconds(10));
+bool processEventsUntil(const std::function<bool()> &done,
+                        std::chrono::milliseconds timeout = std::chrono::seconds(10));
 
 // Waits until every task submitted to `queue` so far has run.
 void drain(const dispatch::QueuePtr &queue);
 
 // The temporary HOME of the running test.
 QString testHome();
+
+// The file's bytes, or none when it cannot be read.
+QByteArray readFile(const QString &path);
+// Replaces the file's contents; false when not all of them were written.
+bool writeFile(const QString &path, const QByteArray &bytes);
 
 // A private session bus (dbus-daemon) that lives as long as this object.
 // start() points DBUS_SESSION_BUS_ADDRESS at it, for this process and its children.

@@ -92,10 +92,7 @@ TEST(EdsdkLoader, LibraryLackingAFunctionOrNoLibraryAtAllIsRefused) {
 
     // A file that is no library at all is refused too.
     const QString path = dir.filePath("not-elf.so");
-    QFile f(path);
-    ASSERT_TRUE(f.open(QIODevice::WriteOnly));
-    f.write("this is not an ELF object");
-    f.close();
+    ASSERT_TRUE(test::writeFile(path, "this is not an ELF object"));
     EXPECT_EQ(EdsdkLibrary::openFile(path.toStdString(), &why), nullptr);
     EXPECT_NE(log.text().toStdString().find("EDSDK could not be loaded from " + path.toStdString()),
               std::string::npos)

@@ -403,10 +403,7 @@ TEST_F(EmulatedBody, CallsFromManyThreadsAndAnEndOnTheMainThread) {
 TEST_F(EmulatedBody, AClaimedBodyIsFreedFromTheDesktopOnlyWithLeave) {
     const QString proc = test::testHome() + "/proc/4242";
     QDir().mkpath(proc + "/fd");
-    QFile comm(proc + "/comm");
-    ASSERT_TRUE(comm.open(QIODevice::WriteOnly));
-    comm.write("gvfsd-gphoto2\n");
-    comm.close();
+    ASSERT_TRUE(test::writeFile(proc + "/comm", "gvfsd-gphoto2\n"));
     ASSERT_TRUE(QFile::link(usbDeviceNode(body().portPath()).value_or(QString()), proc + "/fd/9"));
     const QString mount =
         "gphoto2://" + QUrl::toPercentEncoding("[" + QString::fromStdString(body().portPath()) + "]") + "/";

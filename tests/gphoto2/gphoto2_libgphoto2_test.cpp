@@ -27,9 +27,7 @@ std::string makeShot(const QString &folder, const QString &name, size_t size) {
     std::mt19937 rng(42);
     for (auto &b : bytes)
         b = char(rng());
-    QFile f(folder + "/" + name);
-    EXPECT_TRUE(f.open(QIODevice::WriteOnly));
-    f.write(bytes.data(), qint64(bytes.size()));
+    EXPECT_TRUE(test::writeFile(folder + "/" + name, QByteArray::fromStdString(bytes)));
     return bytes;
 }
 

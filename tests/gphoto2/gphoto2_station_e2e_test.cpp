@@ -71,9 +71,7 @@ TEST_F(StationOnEmulatedBody, GrabImageRawPairAndReplugOnAGermanDesktop) {
     ASSERT_EQ(files.size(), 1) << files.join(",").toStdString();
     EXPECT_TRUE(kShotName.match(files[0]).hasMatch()) << files[0].toStdString();
     EXPECT_TRUE(files[0].endsWith(".jpg"));
-    QFile jpeg(saveFolder_ + "/" + files[0]);
-    ASSERT_TRUE(jpeg.open(QIODevice::ReadOnly));
-    EXPECT_TRUE(jpeg.readAll().startsWith("\xFF\xD8"));
+    EXPECT_TRUE(test::readFile(saveFolder_ + "/" + files[0]).startsWith("\xFF\xD8"));
 
     tell("raw+jpeg 1");
     sibling_.request("grabimage");

@@ -84,11 +84,8 @@ TEST(Gphoto2ClaimedDevice, ReadsTheVendorOfAPortFromSysfs) {
     const QString sys = test::testHome() + "/sys";
     auto device = [&](const QString &name, const char *bus, const char *dev, const char *vendor) {
         QDir().mkpath(sys + "/" + name);
-        for (auto [file, text] : {std::pair{"busnum", bus}, {"devnum", dev}, {"idVendor", vendor}}) {
-            QFile f(sys + "/" + name + "/" + file);
-            ASSERT_TRUE(f.open(QIODevice::WriteOnly));
-            f.write(QByteArray(text) + "\n");
-        }
+        for (auto [file, text] : {std::pair{"busnum", bus}, {"devnum", dev}, {"idVendor", vendor}})
+            ASSERT_TRUE(test::writeFile(sys + "/" + name + "/" + file, QByteArray(text) + "\n"));
     };
     device("1-1", "1", "5", "04a9");
     device("1-2", "1", "7", "04b0");

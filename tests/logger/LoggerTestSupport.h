@@ -2,24 +2,12 @@
 #pragma once
 
 #include "LogCapture.h"
+#include "TestSupport.h"
 
-#include <QByteArray>
-#include <QFile>
 #include <QRegularExpression>
 #include <QString>
 
-
 namespace brix::test {
-
-inline QByteArray readFile(const QString &path) {
-    QFile f(path);
-    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
-}
-
-inline bool writeFile(const QString &path, const QByteArray &bytes) {
-    QFile f(path);
-    return f.open(QIODevice::WriteOnly | QIODevice::Truncate) && f.write(bytes) == bytes.size();
-}
 
 // The regular expression of a log line's head: time, then "[Q <label>] ".
 inline QString lineHeadPattern(const QString &label) {

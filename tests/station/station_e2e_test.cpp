@@ -103,14 +103,12 @@ TEST_F(Station, ShotSavedButNotAnnouncedBeforeADeathIsAnnouncedOnceAtTheNextStar
          {std::pair{marker, QByteArray("20260101120000000.jpg\n")},
           {saveFolder_ + "/20260101115959999.jpg", QByteArray("announced long ago")},
           {saveFolder_ + "/20260101120000001.jpg", QByteArray("saved, never announced\xFF\xD9")},
-          {saveFolder_ + "/.20260101120000002.jpg.part", QByteArray("half")}}) {
-        QFile f(path);
-        ASSERT_TRUE(f.open(QIODevice::WriteOnly));
-        f.write(bytes);
-    }
+          {saveFolder_ + "/.20260101120000002.jpg.part", QByteArray("half")}})
+        ASSERT_TRUE(test::writeFile(path, bytes));
     start();
     ASSERT_TRUE(sibling_.waitForFiles(1, 20s));
-    EXPECT_EQ(sibling_.files()[0].userInfo.value("filePath").toString(), saveFolder_ + "/20260101120000001.jpg");
+    EXPECT_EQ(sibling_.files()[0].userInfo.value("filePath").toString(),
+              saveFolder_ + "/20260101120000001.jpg");
     EXPECT_EQ(shots(), (QStringList{"20260101115959999.jpg", "20260101120000001.jpg"}));
     EXPECT_FALSE(QFileInfo::exists(saveFolder_ + "/.20260101120000002.jpg.part"));
 
@@ -206,18 +204,15 @@ TEST_F(Station, RemembersSettingsPerModelAppliesThemOnEveryConnectionAndMovesThe
                              {"description", "canonsettings"},
                              {model, QVariantMap{{"1031", "+1"}}},
                              {"Model B", QVariantMap{{"1030", "1/250"}}}};
-    QFile prefs(config + "/com.lumetra.BrixCanonCapture.plist");
-    ASSERT_TRUE(prefs.open(QIODevice::WriteOnly));
-    prefs.write(
-        PropertyList::dataFromPropertyList(QVariantMap{{"prefCanonSettings", stored}}, PlistFormat::Xml));
-    prefs.close();
+    ASSERT_TRUE(test::writeFile(
+        config + "/com.lumetra.BrixCanonCapture.plist",
+        PropertyList::dataFromPropertyList(QVariantMap{{"prefCanonSettings", stored}}, PlistFormat::Xml)));
     // The file from another station: no version keys, 1/125 and an ISO no body offers.
     const QString in = test::testHome() + "/in.plist";
-    QFile file(in);
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-    file.write(PropertyList::dataFromPropertyList(
-        QVariantMap{{model, QVariantMap{{"1030", "1/125"}, {"1026", "ISO 7"}}}}, PlistFormat::Binary));
-    file.close();
+    ASSERT_TRUE(
+        test::writeFile(in, PropertyList::dataFromPropertyList(
+                                QVariantMap{{model, QVariantMap{{"1030", "1/125"}, {"1026", "ISO 7"}}}},
+                                PlistFormat::Binary)));
 
     start({"--import-settings", in, "--merge"});
     auto sim = simulator();
@@ -258,9 +253,7 @@ TEST_F(Station, RemembersSettingsPerModelAppliesThemOnEveryConnectionAndMovesThe
     ASSERT_TRUE(exporter.waitForFinished(30000));
     EXPECT_EQ(exporter.exitCode(), 0) << log().right(2000).toStdString();
     EXPECT_TRUE(QFileInfo::exists(test::testHome() + "/a.xml.plist"));
-    QFile xml(test::testHome() + "/a.xml");
-    ASSERT_TRUE(xml.open(QIODevice::ReadOnly));
-    const QByteArray bytes = xml.readAll();
+    const QByteArray bytes = test::readFile(test::testHome() + "/a.xml");
     EXPECT_TRUE(bytes.startsWith("<?xml"));
     const QVariantMap exported = PropertyList::propertyListFromData(bytes, Mutability::Immutable).toMap();
     // Merge kept the other model and replaced this one whole.

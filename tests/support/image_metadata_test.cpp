@@ -17,22 +17,13 @@ namespace {
 
 // A small simulator shot carrying EXIF, IPTC and XMP (dc:title) written by exiv2.
 QByteArray fixture() {
-    QFile f(QStringLiteral(BRIX_TEST_SOURCE_DIR "/fixtures/shot.jpg"));
-    EXPECT_TRUE(f.open(QIODevice::ReadOnly));
-    return f.readAll();
+    return test::readFile(QStringLiteral(BRIX_TEST_SOURCE_DIR "/fixtures/shot.jpg"));
 }
 
 QString place(const QString &name, const QByteArray &bytes) {
     const QString path = test::testHome() + '/' + name;
-    QFile f(path);
-    EXPECT_TRUE(f.open(QIODevice::WriteOnly));
-    f.write(bytes);
+    EXPECT_TRUE(test::writeFile(path, bytes));
     return path;
-}
-
-QByteArray contents(const QString &path) {
-    QFile f(path);
-    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
 }
 
 // What the exiv2 tool sees in the file, one "key type count value" line each.
@@ -86,7 +77,7 @@ TEST(ImageMetadata, TagRewriteKeepsEverythingElse) {
     EXPECT_TRUE(
         seen.contains(QRegularExpression("Xmp.dc.title +LangAlt +1 +lang=\"x-default\" Opening night")));
     EXPECT_TRUE(seen.contains(QRegularExpression("Iptc.Application2.Caption +String +\\d+ +Stage left")));
-    EXPECT_EQ(scanData(contents(path)), scanData(original));
+    EXPECT_EQ(scanData(test::readFile(path)), scanData(original));
 
     const auto props = ImageFile::imageProperties(url);
     ASSERT_TRUE(props);
@@ -95,10 +86,10 @@ TEST(ImageMetadata, TagRewriteKeepsEverythingElse) {
 
     // Saved elsewhere under a name without an image extension: ".jpg" is added
     // and the source stays as it was.
-    const QByteArray tagged = contents(path);
+    const QByteArray tagged = test::readFile(path);
     ASSERT_TRUE(ImageFile::changeImageProperties(url, {{"{Exif}", QVariantMap{{"Exif.Image.Artist", "Ana"}}}},
                                                  QUrl::fromLocalFile(test::testHome() + "/copy")));
-    EXPECT_EQ(contents(path), tagged);
+    EXPECT_EQ(test::readFile(path), tagged);
     EXPECT_TRUE(exiv2Print(test::testHome() + "/copy.jpg").contains("Exif.Image.Artist"));
 }
 
@@ -126,6 +117,6 @@ TEST(ImageMetadata, LyingFilesAreLeftAlone) {
         const QStringList lines = log.messages();
         ASSERT_EQ(lines.size(), 1) << lines.join('\n').toStdString();
         EXPECT_TRUE(lines.first().contains(c.line)) << lines.first().toStdString();
-        EXPECT_EQ(contents(path), c.bytes);
+        EXPECT_EQ(test::readFile(path), c.bytes);
     }
 }

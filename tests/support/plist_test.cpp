@@ -2,6 +2,7 @@
 // base64 and JSON conversions, and hostile documents that must be refused.
 #include "LogCapture.h"
 #include "PropertyList.h"
+#include "TestSupport.h"
 
 #include <QDateTime>
 #include <QFile>
@@ -20,8 +21,7 @@ namespace {
 
 // A binary list written by another producer.
 QByteArray fixture() {
-    QFile f(QStringLiteral(BRIX_TEST_SOURCE_DIR "/fixtures/other_producer.bplist"));
-    return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
+    return test::readFile(QStringLiteral(BRIX_TEST_SOURCE_DIR "/fixtures/other_producer.bplist"));
 }
 
 QDateTime utc(qint64 msecs) {

@@ -84,9 +84,8 @@ TEST(PrefsConcurrency, ReadersWritersAndSavesFromManyThreadsAgree) {
     }
 
     // The file holds exactly the final state.
-    QFile f(storePath());
-    ASSERT_TRUE(f.open(QIODevice::ReadOnly));
-    const QVariantMap onDisk = PropertyList::propertyListFromData(f.readAll(), Mutability::Immutable).toMap();
+    const QVariantMap onDisk =
+        PropertyList::propertyListFromData(test::readFile(storePath()), Mutability::Immutable).toMap();
     EXPECT_EQ(onDisk.size(), kWriters * (kKeys - kKeys / 3) + 1);
     for (int w = 0; w < kWriters; ++w)
         for (int k = 0; k < kKeys; ++k)

@@ -25,22 +25,17 @@ namespace {
 class PrefsStore : public ::testing::Test {
 protected:
     QString path() const { return test::testHome() + "/conf/Brix/store.plist"; }
-    QByteArray fileBytes() const {
-        QFile f(path());
-        return f.open(QIODevice::ReadOnly) ? f.readAll() : QByteArray();
-    }
+    QByteArray fileBytes() const { return test::readFile(path()); }
     QVariantMap fileContents() const {
         return PropertyList::propertyListFromData(fileBytes(), Mutability::Immutable).toMap();
     }
     void writeFile(const QByteArray &bytes) const {
         // Replaced whole, so that a save running meanwhile sees old or new, never empty.
         QDir().mkpath(QFileInfo(path()).absolutePath());
-        QFile f(path() + ".incoming");
-        ASSERT_TRUE(f.open(QIODevice::WriteOnly | QIODevice::Truncate));
-        f.write(bytes);
-        f.close();
-        ASSERT_EQ(
-            ::rename(QFile::encodeName(f.fileName()).constData(), QFile::encodeName(path()).constData()), 0);
+        ASSERT_TRUE(test::writeFile(path() + ".incoming", bytes));
+        ASSERT_EQ(::rename(QFile::encodeName(path() + ".incoming").constData(),
+                           QFile::encodeName(path()).constData()),
+                  0);
     }
     QStringList asideFiles() const {
         return QDir(QFileInfo(path()).absolutePath()).entryList({"store.plist.corrupt-*"}, QDir::Files);
@@ -152,9 +147,7 @@ TEST_F(PrefsStore, CorruptFilesAreMovedAsideLoggedAndTheStoreStartsFromDefaults)
     const QStringList aside = asideFiles();
     ASSERT_EQ(aside.size(), 1);
     EXPECT_TRUE(QRegularExpression("^store\\.plist\\.corrupt-\\d{8}-\\d{6}$").match(aside[0]).hasMatch());
-    QFile kept(QFileInfo(path()).absolutePath() + "/" + aside[0]);
-    ASSERT_TRUE(kept.open(QIODevice::ReadOnly));
-    EXPECT_EQ(kept.readAll(), garbage);
+    EXPECT_EQ(test::readFile(QFileInfo(path()).absolutePath() + "/" + aside[0]), garbage);
     const QStringList lines = log.matching("Preferences: cannot read " + path());
     ASSERT_EQ(lines.size(), 1);
     EXPECT_TRUE(lines[0].contains(aside[0]));
@@ -323,11 +316,9 @@ TEST(PrefsFactory, MissingOrUnreadableResourceRegistersNothingSilently) {
     Preferences p(storePath());
     test::LogCapture log;
     EXPECT_FALSE(p.registerDefaultsFromFile(test::testHome() + "/no-such.plist"));
-    QFile bad(test::testHome() + "/bad.plist");
-    ASSERT_TRUE(bad.open(QIODevice::WriteOnly));
-    bad.write("<plist><array><integer>1</integer></array></plist>");
-    bad.close();
-    EXPECT_FALSE(p.registerDefaultsFromFile(bad.fileName()));
+    const QString bad = test::testHome() + "/bad.plist";
+    ASSERT_TRUE(test::writeFile(bad, "<plist><array><integer>1</integer></array></plist>"));
+    EXPECT_FALSE(p.registerDefaultsFromFile(bad));
     qputenv("BRIX_RESOURCES_DIR", (test::testHome() + "/empty").toUtf8());
     EXPECT_FALSE(p.registerFactoryDefaults());
     qunsetenv("BRIX_RESOURCES_DIR");

@@ -68,9 +68,7 @@ TEST_F(ViewControllerTest, ShotIsNamedByWeekYearTimestampWithLowerCaseExtension)
     finish();
     ASSERT_EQ(saved.size(), 1);
     EXPECT_EQ(QFileInfo(saved[0]).fileName(), "20251231235959123.jpg");
-    QFile f(saved[0]);
-    ASSERT_TRUE(f.open(QIODevice::ReadOnly));
-    EXPECT_EQ(f.readAll(), jpegLike());
+    EXPECT_EQ(test::readFile(saved[0]), jpegLike());
     EXPECT_EQ(vc.fDownloadCount(), 1);
     EXPECT_EQ(vc.fSavedCount(), 1);
 }
@@ -99,9 +97,7 @@ TEST_F(ViewControllerTest, TwoShotsInOneMillisecondTakeTheNextFreeMillisecond) {
     ASSERT_EQ(saved.size(), 2);
     EXPECT_EQ(QFileInfo(saved[0]).fileName(), "20250601100000005.jpg");
     EXPECT_EQ(QFileInfo(saved[1]).fileName(), "20250601100000007.jpg");
-    QFile f(saved[1]);
-    ASSERT_TRUE(f.open(QIODevice::ReadOnly));
-    EXPECT_EQ(f.readAll(), QByteArray("second\xFF\xD9"));
+    EXPECT_EQ(test::readFile(saved[1]), QByteArray("second\xFF\xD9"));
     EXPECT_EQ(vc.fSavedCount(), 2);
 }
 
