@@ -24,11 +24,9 @@ TEST(CommandLine, KeepsUnknownArgumentsChecksTheBackendAndPrintsHelp) {
     EXPECT_FALSE(CommandLine::parse({"prog", "--camera-backend=nikon"}).errors.isEmpty());
 
     // The real executable prints its help.
-    QProcess p;
-    p.start(BRIX_EXECUTABLE, {"--help"});
-    ASSERT_TRUE(p.waitForFinished(20000));
-    EXPECT_EQ(p.exitCode(), 0);
-    EXPECT_TRUE(p.readAllStandardOutput().contains("--headless"));
+    const test::Run help = test::run(BRIX_EXECUTABLE, {"--help"});
+    EXPECT_EQ(help.code, 0);
+    EXPECT_TRUE(help.out.contains("--headless"));
 }
 
 // The station writes its whole error stream into the rotating log under the

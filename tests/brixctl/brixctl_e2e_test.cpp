@@ -20,22 +20,10 @@ namespace {
 
 const QRegularExpression kShotPath(QStringLiteral("^/.+/\\d{17}\\.jpg$"));
 
-struct Result {
-    int code = -1;
-    QString out;
-    QString err;
-};
+using Result = test::Run;
 
 Result brixctl(const QStringList &arguments) {
-    QProcess p;
-    p.start(BRIXCTL_EXECUTABLE, arguments);
-    Result r;
-    if (!p.waitForFinished(60000))
-        return r;
-    r.code = p.exitStatus() == QProcess::NormalExit ? p.exitCode() : -1;
-    r.out = QString::fromLocal8Bit(p.readAllStandardOutput());
-    r.err = QString::fromLocal8Bit(p.readAllStandardError());
-    return r;
+    return test::run(BRIXCTL_EXECUTABLE, arguments);
 }
 
 class Brixctl : public ::testing::Test {

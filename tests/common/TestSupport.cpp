@@ -3,6 +3,7 @@
 #include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QFile>
+#include <QProcess>
 
 #include <fcntl.h>
 #include <signal.h>
@@ -39,6 +40,15 @@ QByteArray readFile(const QString &path) {
 bool writeFile(const QString &path, const QByteArray &bytes) {
     QFile f(path);
     return f.open(QIODevice::WriteOnly | QIODevice::Truncate) && f.write(bytes) == bytes.size();
+}
+
+Run run(const QString &program, const QStringList &arguments, std::chrono::milliseconds timeout) {
+    QProcess p;
+    p.start(program, arguments);
+    if (!p.waitForFinished(int(timeout.count())))
+        return {};
+    return {p.exitStatus() == QProcess::NormalExit ? p.exitCode() : -1,
+            QString::fromUtf8(p.readAllStandardOutput()), QString::fromUtf8(p.readAllStandardError())};
 }
 
 PrivateBus::~PrivateBus() {

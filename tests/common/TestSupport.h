@@ -5,6 +5,7 @@
 
 #include <QByteArray>
 #include <QString>
+#include <QStringList>
 #include <sys/types.h>
 
 #include <chrono>
@@ -27,6 +28,16 @@ QString testHome();
 QByteArray readFile(const QString &path);
 // Replaces the file's contents; false when not all of them were written.
 bool writeFile(const QString &path, const QByteArray &bytes);
+
+// A program run to its end: the exit code (-1 unless it exited normally in
+// time) and what it printed.
+struct Run {
+    int code = -1;
+    QString out;
+    QString err;
+};
+Run run(const QString &program, const QStringList &arguments,
+        std::chrono::milliseconds timeout = std::chrono::seconds(60));
 
 // A private session bus (dbus-daemon) that lives as long as this object.
 // start() points DBUS_SESSION_BUS_ADDRESS at it, for this process and its children.

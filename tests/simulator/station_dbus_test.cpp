@@ -11,23 +11,15 @@ using namespace brix;
 
 namespace {
 
-struct Reply {
-    int exitCode = -1;
-    QString out;
-    QString err;
-};
-
-Reply gdbus(const QString &method, const QStringList &args = {}) {
-    QProcess p;
-    p.start(QStringLiteral("gdbus"),
-            QStringList{"call", "--session", "--dest", eds::kSimulatorBusName, "--object-path",
-                        eds::kSimulatorObjectPath, "--method",
-                        QString::fromLatin1(eds::kSimulatorInterface) + "." + method} +
-                args);
-    if (!p.waitForFinished(20000))
-        return {};
-    return {p.exitCode(), QString::fromUtf8(p.readAllStandardOutput()).trimmed(),
-            QString::fromUtf8(p.readAllStandardError()).trimmed()};
+test::Run gdbus(const QString &method, const QStringList &args = {}) {
+    test::Run r = test::run("gdbus",
+                            QStringList{"call", "--session", "--dest", eds::kSimulatorBusName,
+                                        "--object-path", eds::kSimulatorObjectPath, "--method",
+                                        QString::fromLatin1(eds::kSimulatorInterface) + "." + method} +
+                                args,
+                            std::chrono::seconds(20));
+    r.out = r.out.trimmed();
+    return r;
 }
 
 } // namespace
@@ -37,43 +29,43 @@ TEST(StationOnTheSimulator, GdbusPlugsUnplugsAndFiresTheShutter) {
     ASSERT_TRUE(station.start({"--headless", "--camera-backend=simulator"}, QProcess::SeparateChannels));
     ASSERT_TRUE(station.waitForLog("simulator control on the session bus")) << station.log().toStdString();
     ASSERT_TRUE(
-        test::processEventsUntil([] { return gdbus("ShotCount").exitCode == 0; }, std::chrono::seconds(20)));
+        test::processEventsUntil([] { return gdbus("ShotCount").code == 0; }, std::chrono::seconds(20)));
 
     EXPECT_EQ(gdbus("ShotCount").out, "(uint32 0,)");
-    EXPECT_EQ(gdbus("PressShutter").exitCode, 0);
+    EXPECT_EQ(gdbus("PressShutter").code, 0);
     EXPECT_EQ(gdbus("ShotCount").out, "(uint32 1,)");
 
     EXPECT_EQ(gdbus("GetProperty", {"0x2"}).out, "(<'Canon EOS 5D Mark IV'>,)");
     EXPECT_EQ(gdbus("GetProperty", {"0x400"}).out, "(<uint32 3>,)");
-    EXPECT_EQ(gdbus("SetProperty", {"0x400", "2"}).exitCode, 0);
+    EXPECT_EQ(gdbus("SetProperty", {"0x400", "2"}).code, 0);
     EXPECT_EQ(gdbus("GetProperty", {"0x400"}).out, "(<uint32 2>,)");
-    const Reply bad = gdbus("SetProperty", {"0x2", "1"}); // a string property
-    EXPECT_NE(bad.exitCode, 0);
+    const test::Run bad = gdbus("SetProperty", {"0x2", "1"}); // a string property
+    EXPECT_NE(bad.code, 0);
     EXPECT_TRUE(bad.err.contains("invalid parameter")) << bad.err.toStdString();
-    EXPECT_EQ(gdbus("SetSupportedValues", {"0x402", "[0x48, 0x50]"}).exitCode, 0);
-    EXPECT_EQ(gdbus("InjectError", {"TakePicture", "0x8D01", "1"}).exitCode, 0);
-    EXPECT_NE(gdbus("InjectError", {"Teleport", "1", "1"}).exitCode, 0);
-    EXPECT_EQ(gdbus("SetShotFormat", {"CR2", "1000000"}).exitCode, 0);
+    EXPECT_EQ(gdbus("SetSupportedValues", {"0x402", "[0x48, 0x50]"}).code, 0);
+    EXPECT_EQ(gdbus("InjectError", {"TakePicture", "0x8D01", "1"}).code, 0);
+    EXPECT_NE(gdbus("InjectError", {"Teleport", "1", "1"}).code, 0);
+    EXPECT_EQ(gdbus("SetShotFormat", {"CR2", "1000000"}).code, 0);
 
     // A second, legacy body comes and goes; then the first one goes too.
-    EXPECT_EQ(gdbus("Plug", {"Canon EOS 40D"}).exitCode, 0);
-    EXPECT_EQ(gdbus("Unplug").exitCode, 0);
+    EXPECT_EQ(gdbus("Plug", {"Canon EOS 40D"}).code, 0);
+    EXPECT_EQ(gdbus("Unplug").code, 0);
     EXPECT_EQ(gdbus("GetProperty", {"0x2"}).out, "(<'Canon EOS 5D Mark IV'>,)");
-    EXPECT_EQ(gdbus("Unplug").exitCode, 0);
-    const Reply none = gdbus("PressShutter");
-    EXPECT_NE(none.exitCode, 0);
+    EXPECT_EQ(gdbus("Unplug").code, 0);
+    const test::Run none = gdbus("PressShutter");
+    EXPECT_NE(none.code, 0);
     EXPECT_TRUE(none.err.contains("no camera")) << none.err.toStdString();
-    EXPECT_NE(gdbus("Unplug").exitCode, 0);
+    EXPECT_NE(gdbus("Unplug").code, 0);
     EXPECT_EQ(gdbus("ShotCount").out, "(uint32 1,)");
 
     // A body with the default model, and the shutter works again.
-    EXPECT_EQ(gdbus("Plug", {"''"}).exitCode, 0);
-    EXPECT_EQ(gdbus("PressShutter").exitCode, 0);
+    EXPECT_EQ(gdbus("Plug", {"''"}).code, 0);
+    EXPECT_EQ(gdbus("PressShutter").code, 0);
     EXPECT_EQ(gdbus("ShotCount").out, "(uint32 2,)");
 
     EXPECT_EQ(station.terminate(), 0) << station.log().toStdString();
     // The name is given up with the station.
-    EXPECT_NE(gdbus("ShotCount").exitCode, 0);
+    EXPECT_NE(gdbus("ShotCount").code, 0);
 }
 
 TEST(StationOnTheSimulator, EnvironmentChoosesTheBodiesAndAMissingBackendIsLogged) {
@@ -83,9 +75,9 @@ TEST(StationOnTheSimulator, EnvironmentChoosesTheBodiesAndAMissingBackendIsLogge
         ASSERT_TRUE(station.start());
         ASSERT_TRUE(station.waitForLog("simulator control on the session bus"))
             << station.log().toStdString();
-        ASSERT_TRUE(test::processEventsUntil([] { return gdbus("ShotCount").exitCode == 0; }));
-        EXPECT_NE(gdbus("PressShutter").exitCode, 0); // nothing attached
-        EXPECT_EQ(gdbus("Plug", {"''"}).exitCode, 0);
+        ASSERT_TRUE(test::processEventsUntil([] { return gdbus("ShotCount").code == 0; }));
+        EXPECT_NE(gdbus("PressShutter").code, 0); // nothing attached
+        EXPECT_EQ(gdbus("Plug", {"''"}).code, 0);
         EXPECT_EQ(gdbus("GetProperty", {"2"}).out, "(<'Canon EOS 6D'>,)");
         EXPECT_EQ(station.terminate(), 0);
     }

@@ -28,10 +28,9 @@ QString place(const QString &name, const QByteArray &bytes) {
 
 // What the exiv2 tool sees in the file, one "key type count value" line each.
 QString exiv2Print(const QString &path) {
-    QProcess p;
-    p.start(QStringLiteral("exiv2"), {QStringLiteral("-pa"), path});
-    EXPECT_TRUE(p.waitForFinished(30000)) << "exiv2 tool missing?";
-    return QString::fromUtf8(p.readAllStandardOutput());
+    const test::Run exiv2 = test::run("exiv2", {"-pa", path});
+    EXPECT_GE(exiv2.code, 0) << "exiv2 tool missing?";
+    return exiv2.out;
 }
 
 // The compressed pixels: everything from the first start-of-scan marker on.
