@@ -207,6 +207,7 @@ private:
     void finish();
     int report();
     bool lostToAFreedDisk(const std::pair<int, QString> &key) const;
+    QString key(int epoch, const QString &name);
 
     const Options o_;
     const QString home_;
@@ -237,6 +238,9 @@ private:
     std::vector<std::pair<qint64, qint64>> outlastedWaits_;
     std::set<std::pair<int, QString>> offered_;
     std::map<int, int> unnamedLost_;
+    // Per epoch: the round of the body's file numbers the log is in, and the
+    // highest number seen in that round.
+    std::map<int, std::pair<int, unsigned>> rounds_;
     std::map<int, unsigned> resolved_; // shots saved or given up, per epoch
     int caughtUp_ = 0, partialRemoved_ = 0;
     int relaunches_ = 0, unexpectedEnds_ = 0, waitedForSpace_ = 0;
@@ -263,17 +267,18 @@ void Soak::takeLine(const QString &line) {
     if (starting.match(line).hasMatch()) {
         ++logEpoch_;
     } else if ((m = saving.match(line)).hasMatch()) {
-        savedAs_[{logEpoch_, m.captured(1)}] = m.captured(2);
+        savedAs_[{logEpoch_, key(logEpoch_, m.captured(1))}] = m.captured(2);
         ++resolved_[logEpoch_];
     } else if ((m = offered.match(line)).hasMatch()) {
-        offered_.insert({logEpoch_, m.captured(1)});
+        offered_.insert({logEpoch_, key(logEpoch_, m.captured(1))});
     } else if ((m = lost.match(line)).hasMatch()) {
         ++resolved_[logEpoch_];
         if (m.captured(1) == QLatin1String("(unnamed)"))
             ++unnamedLost_[logEpoch_];
         else {
-            lostWhy_[{logEpoch_, m.captured(1)}] = m.captured(2);
-            lostAt_[{logEpoch_, m.captured(1)}] = clock_.elapsed();
+            const QString name = key(logEpoch_, m.captured(1));
+            lostWhy_[{logEpoch_, name}] = m.captured(2);
+            lostAt_[{logEpoch_, name}] = clock_.elapsed();
         }
     } else if ((m = ended.match(line)).hasMatch()) {
         ++relaunches_;
@@ -517,6 +522,30 @@ bool Soak::lostToAFreedDisk(const std::pair<int, QString> &key) const {
                         [&](const auto &w) { return at >= w.first && at <= w.second + 2000; });
 }
 
+// The body numbers its files IMG_0001 to IMG_9999 and then starts again, as a
+// Canon body does, so a station that lives through more than 9,999 shots sees
+// each name twice. The second round's names carry "#1", and so on; a line
+// about a last shot of the round before, logged after the new round began,
+// keeps its round.
+QString Soak::key(int epoch, const QString &name) {
+    static const QRegularExpression numbered(QStringLiteral("^IMG_(\\d+)\\."));
+    const QRegularExpressionMatch m = numbered.match(name);
+    if (!m.hasMatch())
+        return name;
+    const unsigned n = m.captured(1).toUInt();
+    auto &[round, top] = rounds_[epoch];
+    int of = round;
+    if (n <= 1000 && top >= 9000) {
+        of = ++round;
+        top = n;
+    } else if (round > 0 && n >= 9000 && top < 5000) {
+        of = round - 1;
+    } else {
+        top = std::max(top, n);
+    }
+    return of == 0 ? name : name + QLatin1Char('#') + QString::number(of);
+}
+
 int Soak::report() {
     // Each fired shot: announced, lost with the station's reason, or lost to a
     // cause the harness made (a kill, an unplug before the body offered it).
@@ -524,7 +553,10 @@ int Soak::report() {
     std::vector<qint64> latencies;
     int saved = 0, unexplained = 0;
     for (const Shot &s : shots_) {
-        const QString name = QStringLiteral("IMG_%1.JPG").arg(s.number, 4, 10, QLatin1Char('0'));
+        const unsigned round = (s.number - 1) / 9999, number = (s.number - 1) % 9999 + 1;
+        QString name = QStringLiteral("IMG_%1.JPG").arg(number, 4, 10, QLatin1Char('0'));
+        if (round > 0)
+            name += QLatin1Char('#') + QString::number(round);
         const auto key = std::make_pair(s.epoch, name);
         const auto path = savedAs_.find(key);
         if (path != savedAs_.end() && announcedAt_.contains(path->second)) {
