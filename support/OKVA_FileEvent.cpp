@@ -122,6 +122,16 @@ private:
         }
     }
 
+    // Folder-level: the folder and the folders inside it may hold entries
+    // that no event told of.
+    void noteFolders(const QString &dir) {
+        note(dir, 0);
+        const QFileInfoList subs =
+            QDir(dir).entryInfoList(QDir::Dirs | QDir::NoDotAndDotDot | QDir::Hidden | QDir::NoSymLinks);
+        for (const QFileInfo &sub : subs)
+            noteFolders(sub.filePath());
+    }
+
     void removeTree(const QString &dir) {
         const QString prefix = dir + '/';
         for (auto it = watches_.begin(); it != watches_.end();) {
@@ -181,8 +191,12 @@ private:
         const bool dirArrived = (e.mask & IN_ISDIR) && (e.mask & (IN_CREATE | IN_MOVED_TO));
         if (dirArrived && (w.tree || isRoot)) {
             addTree(full);
+            // What was made in it before its watch was placed has no events of
+            // its own: a file written into a folder the moment it was made.
             if (fileLevel_)
                 noteContents(full);
+            else
+                noteFolders(full);
         }
         if ((e.mask & IN_ISDIR) && (e.mask & IN_MOVED_FROM) && (w.tree || isRoot))
             removeTree(full);
