@@ -150,13 +150,18 @@ struct SerialState {
     std::mutex m;
     std::condition_variable cv;
     std::deque<Task> tasks;
+    std::atomic<bool> hasTasks{false}; // read without the mutex while spinning
+    std::chrono::microseconds spin{0};
     bool stop = false;
     bool ownerGone = false; // destroyed from its own worker: run leftovers unlabelled
 };
 
 class SerialQueue final : public Queue {
 public:
-    explicit SerialQueue(std::string label) : Queue(std::move(label)), state_(std::make_shared<SerialState>()) {}
+    explicit SerialQueue(std::string label, std::chrono::microseconds spin = {})
+        : Queue(std::move(label)), state_(std::make_shared<SerialState>()) {
+        state_->spin = spin;
+    }
 
     ~SerialQueue() override {
         {
@@ -180,6 +185,7 @@ public:
     void async(Task task) override {
         std::lock_guard lk(state_->m);
         state_->tasks.push_back(std::move(task));
+        state_->hasTasks.store(true, std::memory_order_release);
         if (!worker_.joinable()) {
             worker_ = std::thread(&SerialQueue::workerLoop, weak_from_this(), this, state_);
         } else {
@@ -193,12 +199,19 @@ private:
         std::deque<Task> batch;
         for (;;) {
             bool ownerGone;
+            if (st->spin.count() > 0) {
+                const auto until = std::chrono::steady_clock::now() + st->spin;
+                while (!st->hasTasks.load(std::memory_order_acquire) &&
+                       std::chrono::steady_clock::now() < until)
+                    std::this_thread::yield();
+            }
             {
                 std::unique_lock lk(st->m);
                 st->cv.wait(lk, [&] { return st->stop || !st->tasks.empty(); });
                 if (st->tasks.empty())
                     return;
                 batch.swap(st->tasks);
+                st->hasTasks.store(false, std::memory_order_relaxed);
                 ownerGone = st->ownerGone;
             }
             if (ownerGone) {
@@ -322,7 +335,8 @@ public:
     void async(Task task) override {
         QCoreApplication *app = QCoreApplication::instance();
         if (!app) {
-            std::fprintf(stderr, "dispatch: main queue used before the application object exists; task dropped\n");
+            std::fprintf(stderr,
+                         "dispatch: main queue used before the application object exists; task dropped\n");
             return;
         }
         // The wake-up is posted under the lock that drain() takes first: Qt
@@ -408,8 +422,15 @@ void MainQueueWaker::drainMainQueue() {
 }
 } // namespace
 
-QueuePtr makeSerialQueue(const std::string &label) { return std::make_shared<SerialQueue>(label); }
-QueuePtr makeConcurrentQueue(const std::string &label) { return std::make_shared<ConcurrentQueue>(label); }
+QueuePtr makeSerialQueue(const std::string &label) {
+    return std::make_shared<SerialQueue>(label);
+}
+QueuePtr makeSerialQueue(const std::string &label, std::chrono::microseconds spin) {
+    return std::make_shared<SerialQueue>(label, spin);
+}
+QueuePtr makeConcurrentQueue(const std::string &label) {
+    return std::make_shared<ConcurrentQueue>(label);
+}
 
 QueuePtr mainQueue() {
     static QueuePtr *queue = new QueuePtr(std::make_shared<MainQueue>());
@@ -459,9 +480,13 @@ Queue *currentQueue() {
     return globalQueue(QOS::Default).get();
 }
 
-const char *currentQueueLabel() { return currentQueue()->label().c_str(); }
+const char *currentQueueLabel() {
+    return currentQueue()->label().c_str();
+}
 
-void *getSpecific(const void *key) { return currentQueue()->specific(key); }
+void *getSpecific(const void *key) {
+    return currentQueue()->specific(key);
+}
 
 void waitPumpingMainLoop(const std::function<bool()> &done) {
     // Blocks in the event dispatcher rather than polling; the main-queue task
@@ -634,14 +659,20 @@ void ManualClock::advanceSeconds(double seconds, const std::function<void()> &se
     advance(secondsToNanos(seconds), settle);
 }
 
-void setClock(Clock *clock) { TimerService::instance().setClock(clock); }
-Nanos now() { return TimerService::instance().now(); }
+void setClock(Clock *clock) {
+    TimerService::instance().setClock(clock);
+}
+Nanos now() {
+    return TimerService::instance().now();
+}
 
 uint64_t after(Nanos delay, QueuePtr queue, Task task) {
     return TimerService::instance().add(delay, std::move(queue), std::move(task));
 }
 
-bool cancelTimer(uint64_t id) { return TimerService::instance().cancel(id); }
+bool cancelTimer(uint64_t id) {
+    return TimerService::instance().cancel(id);
+}
 
 Nanos secondsToNanos(double seconds) {
     double ns = seconds * 1e9;

@@ -74,6 +74,10 @@ private:
 
 // Queue makers.
 QueuePtr makeSerialQueue(const std::string &label);
+// A serial queue whose worker, once out of tasks, keeps looking for the next
+// one for `spin` before it sleeps: for a queue fed at a steady beat, where a
+// sleeping processor of a virtual machine takes milliseconds to wake.
+QueuePtr makeSerialQueue(const std::string &label, std::chrono::microseconds spin);
 QueuePtr makeConcurrentQueue(const std::string &label);
 QueuePtr mainQueue();
 QueuePtr globalQueue(QOS qos = QOS::Default);

@@ -12,7 +12,9 @@ namespace {
 // Its address is the key under which every queue made here stores itself.
 const char kIdentityKey = 0;
 
-QueuePtr resolve(const QueuePtr &queue) { return queue ? queue : dispatch::mainQueue(); }
+QueuePtr resolve(const QueuePtr &queue) {
+    return queue ? queue : dispatch::mainQueue();
+}
 
 QueuePtr tagged(QueuePtr queue) {
     queue->setSpecific(&kIdentityKey, queue.get());
@@ -38,19 +40,29 @@ qsizetype findKey(const QVariant &key) {
 
 // --- queue makers ----------------------------------------------------------
 
-QueuePtr Scheduling::dispatchQueueSerialWithDebugLabel(const QString &label) {
-    return tagged(dispatch::makeSerialQueue(label.toStdString()));
+QueuePtr Scheduling::dispatchQueueSerialWithDebugLabel(const QString &label, std::chrono::microseconds spin) {
+    return tagged(dispatch::makeSerialQueue(label.toStdString(), spin));
 }
 
 QueuePtr Scheduling::dispatchQueueConcurrentWithDebugLabel(const QString &label) {
     return tagged(dispatch::makeConcurrentQueue(label.toStdString()));
 }
 
-QueuePtr Scheduling::dispatchQueueSerial() { return dispatch::makeSerialQueue(std::string()); }
-QueuePtr Scheduling::dispatchQueueGlobalWithQOS(QOS qos) { return dispatch::globalQueue(qos); }
-QueuePtr Scheduling::dispatchQueueUserInitiated() { return dispatch::globalQueue(QOS::UserInitiated); }
-QueuePtr Scheduling::dispatchQueueGlobal() { return dispatch::globalQueue(QOS::Default); }
-const void *Scheduling::dispatchQueueSpecificKeyIdentity() { return &kIdentityKey; }
+QueuePtr Scheduling::dispatchQueueSerial() {
+    return dispatch::makeSerialQueue(std::string());
+}
+QueuePtr Scheduling::dispatchQueueGlobalWithQOS(QOS qos) {
+    return dispatch::globalQueue(qos);
+}
+QueuePtr Scheduling::dispatchQueueUserInitiated() {
+    return dispatch::globalQueue(QOS::UserInitiated);
+}
+QueuePtr Scheduling::dispatchQueueGlobal() {
+    return dispatch::globalQueue(QOS::Default);
+}
+const void *Scheduling::dispatchQueueSpecificKeyIdentity() {
+    return &kIdentityKey;
+}
 
 QueuePtr Scheduling::coalescingQueue() {
     static QueuePtr *queue = new QueuePtr(dispatchQueueSerialWithDebugLabel("com.okvasoft.coalescing"));
@@ -58,7 +70,8 @@ QueuePtr Scheduling::coalescingQueue() {
 }
 
 QueuePtr Scheduling::oneAtATimeQueue() {
-    static QueuePtr *queue = new QueuePtr(dispatchQueueConcurrentWithDebugLabel("performOneAtATimeSync:block:"));
+    static QueuePtr *queue =
+        new QueuePtr(dispatchQueueConcurrentWithDebugLabel("performOneAtATimeSync:block:"));
     return *queue;
 }
 
@@ -96,11 +109,19 @@ void Scheduling::performSyncOnMainQueue(const Block &block) {
     performSyncOnQueue(dispatch::mainQueue(), block);
 }
 
-void Scheduling::performAsyncOnMainQueue(Block block) { dispatch::mainQueue()->async(std::move(block)); }
+void Scheduling::performAsyncOnMainQueue(Block block) {
+    dispatch::mainQueue()->async(std::move(block));
+}
 
-void Scheduling::performAsyncGlobalQOS(QOS qos, Block block) { dispatch::globalQueue(qos)->async(std::move(block)); }
-void Scheduling::performAsyncGlobalUserInitiated(Block block) { performAsyncGlobalQOS(QOS::UserInitiated, std::move(block)); }
-void Scheduling::performAsyncGlobal(Block block) { performAsyncGlobalQOS(QOS::Default, std::move(block)); }
+void Scheduling::performAsyncGlobalQOS(QOS qos, Block block) {
+    dispatch::globalQueue(qos)->async(std::move(block));
+}
+void Scheduling::performAsyncGlobalUserInitiated(Block block) {
+    performAsyncGlobalQOS(QOS::UserInitiated, std::move(block));
+}
+void Scheduling::performAsyncGlobal(Block block) {
+    performAsyncGlobalQOS(QOS::Default, std::move(block));
+}
 
 // --- one at a time ---------------------------------------------------------
 
@@ -111,8 +132,12 @@ void Scheduling::performOneAtATimeSync(bool sync, Block block) {
         oneAtATimeQueue()->barrierAsync(std::move(block));
 }
 
-void Scheduling::performOneAtATimeSync(Block block) { performOneAtATimeSync(true, std::move(block)); }
-void Scheduling::performOneAtATimeAsync(Block block) { performOneAtATimeSync(false, std::move(block)); }
+void Scheduling::performOneAtATimeSync(Block block) {
+    performOneAtATimeSync(true, std::move(block));
+}
+void Scheduling::performOneAtATimeAsync(Block block) {
+    performOneAtATimeSync(false, std::move(block));
+}
 
 // --- delays ----------------------------------------------------------------
 
@@ -162,8 +187,8 @@ struct IntervalSeries : std::enable_shared_from_this<IntervalSeries> {
 
 } // namespace
 
-void Scheduling::performAtIntervalErased(std::weak_ptr<void> object, ErasedInterval interval, const QueuePtr &queue,
-                                         ErasedInterval setup) {
+void Scheduling::performAtIntervalErased(std::weak_ptr<void> object, ErasedInterval interval,
+                                         const QueuePtr &queue, ErasedInterval setup) {
     auto series = std::make_shared<IntervalSeries>();
     series->object = std::move(object);
     series->interval = std::move(interval);
@@ -184,8 +209,8 @@ void Scheduling::performAtIntervalErased(std::weak_ptr<void> object, ErasedInter
 
 // --- run once --------------------------------------------------------------
 
-void Scheduling::runOnceForKeyWhen(const QVariant &key, const QueuePtr &queue, double afterWaiting, unsigned when,
-                                   Block block) {
+void Scheduling::runOnceForKeyWhen(const QVariant &key, const QueuePtr &queue, double afterWaiting,
+                                   unsigned when, Block block) {
     QueuePtr target = resolve(queue);
     QueuePtr coalescing = coalescingQueue();
     coalescing->async([key, target, when, block] {
@@ -228,8 +253,8 @@ void Scheduling::runOnceForKeyAfterWaiting(const QVariant &key, const QueuePtr &
     runOnceForKeyWhen(key, queue, afterWaiting, kRunAtEnd, std::move(block));
 }
 
-void Scheduling::runOnceForKeyBeforeAndAfter(const QVariant &key, const QueuePtr &queue, double beforeAndAfter,
-                                             Block block) {
+void Scheduling::runOnceForKeyBeforeAndAfter(const QVariant &key, const QueuePtr &queue,
+                                             double beforeAndAfter, Block block) {
     runOnceForKeyWhen(key, queue, beforeAndAfter, kRunAtStart | kRunAtEnd, std::move(block));
 }
 

@@ -8,6 +8,8 @@
 // global, one-at-a-time, coalescing) live for the process.
 #pragma once
 
+#include <chrono>
+
 #include "Dispatch.h"
 
 #include <QVariant>
@@ -28,7 +30,8 @@ public:
     static constexpr unsigned kRunAtEnd = 2;
 
     // --- queue makers; labelled queues are tagged with themselves ---
-    static QueuePtr dispatchQueueSerialWithDebugLabel(const QString &label);
+    static QueuePtr dispatchQueueSerialWithDebugLabel(const QString &label,
+                                                      std::chrono::microseconds spin = {});
     static QueuePtr dispatchQueueConcurrentWithDebugLabel(const QString &label);
     static QueuePtr dispatchQueueSerial();
     static QueuePtr dispatchQueueGlobalWithQOS(QOS qos);
@@ -90,8 +93,8 @@ public:
     }
 
     // --- run once per key; the key table is shared by the whole process ---
-    static void runOnceForKeyWhen(const QVariant &key, const QueuePtr &queue, double afterWaiting, unsigned when,
-                                  Block block);
+    static void runOnceForKeyWhen(const QVariant &key, const QueuePtr &queue, double afterWaiting,
+                                  unsigned when, Block block);
     // Leading edge: run at once, swallow repeats for the period.
     static void runOnceForKeyCollectingFor(const QVariant &key, const QueuePtr &queue, double collectingFor,
                                            Block block);
@@ -112,13 +115,15 @@ private:
     using ErasedInterval = std::function<double(void *object, double previous)>;
 
     template <class T> static ErasedInterval eraseInterval(IntervalBlock<T> f) {
-        return [f = std::move(f)](void *object, double previous) { return f(*static_cast<T *>(object), previous); };
+        return [f = std::move(f)](void *object, double previous) {
+            return f(*static_cast<T *>(object), previous);
+        };
     }
     template <class T> static IntervalBlock<T> fixedWait(double seconds) {
         return [seconds](T &, double) { return seconds; };
     }
-    static void performAtIntervalErased(std::weak_ptr<void> object, ErasedInterval interval, const QueuePtr &queue,
-                                        ErasedInterval setup);
+    static void performAtIntervalErased(std::weak_ptr<void> object, ErasedInterval interval,
+                                        const QueuePtr &queue, ErasedInterval setup);
 };
 
 } // namespace brix

@@ -103,7 +103,8 @@ dispatch::QueuePtr ViewController::metadataQueue() {
             label = QString::fromLatin1(kFallbackQueueLabel);
         label += QStringLiteral(".queue1");
         Logger::setError(QStringLiteral("identifier = %1").arg(label));
-        return new dispatch::QueuePtr(Scheduling::dispatchQueueSerialWithDebugLabel(label));
+        return new dispatch::QueuePtr(
+            Scheduling::dispatchQueueSerialWithDebugLabel(label, kSpinBeforeSleeping));
     }();
     return *queue;
 }
@@ -132,6 +133,12 @@ void ViewController::setupNotifications() {
 void ViewController::newPhoto(const Notification &notification) {
     {
         std::unique_lock lk(flowMutex_);
+        const auto until = std::chrono::steady_clock::now() + kSpinBeforeSleeping;
+        while (shotsInFlight_ >= kMaxShotsInFlight && std::chrono::steady_clock::now() < until) {
+            lk.unlock();
+            std::this_thread::yield();
+            lk.lock();
+        }
         flowCv_.wait(lk, [&] { return shotsInFlight_ < kMaxShotsInFlight; });
         ++shotsInFlight_;
     }

@@ -26,6 +26,7 @@
 #include <QVariantMap>
 
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
@@ -56,6 +57,11 @@ public:
     // The shot being written. The camera downloads the next one meanwhile and
     // hands it over when this one is on the disk.
     static constexpr int kMaxShotsInFlight = 1;
+    // In a burst the camera's thread waits for the save of the shot before
+    // and the saving queue for the next shot, each for a few milliseconds. A
+    // thread that sleeps that long on a virtual machine waits as long again
+    // for its processor to wake, so both look a while before they sleep.
+    static constexpr std::chrono::microseconds kSpinBeforeSleeping{5000};
     // A shot is written as a hidden file beside its final name, "." + name +
     // this suffix, and renamed into place: one left behind is a partial write.
     static constexpr const char *kTemporarySuffix = ".part";
