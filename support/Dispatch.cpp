@@ -199,12 +199,7 @@ private:
         std::deque<Task> batch;
         for (;;) {
             bool ownerGone;
-            if (st->spin.count() > 0) {
-                const auto until = std::chrono::steady_clock::now() + st->spin;
-                while (!st->hasTasks.load(std::memory_order_acquire) &&
-                       std::chrono::steady_clock::now() < until)
-                    std::this_thread::yield();
-            }
+            spinUntil(st->spin, [&] { return st->hasTasks.load(std::memory_order_acquire); });
             {
                 std::unique_lock lk(st->m);
                 st->cv.wait(lk, [&] { return st->stop || !st->tasks.empty(); });

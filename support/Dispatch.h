@@ -78,6 +78,18 @@ QueuePtr makeSerialQueue(const std::string &label);
 // one for `spin` before it sleeps: for a queue fed at a steady beat, where a
 // sleeping processor of a virtual machine takes milliseconds to wake.
 QueuePtr makeSerialQueue(const std::string &label, std::chrono::microseconds spin);
+// Looks for `ready()` for up to `spin`, yielding the processor in between, and
+// answers whether it came: for a thread about to sleep on what another thread
+// will hand it within a few milliseconds.
+template <class Ready> bool spinUntil(std::chrono::microseconds spin, Ready ready) {
+    const auto until = std::chrono::steady_clock::now() + spin;
+    while (!ready()) {
+        if (std::chrono::steady_clock::now() >= until)
+            return false;
+        std::this_thread::yield();
+    }
+    return true;
+}
 QueuePtr makeConcurrentQueue(const std::string &label);
 QueuePtr mainQueue();
 QueuePtr globalQueue(QOS qos = QOS::Default);

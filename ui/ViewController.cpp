@@ -132,13 +132,11 @@ void ViewController::setupNotifications() {
 
 void ViewController::newPhoto(const Notification &notification) {
     {
+        dispatch::spinUntil(kSpinBeforeSleeping, [&] {
+            std::lock_guard lk(flowMutex_);
+            return shotsInFlight_ < kMaxShotsInFlight;
+        });
         std::unique_lock lk(flowMutex_);
-        const auto until = std::chrono::steady_clock::now() + kSpinBeforeSleeping;
-        while (shotsInFlight_ >= kMaxShotsInFlight && std::chrono::steady_clock::now() < until) {
-            lk.unlock();
-            std::this_thread::yield();
-            lk.lock();
-        }
         flowCv_.wait(lk, [&] { return shotsInFlight_ < kMaxShotsInFlight; });
         ++shotsInFlight_;
     }
