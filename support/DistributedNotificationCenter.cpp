@@ -291,6 +291,15 @@ DistributedNotificationCenter::Token DistributedNotificationCenter::addObserver(
         if (!ok)
             Logger::setError(
                 QStringLiteral("could not observe notification %1 on the session bus").arg(name));
+        // Posts leave through another connection, which the bus need not read
+        // after this one: a round trip here makes sure it has the match
+        // before anything is posted, so an observer added first sees the post.
+        else if (sender_)
+            connection_.call(QDBusMessage::createMethodCall(QStringLiteral("org.freedesktop.DBus"),
+                                                            QStringLiteral("/org/freedesktop/DBus"),
+                                                            QStringLiteral("org.freedesktop.DBus.Peer"),
+                                                            QStringLiteral("Ping")),
+                             QDBus::Block, 2000);
     }
     return token;
 }
