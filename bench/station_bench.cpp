@@ -3,6 +3,7 @@
 // the session bus; against plain write + rename of the same bytes.
 //
 //   dbus-run-session -- build/default/bench/station_bench [shots] [megabytes] [MB/s,...] [rounds]
+//                                                         [shots at each link rate]
 //
 // The simulated body draws one picture and stamps each shot with its number, so
 // firing costs it nothing and it holds one file however many shots wait; its
@@ -222,8 +223,10 @@ private:
     Clock::duration inProgress_{};
 };
 
-// Plain write + rename of the same bytes: the disk's limit for this work.
-int baseline(int shots, qint64 bytes) {
+// Plain write + rename of the same bytes: the disk's limit for this work. With
+// `preallocate`, each file is first given its room in one call, as the station
+// does, which spares the file system reserving blocks page by page.
+int baseline(int shots, qint64 bytes, bool preallocate) {
     QTemporaryDir dir(QDir::currentPath() + "/station-bench-XXXXXX");
     QByteArray data(bytes, '\x5a');
     ::sync(); // nothing an earlier phase wrote is flushed on this one's time
@@ -235,6 +238,8 @@ int baseline(int shots, qint64 bytes) {
         const QByteArray dst =
             QFile::encodeName(dir.path() + QStringLiteral("/%1.jpg").arg(i, 17, 10, QChar('0')));
         int fd = ::open(tmp.constData(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+        if (preallocate && ::fallocate(fd, 0, 0, off_t(bytes)) != 0)
+            return 1;
         qint64 done = 0;
         while (done < bytes) {
             ssize_t n = ::write(fd, data.constData() + done, size_t(bytes - done));
@@ -252,10 +257,10 @@ int baseline(int shots, qint64 bytes) {
     lastRate[0] = double(shots) * double(bytes) / 1e6 / (total / 1000.0);
     lastRate[1] = double(shots) * double(bytes) / 1e6 / (onDisk / 1000.0);
     std::printf(
-        "baseline write+rename: %d x %.1f MB in %.0f ms = %.0f MB/s, on the disk after %.0f ms = %.0f "
+        "baseline %swrite+rename: %d x %.1f MB in %.0f ms = %.0f MB/s, on the disk after %.0f ms = %.0f "
         "MB/s; per shot median %.2f ms, p99 %.2f ms; peak RSS %.0f MB\n",
-        shots, double(bytes) / 1e6, total, lastRate[0], onDisk, lastRate[1], percentile(perShot, 0.5),
-        percentile(perShot, 0.99), double(peakRssKiB()) / 1024.0);
+        preallocate ? "preallocated " : "", shots, double(bytes) / 1e6, total, lastRate[0], onDisk,
+        lastRate[1], percentile(perShot, 0.5), percentile(perShot, 0.99), double(peakRssKiB()) / 1024.0);
     return 0;
 }
 
@@ -376,14 +381,15 @@ int station(int argc, char **argv, int shots, qint64 bytes, bool sequential, dou
         "  object event -> brixXNotification median %.2f ms, p99 %.2f ms; photo data -> brixXNotification "
         "(save + announce) median %.2f ms, p99 %.2f ms\n"
         "  transfer median %.2f ms; link idle between shots (station's added time) median %.3f ms, "
-        "p99 %.3f ms, max %.3f ms\n"
+        "p99 %.3f ms, max %.3f ms (before shot %d)\n"
         "  peak RSS %.0f MB (%.0f MB before the shots); body's buffer at most %u shots waiting, %.0f MB "
         "held; "
         "station's share %.0f MB = %.2f shots\n",
         title, shots, double(bytes) / 1e6, total, lastRate[0], onDisk, lastRate[1],
         percentile(eventToAnnounce, 0.5), percentile(eventToAnnounce, 0.99), percentile(dataToAnnounce, 0.5),
         percentile(dataToAnnounce, 0.99), percentile(transfer, 0.5), percentile(idle, 0.5),
-        percentile(idle, 0.99), idle.empty() ? 0.0 : *std::max_element(idle.begin(), idle.end()), peakMB,
+        percentile(idle, 0.99), idle.empty() ? 0.0 : *std::max_element(idle.begin(), idle.end()),
+        idle.empty() ? 0 : int(std::max_element(idle.begin(), idle.end()) - idle.begin()) + 2, peakMB,
         beforeMB, body.shots, bodyMB, peakMB - beforeMB - bodyMB,
         (peakMB - beforeMB - bodyMB) * 1024.0 * 1024.0 / double(bytes));
     if (!completing.empty())
@@ -440,6 +446,8 @@ int main(int argc, char **argv) {
     keepShotBuffersInTheHeap(); // as the station does
     const int shots = argc > 1 ? std::atoi(argv[1]) : 100;
     const qint64 bytes = qint64((argc > 2 ? std::atof(argv[2]) : 25.0) * 1e6);
+    // A p99 of the link's idle time needs a few hundred shots.
+    const int linkShots = argc > 5 ? std::max(2, std::atoi(argv[5])) : shots;
     const int rounds = argc > 4 ? std::max(1, std::atoi(argv[4])) : 9;
     if (qEnvironmentVariableIsEmpty("DBUS_SESSION_BUS_ADDRESS")) {
         std::fprintf(stderr, "run under dbus-run-session\n");
@@ -459,43 +467,43 @@ int main(int argc, char **argv) {
     // other just left. A first pair, not counted, touches the memory both
     // write into: a virtual machine backs it on first use, at a third of the
     // speed.
-    std::vector<double> ratios[2];
+    // [k][j]: k 0 into the page cache, 1 onto the disk; j 0 against plain
+    // write+rename, 1 against write+rename that preallocates.
+    std::vector<double> ratios[2][2];
     for (int round = 0; round <= rounds; ++round) {
-        double plain[2] = {}, burst[2] = {};
-        auto runBaseline = [&] {
-            rc |= inChild([&] { return baseline(shots, bytes); });
-            plain[0] = lastRate[0], plain[1] = lastRate[1];
+        double rate[3][2] = {}; // plain, preallocated, burst
+        auto phase = [&](int which) {
+            rc |= inChild([&] {
+                return which == 2 ? station(argc, argv, shots, bytes, false)
+                                  : baseline(shots, bytes, which == 1);
+            });
+            rate[which][0] = lastRate[0], rate[which][1] = lastRate[1];
         };
-        auto runBurst = [&] {
-            rc |= inChild([&] { return station(argc, argv, shots, bytes, false); });
-            burst[0] = lastRate[0], burst[1] = lastRate[1];
-        };
-        if (round % 2 == 0) {
-            runBaseline();
-            runBurst();
-        } else {
-            runBurst();
-            runBaseline();
-        }
+        for (int i = 0; i < 3; ++i)
+            phase(round % 2 == 0 ? i : 2 - i);
         if (round == 0) {
-            std::printf("warm-up pair, not counted\n");
+            std::printf("warm-up round, not counted\n");
             continue;
         }
         for (int k = 0; k < 2; ++k)
-            ratios[k].push_back(plain[k] > 0 ? burst[k] / plain[k] : 0);
-        std::printf("round %d: burst / write+rename = %.3f into the page cache, %.3f onto the disk\n", round,
-                    ratios[0].back(), ratios[1].back());
+            for (int j = 0; j < 2; ++j)
+                ratios[k][j].push_back(rate[j][k] > 0 ? rate[2][k] / rate[j][k] : 0);
+        std::printf("round %d: burst / write+rename = %.3f into the page cache, %.3f onto the disk; burst / "
+                    "preallocated write+rename = %.3f, %.3f\n",
+                    round, ratios[0][0].back(), ratios[1][0].back(), ratios[0][1].back(),
+                    ratios[1][1].back());
     }
-    for (int k = 0; k < 2; ++k) {
-        std::printf("burst / write+rename %s over %d rounds: median %.3f, quartiles %.3f - %.3f, min %.3f, "
-                    "max %.3f\n",
-                    k == 0 ? "into the page cache" : "onto the disk", rounds, percentile(ratios[k], 0.5),
-                    percentile(ratios[k], 0.25), percentile(ratios[k], 0.75),
-                    *std::min_element(ratios[k].begin(), ratios[k].end()),
-                    *std::max_element(ratios[k].begin(), ratios[k].end()));
-    }
+    for (int j = 0; j < 2; ++j)
+        for (int k = 0; k < 2; ++k) {
+            const auto &r = ratios[k][j];
+            std::printf("burst / %swrite+rename %s over %d rounds: median %.3f, quartiles %.3f - %.3f, min "
+                        "%.3f, max %.3f\n",
+                        j ? "preallocated " : "", k == 0 ? "into the page cache" : "onto the disk", rounds,
+                        percentile(r, 0.5), percentile(r, 0.25), percentile(r, 0.75),
+                        *std::min_element(r.begin(), r.end()), *std::max_element(r.begin(), r.end()));
+        }
     for (const QByteArray &rate : QByteArray(argc > 3 ? argv[3] : "").split(','))
         if (rate.toDouble() > 0)
-            rc |= inChild([&] { return station(argc, argv, shots, bytes, false, rate.toDouble()); });
+            rc |= inChild([&] { return station(argc, argv, linkShots, bytes, false, rate.toDouble()); });
     return rc;
 }

