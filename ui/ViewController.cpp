@@ -48,7 +48,7 @@ QString systemError(const char *what, int code) {
 // halve the burst rate, and the rename still never exposes a torn file.
 // The file is first given all of its room at once: a full disk is known
 // before a byte is written, and the file system maps the shot in one go
-// instead of reserving its blocks page by page as the bytes come (a fifth of
+// instead of reserving its blocks page by page as the bytes come (a third of
 // the write's time on ext4). A file system that cannot preallocate is simply
 // written. *code is the errno of the failure, which tells a full disk from
 // other faults.
