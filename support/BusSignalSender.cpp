@@ -6,41 +6,6 @@ namespace brix {
 
 namespace {
 
-// The D-Bus signature of a wire value, empty for a value that cannot travel.
-QByteArray signatureOf(const QVariant &value) {
-    switch (value.metaType().id()) {
-    case QMetaType::QString:
-        return "s";
-    case QMetaType::Bool:
-        return "b";
-    case QMetaType::Int:
-        return "i";
-    case QMetaType::UInt:
-        return "u";
-    case QMetaType::LongLong:
-        return "x";
-    case QMetaType::ULongLong:
-        return "t";
-    case QMetaType::UShort:
-        return "q";
-    case QMetaType::Short:
-        return "n";
-    case QMetaType::UChar:
-        return "y";
-    case QMetaType::Double:
-        return "d";
-    case QMetaType::QByteArray:
-        return "ay";
-    case QMetaType::QStringList:
-    case QMetaType::QVariantList:
-        return "av";
-    case QMetaType::QVariantMap:
-        return "a{sv}";
-    default:
-        return {};
-    }
-}
-
 template <typename T> bool appendBasic(DBusMessageIter *it, int type, T value) {
     return dbus_message_iter_append_basic(it, type, &value);
 }
@@ -50,23 +15,36 @@ bool appendString(DBusMessageIter *it, const QString &text) {
     return appendBasic(it, DBUS_TYPE_STRING, utf8.constData());
 }
 
-bool appendValue(DBusMessageIter *it, const QVariant &value);
+bool appendVariant(DBusMessageIter *it, const QVariant &value);
 
-bool appendVariant(DBusMessageIter *it, const QVariant &value) {
-    const QByteArray signature = signatureOf(value);
-    if (signature.isEmpty())
+bool appendBytes(DBusMessageIter *it, const QVariant &value) {
+    const QByteArray bytes = value.toByteArray();
+    DBusMessageIter array;
+    if (!dbus_message_iter_open_container(it, DBUS_TYPE_ARRAY, "y", &array))
         return false;
-    DBusMessageIter inner;
-    if (!dbus_message_iter_open_container(it, DBUS_TYPE_VARIANT, signature.constData(), &inner))
-        return false;
-    if (!appendValue(&inner, value)) {
-        dbus_message_iter_abandon_container(it, &inner);
+    const char *data = bytes.constData();
+    if (!dbus_message_iter_append_fixed_array(&array, DBUS_TYPE_BYTE, &data, int(bytes.size()))) {
+        dbus_message_iter_abandon_container(it, &array);
         return false;
     }
-    return dbus_message_iter_close_container(it, &inner);
+    return dbus_message_iter_close_container(it, &array);
 }
 
-bool appendMap(DBusMessageIter *it, const QVariantMap &map) {
+bool appendList(DBusMessageIter *it, const QVariant &value) {
+    DBusMessageIter array;
+    if (!dbus_message_iter_open_container(it, DBUS_TYPE_ARRAY, "v", &array))
+        return false;
+    for (const QVariant &element : value.toList()) {
+        if (!appendVariant(&array, element)) {
+            dbus_message_iter_abandon_container(it, &array);
+            return false;
+        }
+    }
+    return dbus_message_iter_close_container(it, &array);
+}
+
+bool appendMap(DBusMessageIter *it, const QVariant &value) {
+    const QVariantMap map = value.toMap();
     DBusMessageIter array;
     if (!dbus_message_iter_open_container(it, DBUS_TYPE_ARRAY, "{sv}", &array))
         return false;
@@ -85,58 +63,78 @@ bool appendMap(DBusMessageIter *it, const QVariantMap &map) {
     return dbus_message_iter_close_container(it, &array);
 }
 
-bool appendValue(DBusMessageIter *it, const QVariant &value) {
-    switch (value.metaType().id()) {
-    case QMetaType::QString:
-        return appendString(it, value.toString());
-    case QMetaType::Bool:
-        return appendBasic<dbus_bool_t>(it, DBUS_TYPE_BOOLEAN, value.toBool());
-    case QMetaType::Int:
-        return appendBasic<dbus_int32_t>(it, DBUS_TYPE_INT32, value.toInt());
-    case QMetaType::UInt:
-        return appendBasic<dbus_uint32_t>(it, DBUS_TYPE_UINT32, value.toUInt());
-    case QMetaType::LongLong:
-        return appendBasic<dbus_int64_t>(it, DBUS_TYPE_INT64, value.toLongLong());
-    case QMetaType::ULongLong:
-        return appendBasic<dbus_uint64_t>(it, DBUS_TYPE_UINT64, value.toULongLong());
-    case QMetaType::UShort:
-        return appendBasic<dbus_uint16_t>(it, DBUS_TYPE_UINT16, dbus_uint16_t(value.toUInt()));
-    case QMetaType::Short:
-        return appendBasic<dbus_int16_t>(it, DBUS_TYPE_INT16, dbus_int16_t(value.toInt()));
-    case QMetaType::UChar:
-        return appendBasic<unsigned char>(it, DBUS_TYPE_BYTE, static_cast<unsigned char>(value.toUInt()));
-    case QMetaType::Double:
-        return appendBasic<double>(it, DBUS_TYPE_DOUBLE, value.toDouble());
-    case QMetaType::QByteArray: {
-        const QByteArray bytes = value.toByteArray();
-        DBusMessageIter array;
-        if (!dbus_message_iter_open_container(it, DBUS_TYPE_ARRAY, "y", &array))
-            return false;
-        const char *data = bytes.constData();
-        if (!dbus_message_iter_append_fixed_array(&array, DBUS_TYPE_BYTE, &data, int(bytes.size()))) {
-            dbus_message_iter_abandon_container(it, &array);
-            return false;
-        }
-        return dbus_message_iter_close_container(it, &array);
-    }
-    case QMetaType::QStringList:
-    case QMetaType::QVariantList: {
-        DBusMessageIter array;
-        if (!dbus_message_iter_open_container(it, DBUS_TYPE_ARRAY, "v", &array))
-            return false;
-        for (const QVariant &element : value.toList()) {
-            if (!appendVariant(&array, element)) {
-                dbus_message_iter_abandon_container(it, &array);
-                return false;
-            }
-        }
-        return dbus_message_iter_close_container(it, &array);
-    }
-    case QMetaType::QVariantMap:
-        return appendMap(it, value.toMap());
-    default:
+// Every value that can travel: its type here, its D-Bus signature, and how it
+// is written.
+struct WireType {
+    int metaType;
+    const char *signature;
+    bool (*append)(DBusMessageIter *, const QVariant &);
+};
+
+constexpr WireType kWireTypes[] = {
+    {QMetaType::QString, "s",
+     [](DBusMessageIter *it, const QVariant &v) { return appendString(it, v.toString()); }},
+    {QMetaType::Bool, "b",
+     [](DBusMessageIter *it, const QVariant &v) {
+         return appendBasic<dbus_bool_t>(it, DBUS_TYPE_BOOLEAN, v.toBool());
+     }},
+    {QMetaType::Int, "i",
+     [](DBusMessageIter *it, const QVariant &v) {
+         return appendBasic<dbus_int32_t>(it, DBUS_TYPE_INT32, v.toInt());
+     }},
+    {QMetaType::UInt, "u",
+     [](DBusMessageIter *it, const QVariant &v) {
+         return appendBasic<dbus_uint32_t>(it, DBUS_TYPE_UINT32, v.toUInt());
+     }},
+    {QMetaType::LongLong, "x",
+     [](DBusMessageIter *it, const QVariant &v) {
+         return appendBasic<dbus_int64_t>(it, DBUS_TYPE_INT64, v.toLongLong());
+     }},
+    {QMetaType::ULongLong, "t",
+     [](DBusMessageIter *it, const QVariant &v) {
+         return appendBasic<dbus_uint64_t>(it, DBUS_TYPE_UINT64, v.toULongLong());
+     }},
+    {QMetaType::UShort, "q",
+     [](DBusMessageIter *it, const QVariant &v) {
+         return appendBasic<dbus_uint16_t>(it, DBUS_TYPE_UINT16, dbus_uint16_t(v.toUInt()));
+     }},
+    {QMetaType::Short, "n",
+     [](DBusMessageIter *it, const QVariant &v) {
+         return appendBasic<dbus_int16_t>(it, DBUS_TYPE_INT16, dbus_int16_t(v.toInt()));
+     }},
+    {QMetaType::UChar, "y",
+     [](DBusMessageIter *it, const QVariant &v) {
+         return appendBasic<unsigned char>(it, DBUS_TYPE_BYTE, static_cast<unsigned char>(v.toUInt()));
+     }},
+    {QMetaType::Double, "d",
+     [](DBusMessageIter *it, const QVariant &v) {
+         return appendBasic<double>(it, DBUS_TYPE_DOUBLE, v.toDouble());
+     }},
+    {QMetaType::QByteArray, "ay", appendBytes},
+    {QMetaType::QStringList, "av", appendList},
+    {QMetaType::QVariantList, "av", appendList},
+    {QMetaType::QVariantMap, "a{sv}", appendMap},
+};
+
+const WireType *wireTypeOf(const QVariant &value) {
+    for (const WireType &type : kWireTypes)
+        if (type.metaType == value.metaType().id())
+            return &type;
+    return nullptr;
+}
+
+bool appendVariant(DBusMessageIter *it, const QVariant &value) {
+    const WireType *type = wireTypeOf(value);
+    if (!type)
+        return false;
+    DBusMessageIter inner;
+    if (!dbus_message_iter_open_container(it, DBUS_TYPE_VARIANT, type->signature, &inner))
+        return false;
+    if (!type->append(&inner, value)) {
+        dbus_message_iter_abandon_container(it, &inner);
         return false;
     }
+    return dbus_message_iter_close_container(it, &inner);
 }
 
 } // namespace
