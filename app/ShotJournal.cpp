@@ -45,12 +45,14 @@ QString ShotJournal::lastAnnounced() const {
 
 void ShotJournal::stage(const QString &path) {
     std::lock_guard lk(mutex_);
-    writeStaged(QFileInfo(path).fileName());
+    staged_ = writeStaged(QFileInfo(path).fileName());
 }
 
 void ShotJournal::commit() {
     std::lock_guard lk(mutex_);
-    rename();
+    if (staged_) // a staging that failed has said so already
+        rename();
+    staged_ = false;
 }
 
 QString ShotJournal::stagedPath() const {

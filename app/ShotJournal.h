@@ -51,6 +51,7 @@ private:
 
     const QString markerPath_;
     mutable std::mutex mutex_;
+    bool staged_ = false; // under mutex_
 };
 
 } // namespace brix
