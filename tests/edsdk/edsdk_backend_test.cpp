@@ -2,7 +2,10 @@
 // available" with a clear log line, whatever is or is not installed), and the
 // backend over libEDSDK-sim.so: found through BRIX_EDSDK_PATH, its events reach
 // the application only through the EdsGetEvent pump, on the backend's event
-// queue, and events for a handler cleared meanwhile are dropped.
+// queue, and events for a handler cleared meanwhile are dropped; and the
+// backend contract over that library: the same cases the simulator passes
+// in-process, now across the C interface and the EdsGetEvent pump.
+#include "ContractSuite.h"
 #include "EdsdkLibrary.h"
 #include "EdsdkSdk.h"
 #include "LogCapture.h"
@@ -102,6 +105,34 @@ TEST(EdsdkLoader, LibraryLackingAFunctionOrNoLibraryAtAllIsRefused) {
 #ifdef BRIX_EDSDK_SIM_LIBRARY
 
 using brix::test::SimLibrary;
+
+namespace brix::eds::contract {
+namespace {
+
+Backend edsdkBackend() {
+    Backend b;
+    b.name = "Edsdk";
+    b.make = [] {
+        // Live-view frames come when nextFrame says; the pump keeps real time.
+        SimLibrary::useManualClock(true);
+        return SimLibrary::makeSdk();
+    };
+    b.unplug = [](EdsSdk &) { return SimLibrary::control()->unplug(); };
+    b.injectError = [](EdsSdk &, const std::string &op, EdsError code, unsigned count) {
+        return SimLibrary::control()->injectError(op, code, count);
+    };
+    b.callerReferences = [](EdsSdk &) { return SimLibrary::control()->callerReferenceCount(); };
+    b.nextFrame = [] { SimLibrary::advanceClock(0.1); };
+    b.done = [] { SimLibrary::useManualClock(false); };
+    return b;
+}
+
+} // namespace
+
+INSTANTIATE_TEST_SUITE_P(Edsdk, EdsContract, ::testing::Values(edsdkBackend()),
+                         [](const ::testing::TestParamInfo<Backend> &info) { return info.param.name; });
+
+} // namespace brix::eds::contract
 
 namespace {
 

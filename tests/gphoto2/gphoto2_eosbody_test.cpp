@@ -1,7 +1,8 @@
 // The real libgphoto2 with its real usb1 port driver and ptp2 camera driver on
-// an EOS body emulated below libusb (eosbody/): first the adapter's own calls,
-// then the whole backend as the station uses it.
+// an EOS body emulated below libusb (eosbody/): the whole backend as the
+// station uses it, and under the backend contract shared with the simulator.
 #include "ClaimedDevice.h"
+#include "ContractSuite.h"
 #include "EosBody.h"
 #include "Gphoto2Port.h"
 #include "Gphoto2Sdk.h"
@@ -25,8 +26,6 @@ using brix::eosbody::EosBody;
 
 namespace {
 
-constexpr const char *kModel = "Canon EOS 5D Mark IV";
-
 class EmulatedBody : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -35,55 +34,7 @@ protected:
     }
     void TearDown() override { body().unplug(); }
     static EosBody &body() { return EosBody::instance(); }
-
-    // Waits for file-added events through the adapter until `count` arrived.
-    static std::vector<Event> filesAdded(Gphoto2Port &port, Gphoto2Port::Handle h, size_t count) {
-        std::vector<Event> files;
-        for (int i = 0; i < 200 && files.size() < count; ++i) {
-            Event e;
-            if (port.waitForEvent(h, 10, &e) != gp::OK)
-                break;
-            if (e.type == Event::Type::FileAdded)
-                files.push_back(e);
-        }
-        return files;
-    }
 };
-
-} // namespace
-
-TEST_F(EmulatedBody, LibgphotoFindsOpensAndCapturesToRamThroughPtp) {
-    auto port = makeLibGphoto2Port();
-    std::vector<DetectedCamera> found;
-    ASSERT_EQ(port->autodetect(&found), gp::OK);
-    ASSERT_EQ(found.size(), 1u);
-    EXPECT_EQ(found[0].model, kModel);
-    EXPECT_EQ(found[0].port, body().portPath());
-
-    Gphoto2Port::Handle h = 0;
-    ASSERT_EQ(port->openCamera(found[0], &h), gp::OK) << port->describe(gp::Error, 0);
-    Widget target;
-    ASSERT_EQ(port->getWidget(h, "capturetarget", &target), gp::OK);
-    Widget ram;
-    ram.text = "Internal RAM";
-    ASSERT_EQ(port->setWidget(h, "capturetarget", ram), gp::OK);
-    EXPECT_EQ(body().captureDestination(), 4u);
-    Widget aperture;
-    ASSERT_EQ(port->getWidget(h, "aperture", &aperture), gp::OK);
-    EXPECT_EQ(aperture.text, "5.6");
-
-    ASSERT_EQ(port->triggerCapture(h), gp::OK) << port->describe(gp::Error, h);
-    const auto files = filesAdded(*port, h, 1);
-    ASSERT_EQ(files.size(), 1u);
-    EXPECT_EQ(files[0].folder, "/");
-    std::string jpeg;
-    ASSERT_EQ(port->getFile(h, files[0].folder, files[0].name, &jpeg), gp::OK);
-    EXPECT_EQ(jpeg.substr(0, 2), "\xFF\xD8");
-    EXPECT_EQ(body().objectsInRam(), 0);
-    port->closeCamera(h);
-}
-
-namespace {
 
 // The station's side of the boundary, reduced to what a shot needs: every
 // object event downloads the item whole, as the camera code does.
@@ -438,3 +389,30 @@ TEST_F(EmulatedBody, AClaimedBodyIsFreedFromTheDesktopOnlyWithLeave) {
     EXPECT_EQ(s.sdk.EdsOpenSession(s.camera), EDS_ERR_OK);
     EXPECT_EQ(gioCalls, (QStringList{"mount -l", "mount -u " + mount}));
 }
+
+namespace brix::eds::contract {
+namespace {
+
+Backend emulatedBodyBackend() {
+    Backend b;
+    b.name = "EmulatedEosBody";
+    b.make = []() -> std::unique_ptr<EdsSdk> {
+        EosBody::instance().command("reset");
+        EosBody::instance().plug();
+        return std::make_unique<Gphoto2Sdk>(makeLibGphoto2Port(), Station::fastOptions());
+    };
+    b.unplug = [](EdsSdk &) {
+        EosBody::instance().unplug();
+        return true;
+    };
+    b.callerReferences = [](EdsSdk &sdk) { return static_cast<Gphoto2Sdk &>(sdk).callerReferences(); };
+    b.done = [] { EosBody::instance().unplug(); };
+    return b;
+}
+
+} // namespace
+
+INSTANTIATE_TEST_SUITE_P(Gphoto2, EdsContract, ::testing::Values(emulatedBodyBackend()),
+                         [](const ::testing::TestParamInfo<Backend> &info) { return info.param.name; });
+
+} // namespace brix::eds::contract

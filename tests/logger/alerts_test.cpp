@@ -1,7 +1,7 @@
 // Error alerts: the modal presentation, and desktop notifications against a
 // stand-in notification server on the test run's private session bus.
 #include "ErrorAlerts.h"
-#include "LoggerTestSupport.h"
+#include "LogCapture.h"
 #include "Preferences.h"
 #include "TestSupport.h"
 

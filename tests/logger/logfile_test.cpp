@@ -3,7 +3,7 @@
 #include "ErrorAlerts.h"
 #include "LogFileWriter.h"
 #include "Logger.h"
-#include "LoggerTestSupport.h"
+#include "LogCapture.h"
 #include "Scheduling.h"
 #include "TestSupport.h"
 

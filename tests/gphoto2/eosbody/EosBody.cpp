@@ -769,9 +769,6 @@ void EosBody::transferRequestAfterPolls(int polls) {
 void EosBody::limitSpeed(uint64_t bytesPerSecond) {
     command("speed " + std::to_string(bytesPerSecond));
 }
-void EosBody::pressShutter() {
-    command("press");
-}
 
 int EosBody::shotsTaken() {
     std::lock_guard lock(s_->m);

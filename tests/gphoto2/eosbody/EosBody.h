@@ -58,8 +58,6 @@ public:
     void transferRequestAfterPolls(int polls);
     // Bulk-in bytes per second (0 = unlimited); about 35 MB/s is USB 2.
     void limitSpeed(uint64_t bytesPerSecond);
-    // The body's shutter button pressed by hand (a shot without the host asking).
-    void pressShutter();
 
     // What the body did, for the tests.
     int shotsTaken();
