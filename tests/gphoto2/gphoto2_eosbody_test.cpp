@@ -133,7 +133,7 @@ TEST_F(EmulatedBody, BackendSavesEveryShotOfABurstCapturedToRam) {
     EXPECT_EQ(modes.propDesc[0], 3); // Manual
     // The body reports each shot during the release of the next one, where
     // libgphoto2 discards what it fetched before releasing.
-    body().transferRequestAfterPolls(1);
+    body().command("transfer-after-polls 1");
     for (int i = 0; i < 5; ++i)
         ASSERT_EQ(s.shoot(), EDS_ERR_OK);
     ASSERT_TRUE(test::processEventsUntil([&] { return s.shotCount() >= 5; })) << s.shotCount();
@@ -145,7 +145,7 @@ TEST_F(EmulatedBody, BackendSavesEveryShotOfABurstCapturedToRam) {
     EXPECT_EQ(body().objectsInRam(), 0);
 
     // RAW+JPEG: both files of the shot, the pair together.
-    body().rawPlusJpeg(true);
+    body().command("raw+jpeg 1");
     ASSERT_EQ(s.shoot(), EDS_ERR_OK);
     ASSERT_TRUE(test::processEventsUntil([&] { return s.shotCount() >= 7; }))
         << s.shotCount() << " " << s.shots.back().first << " " << s.shots.back().second.size()
@@ -159,14 +159,14 @@ TEST_F(EmulatedBody, ReplugIoErrorsAndBusyAnswersLoseNoMoreThanTheShotInTransfer
     ASSERT_TRUE(s.open());
 
     // One failed transfer is not a vanished body: the next shot is saved.
-    body().failTransfers(1);
+    body().command("fail-transfers 1");
     ASSERT_EQ(s.shoot(), EDS_ERR_OK);
     ASSERT_EQ(s.shoot(), EDS_ERR_OK);
     ASSERT_TRUE(test::processEventsUntil([&] { return s.shotCount() >= 1; }));
     EXPECT_EQ(s.shutdowns.load(), 0);
 
     // Busy for a moment: the shot is refused as busy, the next one goes.
-    body().answerBusy(1);
+    body().command("busy 1");
     EXPECT_EQ(s.shoot(), EDS_ERR_DEVICE_BUSY);
     ASSERT_EQ(s.shoot(), EDS_ERR_OK);
     ASSERT_TRUE(test::processEventsUntil([&] { return s.shotCount() >= 2; }));
@@ -205,7 +205,7 @@ TEST_F(EmulatedBody, LiveViewOutlivesABodyThatIsNotReadyForThreeSeconds) {
 
     // libgphoto2 waits 3 s for a frame, then gives up with a plain error: a
     // frame that is not there yet, not the end of live view.
-    body().viewfinderNotReadyFor(3200);
+    body().command("viewfinder-not-ready-ms 3200");
     EXPECT_EQ(s.sdk.EdsDownloadEvfImage(s.camera, image), EDS_ERR_OBJECT_NOTREADY);
     ASSERT_TRUE(
         test::processEventsUntil([&] { return s.sdk.EdsDownloadEvfImage(s.camera, image) == EDS_ERR_OK; }));
@@ -277,7 +277,7 @@ TEST_F(EmulatedBody, SettingsTravelBothWaysThroughLibgphotosLabels) {
     EXPECT_EQ(when.second, 15u);
 
     // Busy for a moment: refused as busy, and the next try goes through.
-    body().answerBusy(1);
+    body().command("busy 1");
     EXPECT_EQ(writeU32(s, kEdsPropID_Tv, 0x78), EDS_ERR_DEVICE_BUSY);
     EXPECT_EQ(body().property(0xD102), 0x68u);
     EXPECT_EQ(writeU32(s, kEdsPropID_Tv, 0x78), EDS_ERR_OK);
@@ -369,10 +369,10 @@ TEST_F(EmulatedBody, AClaimedBodyIsFreedFromTheDesktopOnlyWithLeave) {
         if (out)
             *out = "Mount(0): Canon EOS 5D Mark IV -> " + mount + "\n";
         if (args.value(1) == "-u")
-            body().claimedByOther(false);
+            body().command("claimed 0");
         return 0;
     };
-    body().claimedByOther(true);
+    body().command("claimed 1");
     Station s(o);
     QString message;
     const auto token = NotificationCenter::defaultCenter().addObserver(

@@ -748,24 +748,6 @@ std::string EosBody::portPath() {
     std::snprintf(path, sizeof path, "usb:%03d,%03d", busNumber(), deviceAddress());
     return path;
 }
-void EosBody::failTransfers(int count) {
-    command("fail-transfers " + std::to_string(count));
-}
-void EosBody::answerBusy(int count) {
-    command("busy " + std::to_string(count));
-}
-void EosBody::viewfinderNotReadyFor(int ms) {
-    command("viewfinder-not-ready-ms " + std::to_string(ms));
-}
-void EosBody::claimedByOther(bool claimed) {
-    command(std::string("claimed ") + (claimed ? "1" : "0"));
-}
-void EosBody::rawPlusJpeg(bool pair) {
-    command(std::string("raw+jpeg ") + (pair ? "1" : "0"));
-}
-void EosBody::transferRequestAfterPolls(int polls) {
-    command("transfer-after-polls " + std::to_string(polls));
-}
 void EosBody::limitSpeed(uint64_t bytesPerSecond) {
     command("speed " + std::to_string(bytesPerSecond));
 }
