@@ -27,24 +27,10 @@ using namespace brix::eds;
 
 namespace {
 
-// Sets an environment variable for one scope.
-class ScopedEnv {
-public:
-    ScopedEnv(const char *name, const QByteArray &value)
-        : name_(name), old_(qgetenv(name)), had_(qEnvironmentVariableIsSet(name)) {
-        qputenv(name, value);
-    }
-    ~ScopedEnv() {
-        if (had_)
-            qputenv(name_, old_);
-        else
-            qunsetenv(name_);
-    }
-
-private:
-    const char *name_;
-    QByteArray old_;
-    bool had_;
+// Points the loader at a path for one scope (the test environment sets none).
+struct LibraryPath {
+    explicit LibraryPath(const QString &path) { qputenv(kEdsdkPathVariable, path.toUtf8()); }
+    ~LibraryPath() { qunsetenv(kEdsdkPathVariable); }
 };
 
 } // namespace
@@ -52,7 +38,7 @@ private:
 TEST(EdsdkLoader, MissingLibraryIsRefusedWithTheReasonAndTheBackendIsNotAvailable) {
     QTemporaryDir dir;
     const QString missing = dir.filePath("nowhere/libEDSDK.so");
-    ScopedEnv env(kEdsdkPathVariable, missing.toUtf8());
+    LibraryPath env(missing);
     // Nothing beside the test program or on the loader's path either, on a
     // machine without Canon's library.
     test::LogCapture log;
@@ -86,7 +72,7 @@ TEST(EdsdkLoader, LibraryLackingAFunctionOrNoLibraryAtAllIsRefused) {
     // and the search goes on (to nothing, here).
     QTemporaryDir dir;
     ASSERT_TRUE(QFile::link(BRIX_EDSDK_INCOMPLETE_LIBRARY, dir.filePath(kEdsdkLibraryName)));
-    ScopedEnv env(kEdsdkPathVariable, dir.path().toUtf8());
+    LibraryPath env(dir.path());
     EXPECT_EQ(createEdsdkSdk(&why), nullptr);
     EXPECT_NE(why.find(QDir(dir.path()).filePath(kEdsdkLibraryName).toStdString() +
                        ": the function EdsDownloadEvfImage is missing"),
@@ -171,7 +157,7 @@ TEST(EdsdkBackend, IsFoundThroughTheFolderInTheEnvironmentAndSaysWhereItLoadedFr
     test::LogCapture log;
     std::string why;
     {
-        ScopedEnv env(kEdsdkPathVariable, dir.path().toUtf8());
+        LibraryPath env(dir.path());
         chosen = createSdk("edsdk", &why);
         automatic = createSdk("auto", &why);
     }
