@@ -1,8 +1,8 @@
 // The log line: levels, the caller's queue label, verbatim messages, long
 // lines, where the default log file lives, the hex dump of binary data, and the
 // values the system report at the head of each log reads from Linux.
-#include "Logger.h"
 #include "LogCapture.h"
+#include "Logger.h"
 #include "Paths.h"
 #include "Scheduling.h"
 #include "SystemInfo.h"
@@ -64,7 +64,8 @@ TEST_F(LoggerLines, LineCarriesTheCallersQueueRightAfterTheTime) {
     const QStringList got = lines(capture.text());
     ASSERT_EQ(got.size(), 4) << capture.text().constData();
     const auto matches = [](const QString &line, const QString &label, const QString &message) {
-        return QRegularExpression(QStringLiteral("^") + test::lineHeadPattern(QRegularExpression::escape(label)) +
+        return QRegularExpression(QStringLiteral("^") +
+                                  test::lineHeadPattern(QRegularExpression::escape(label)) +
                                   QRegularExpression::escape(message) + QStringLiteral("$"))
             .match(line)
             .hasMatch();

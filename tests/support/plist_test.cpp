@@ -420,9 +420,7 @@ TEST(PlistHostile, CyclesAndSharedObjectBombsAreRefused) {
 
 TEST(PlistHostile, ImpossibleCountsAndOffsetsAreRefused) {
     // A well-formed list in the hand-built layout reads: the refusals below are the faults'.
-    EXPECT_EQ(PropertyList::propertyListFromData(binary({QByteArray("\xA2", 1) + ref(1) + ref(2), "\x51x", "\x10\x05"}),
-                                                 Mutability::Immutable),
-              QVariant(QVariantList{"x", qlonglong(5)}));
+    EXPECT_EQ(read(binary({QByteArray("\xA2", 1) + ref(1) + ref(2), "\x51x", "\x10\x05"})), "VALID");
     const std::vector<QByteArray> one{QByteArray("\xA1", 1) + ref(1), "\x51x"};
     const QList<std::function<void(Trailer &)>> patches{
         [](Trailer &t) { t.numObjects = uint64_t(1) << 62; },

@@ -262,7 +262,8 @@ TEST(PrefsFactory, ResourceFileRegistersALayerWithAUsableMiniSizeList) {
     QStringList values;
     for (const QVariant &entry : p.arrayForKey(pref::kMiniSizesInfoArray))
         values << entry.toMap().value("somevalue").toString();
-    EXPECT_TRUE(values.contains(p.stringForKey(pref::kSelectedMiniPanelSizeValue))) << values.join(',').toStdString();
+    EXPECT_TRUE(values.contains(p.stringForKey(pref::kSelectedMiniPanelSizeValue)))
+        << values.join(',').toStdString();
 
     // Defaults are a layer, not user values: the file stays empty.
     EXPECT_TRUE(p.persistentDomain().isEmpty());

@@ -33,6 +33,7 @@
 #include <gtest/gtest.h>
 
 using namespace brix;
+using namespace std::chrono_literals;
 
 namespace {
 
@@ -284,12 +285,12 @@ TEST(CameraSettings, SavesUnderTheFallbackNameMergesWholeModelsAndReloadsAfterEv
     settings.importSettings(QVariantMap{{"A", QVariantMap{{"1031", "+1"}}}}, CameraSettings::Merge);
     EXPECT_EQ(prefs.dictionaryForKey(pref::kCanonSettings).value("B").toMap(), model("1/30"));
     EXPECT_EQ(prefs.dictionaryForKey(pref::kCanonSettings).value("A").toMap(), (QVariantMap{{"1031", "+1"}}));
-    ASSERT_TRUE(test::processEventsUntil([&] { return SystemSound::beepCount() == before + 1; }, std::chrono::seconds(5)));
+    ASSERT_TRUE(test::processEventsUntil([&] { return SystemSound::beepCount() == before + 1; }, 5s));
 
     // Cancel leaves the store alone and still applies A again.
     settings.importSettings(QVariantMap{{"A", model("1/8000")}}, CameraSettings::Cancel);
     EXPECT_EQ(prefs.dictionaryForKey(pref::kCanonSettings).value("A").toMap(), (QVariantMap{{"1031", "+1"}}));
-    ASSERT_TRUE(test::processEventsUntil([&] { return SystemSound::beepCount() == before + 2; }, std::chrono::seconds(5)));
+    ASSERT_TRUE(test::processEventsUntil([&] { return SystemSound::beepCount() == before + 2; }, 5s));
 
     // An unreadable file never empties the store, whatever the answer.
     settings.importSettings({}, CameraSettings::Overwrite);
