@@ -148,14 +148,12 @@ protected:
 // A delegate whose answer the test sets.
 class TestDelegate : public OKVA_CanonCameraDelegate {
 public:
-    bool cancelDownloadForProgress(eds::EdsUInt32 percent) override {
+    bool cancelDownloadForProgress(eds::EdsUInt32) override {
         asked.fetch_add(1);
-        lastPercent = percent;
         return cancel.load();
     }
     std::atomic<bool> cancel{false};
     std::atomic<int> asked{0};
-    std::atomic<unsigned> lastPercent{0};
 };
 
 } // namespace brix::test

@@ -752,10 +752,6 @@ void EosBody::limitSpeed(uint64_t bytesPerSecond) {
     command("speed " + std::to_string(bytesPerSecond));
 }
 
-int EosBody::shotsTaken() {
-    std::lock_guard lock(s_->m);
-    return s_->shots;
-}
 int EosBody::objectsInRam() {
     std::lock_guard lock(s_->m);
     int n = 0;

@@ -45,7 +45,6 @@ public:
     void limitSpeed(uint64_t bytesPerSecond);
 
     // What the body did, for the tests.
-    int shotsTaken();
     int objectsInRam();            // shots captured to RAM not yet transferred and completed
     uint32_t captureDestination(); // 4 = host (PC), 2 = card
     uint32_t property(uint32_t code);
