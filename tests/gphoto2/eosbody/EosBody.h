@@ -9,7 +9,8 @@
 // transfer complete, the two-stage remote release, the viewfinder. Its
 // settings use the value codes the rest of the suite knows from the simulated
 // body (Canon's codes are the same on the cable and in the SDK) and its shots
-// are the simulated body's pictures.
+// are the simulated body's pictures, waiting in its RAM for the host (the card
+// is not emulated: a shot taken to it is only counted).
 //
 // Faults for the tests: unplug and plug under a new device number, a transfer
 // that fails with an I/O error, "busy" and "not ready" answers for a while, a
