@@ -130,7 +130,8 @@ protected:
         // meeting an error a test injects next.
         const bool settled = waitFor([&] {
             for (const auto &p : named(kOKVA_CanonCameraPropertyDidChange))
-                if (p.note.userInfo.value(kOKVA_CanonCameraPropertyName).toString() == QLatin1String("SaveTo"))
+                if (p.note.userInfo.value(kOKVA_CanonCameraPropertyName).toString() ==
+                    QLatin1String("SaveTo"))
                     return true;
             return false;
         });

@@ -148,8 +148,8 @@ TEST_F(EmulatedBody, BackendSavesEveryShotOfABurstCapturedToRam) {
     body().command("raw+jpeg 1");
     ASSERT_EQ(s.shoot(), EDS_ERR_OK);
     ASSERT_TRUE(test::processEventsUntil([&] { return s.shotCount() >= 7; }))
-        << s.shotCount() << " " << s.shots.back().first << " " << s.shots.back().second.size()
-        << " in RAM " << body().objectsInRam();
+        << s.shotCount() << " " << s.shots.back().first << " " << s.shots.back().second.size() << " in RAM "
+        << body().objectsInRam();
     EXPECT_NE(s.shots[5].first.find(".cr2"), std::string::npos) << s.shots[5].first;
     EXPECT_NE(s.shots[6].first.find(".jpg"), std::string::npos) << s.shots[6].first;
 }
