@@ -130,7 +130,8 @@ protected:
         // meeting an error a test injects next.
         const bool settled = waitFor([&] {
             for (const auto &p : named(kOKVA_CanonCameraPropertyDidChange))
-                if (p.note.userInfo.value(kOKVA_CanonCameraPropertyName).toString() == QLatin1String("SaveTo"))
+                if (p.note.userInfo.value(kOKVA_CanonCameraPropertyName).toString() ==
+                    QLatin1String("SaveTo"))
                     return true;
             return false;
         });
@@ -148,14 +149,12 @@ protected:
 // A delegate whose answer the test sets.
 class TestDelegate : public OKVA_CanonCameraDelegate {
 public:
-    bool cancelDownloadForProgress(eds::EdsUInt32 percent) override {
+    bool cancelDownloadForProgress(eds::EdsUInt32) override {
         asked.fetch_add(1);
-        lastPercent = percent;
         return cancel.load();
     }
     std::atomic<bool> cancel{false};
     std::atomic<int> asked{0};
-    std::atomic<unsigned> lastPercent{0};
 };
 
 } // namespace brix::test

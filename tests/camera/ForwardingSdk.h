@@ -11,6 +11,12 @@
 
 namespace brix::eds {
 
+// One override that passes the call on unchanged.
+#define BRIX_FORWARD(ret, name, params, args)                                                                \
+    ret name params override {                                                                               \
+        return inner_->name args;                                                                            \
+    }
+
 class ForwardingSdk : public EdsSdk {
 public:
     explicit ForwardingSdk(std::shared_ptr<EdsSdk> inner) : inner_(std::move(inner)) {}
@@ -18,99 +24,63 @@ public:
 
     const char *backendName() const override { return inner_->backendName(); }
     const char *libraryPath() const override { return inner_->libraryPath(); }
-    EdsError EdsInitializeSDK() override { return inner_->EdsInitializeSDK(); }
-    EdsError EdsTerminateSDK() override { return inner_->EdsTerminateSDK(); }
-    EdsError EdsSetCameraAddedHandler(EdsCameraAddedHandler inCameraAddedHandler,
-                                      EdsVoid *inContext) override {
-        return inner_->EdsSetCameraAddedHandler(inCameraAddedHandler, inContext);
-    }
-    EdsError EdsGetCameraList(EdsCameraListRef *outCameraListRef) override {
-        return inner_->EdsGetCameraList(outCameraListRef);
-    }
-    EdsError EdsGetChildCount(EdsBaseRef inRef, EdsUInt32 *outCount) override {
-        return inner_->EdsGetChildCount(inRef, outCount);
-    }
-    EdsError EdsGetChildAtIndex(EdsBaseRef inRef, EdsInt32 inIndex, EdsBaseRef *outRef) override {
-        return inner_->EdsGetChildAtIndex(inRef, inIndex, outRef);
-    }
-    EdsError EdsGetDeviceInfo(EdsCameraRef inCameraRef, EdsDeviceInfo *outDeviceInfo) override {
-        return inner_->EdsGetDeviceInfo(inCameraRef, outDeviceInfo);
-    }
-    EdsUInt32 EdsRetain(EdsBaseRef inRef) override { return inner_->EdsRetain(inRef); }
-    EdsUInt32 EdsRelease(EdsBaseRef inRef) override { return inner_->EdsRelease(inRef); }
-    EdsError EdsOpenSession(EdsCameraRef inCameraRef) override { return inner_->EdsOpenSession(inCameraRef); }
-    EdsError EdsCloseSession(EdsCameraRef inCameraRef) override {
-        return inner_->EdsCloseSession(inCameraRef);
-    }
-    EdsError EdsSetCameraStateEventHandler(EdsCameraRef inCameraRef, EdsStateEvent inEvent,
-                                           EdsStateEventHandler inStateEventHandler,
-                                           EdsVoid *inContext) override {
-        return inner_->EdsSetCameraStateEventHandler(inCameraRef, inEvent, inStateEventHandler, inContext);
-    }
-    EdsError EdsSetPropertyEventHandler(EdsCameraRef inCameraRef, EdsPropertyEvent inEvent,
-                                        EdsPropertyEventHandler inPropertyEventHandler,
-                                        EdsVoid *inContext) override {
-        return inner_->EdsSetPropertyEventHandler(inCameraRef, inEvent, inPropertyEventHandler, inContext);
-    }
-    EdsError EdsSetObjectEventHandler(EdsCameraRef inCameraRef, EdsObjectEvent inEvent,
-                                      EdsObjectEventHandler inObjectEventHandler,
-                                      EdsVoid *inContext) override {
-        return inner_->EdsSetObjectEventHandler(inCameraRef, inEvent, inObjectEventHandler, inContext);
-    }
-    EdsError EdsGetPropertySize(EdsBaseRef inRef, EdsPropertyID inPropertyID, EdsInt32 inParam,
-                                EdsDataType *outDataType, EdsUInt32 *outSize) override {
-        return inner_->EdsGetPropertySize(inRef, inPropertyID, inParam, outDataType, outSize);
-    }
-    EdsError EdsGetPropertyData(EdsBaseRef inRef, EdsPropertyID inPropertyID, EdsInt32 inParam,
-                                EdsUInt32 inPropertySize, EdsVoid *outPropertyData) override {
-        return inner_->EdsGetPropertyData(inRef, inPropertyID, inParam, inPropertySize, outPropertyData);
-    }
-    EdsError EdsSetPropertyData(EdsBaseRef inRef, EdsPropertyID inPropertyID, EdsInt32 inParam,
-                                EdsUInt32 inPropertySize, const EdsVoid *inPropertyData) override {
-        return inner_->EdsSetPropertyData(inRef, inPropertyID, inParam, inPropertySize, inPropertyData);
-    }
-    EdsError EdsGetPropertyDesc(EdsBaseRef inRef, EdsPropertyID inPropertyID,
-                                EdsPropertyDesc *outPropertyDesc) override {
-        return inner_->EdsGetPropertyDesc(inRef, inPropertyID, outPropertyDesc);
-    }
-    EdsError EdsSendCommand(EdsCameraRef inCameraRef, EdsCameraCommand inCommand, EdsInt32 inParam) override {
-        return inner_->EdsSendCommand(inCameraRef, inCommand, inParam);
-    }
-    EdsError EdsSendStatusCommand(EdsCameraRef inCameraRef, EdsCameraStatusCommand inStatusCommand,
-                                  EdsInt32 inParam) override {
-        return inner_->EdsSendStatusCommand(inCameraRef, inStatusCommand, inParam);
-    }
-    EdsError EdsSetCapacity(EdsCameraRef inCameraRef, EdsCapacity inCapacity) override {
-        return inner_->EdsSetCapacity(inCameraRef, inCapacity);
-    }
-    EdsError EdsGetDirectoryItemInfo(EdsDirectoryItemRef inDirItemRef,
-                                     EdsDirectoryItemInfo *outDirItemInfo) override {
-        return inner_->EdsGetDirectoryItemInfo(inDirItemRef, outDirItemInfo);
-    }
-    EdsError EdsCreateMemoryStreamFromPointer(EdsVoid *inUserBuffer, EdsUInt64 inBufferSize,
-                                              EdsStreamRef *outStream) override {
-        return inner_->EdsCreateMemoryStreamFromPointer(inUserBuffer, inBufferSize, outStream);
-    }
-    EdsError EdsSetProgressCallback(EdsBaseRef inRef, EdsProgressCallback inProgressFunc,
-                                    EdsProgressOption inProgressOption, EdsVoid *inContext) override {
-        return inner_->EdsSetProgressCallback(inRef, inProgressFunc, inProgressOption, inContext);
-    }
-    EdsError EdsDownload(EdsDirectoryItemRef inDirItemRef, EdsUInt64 inReadSize,
-                         EdsStreamRef outStream) override {
-        return inner_->EdsDownload(inDirItemRef, inReadSize, outStream);
-    }
-    EdsError EdsDownloadComplete(EdsDirectoryItemRef inDirItemRef) override {
-        return inner_->EdsDownloadComplete(inDirItemRef);
-    }
-    EdsError EdsCreateEvfImageRef(EdsStreamRef inStreamRef, EdsEvfImageRef *outEvfImageRef) override {
-        return inner_->EdsCreateEvfImageRef(inStreamRef, outEvfImageRef);
-    }
-    EdsError EdsDownloadEvfImage(EdsCameraRef inCameraRef, EdsEvfImageRef inEvfImageRef) override {
-        return inner_->EdsDownloadEvfImage(inCameraRef, inEvfImageRef);
-    }
+    BRIX_FORWARD(EdsError, EdsInitializeSDK, (), ())
+    BRIX_FORWARD(EdsError, EdsTerminateSDK, (), ())
+    BRIX_FORWARD(EdsError, EdsSetCameraAddedHandler, (EdsCameraAddedHandler handler, EdsVoid *context),
+                 (handler, context))
+    BRIX_FORWARD(EdsError, EdsGetCameraList, (EdsCameraListRef * out), (out))
+    BRIX_FORWARD(EdsError, EdsGetChildCount, (EdsBaseRef ref, EdsUInt32 *out), (ref, out))
+    BRIX_FORWARD(EdsError, EdsGetChildAtIndex, (EdsBaseRef ref, EdsInt32 index, EdsBaseRef *out),
+                 (ref, index, out))
+    BRIX_FORWARD(EdsError, EdsGetDeviceInfo, (EdsCameraRef camera, EdsDeviceInfo *out), (camera, out))
+    BRIX_FORWARD(EdsUInt32, EdsRetain, (EdsBaseRef ref), (ref))
+    BRIX_FORWARD(EdsUInt32, EdsRelease, (EdsBaseRef ref), (ref))
+    BRIX_FORWARD(EdsError, EdsOpenSession, (EdsCameraRef camera), (camera))
+    BRIX_FORWARD(EdsError, EdsCloseSession, (EdsCameraRef camera), (camera))
+    BRIX_FORWARD(EdsError, EdsSetCameraStateEventHandler,
+                 (EdsCameraRef camera, EdsStateEvent event, EdsStateEventHandler handler, EdsVoid *context),
+                 (camera, event, handler, context))
+    BRIX_FORWARD(EdsError, EdsSetPropertyEventHandler,
+                 (EdsCameraRef camera, EdsPropertyEvent event, EdsPropertyEventHandler handler,
+                  EdsVoid *context),
+                 (camera, event, handler, context))
+    BRIX_FORWARD(EdsError, EdsSetObjectEventHandler,
+                 (EdsCameraRef camera, EdsObjectEvent event, EdsObjectEventHandler handler, EdsVoid *context),
+                 (camera, event, handler, context))
+    BRIX_FORWARD(EdsError, EdsGetPropertySize,
+                 (EdsBaseRef ref, EdsPropertyID id, EdsInt32 param, EdsDataType *type, EdsUInt32 *size),
+                 (ref, id, param, type, size))
+    BRIX_FORWARD(EdsError, EdsGetPropertyData,
+                 (EdsBaseRef ref, EdsPropertyID id, EdsInt32 param, EdsUInt32 size, EdsVoid *data),
+                 (ref, id, param, size, data))
+    BRIX_FORWARD(EdsError, EdsSetPropertyData,
+                 (EdsBaseRef ref, EdsPropertyID id, EdsInt32 param, EdsUInt32 size, const EdsVoid *data),
+                 (ref, id, param, size, data))
+    BRIX_FORWARD(EdsError, EdsGetPropertyDesc, (EdsBaseRef ref, EdsPropertyID id, EdsPropertyDesc *desc),
+                 (ref, id, desc))
+    BRIX_FORWARD(EdsError, EdsSendCommand, (EdsCameraRef camera, EdsCameraCommand command, EdsInt32 param),
+                 (camera, command, param))
+    BRIX_FORWARD(EdsError, EdsSendStatusCommand,
+                 (EdsCameraRef camera, EdsCameraStatusCommand command, EdsInt32 param),
+                 (camera, command, param))
+    BRIX_FORWARD(EdsError, EdsSetCapacity, (EdsCameraRef camera, EdsCapacity capacity), (camera, capacity))
+    BRIX_FORWARD(EdsError, EdsGetDirectoryItemInfo, (EdsDirectoryItemRef item, EdsDirectoryItemInfo *info),
+                 (item, info))
+    BRIX_FORWARD(EdsError, EdsCreateMemoryStreamFromPointer,
+                 (EdsVoid * buffer, EdsUInt64 size, EdsStreamRef *out), (buffer, size, out))
+    BRIX_FORWARD(EdsError, EdsSetProgressCallback,
+                 (EdsBaseRef ref, EdsProgressCallback callback, EdsProgressOption option, EdsVoid *context),
+                 (ref, callback, option, context))
+    BRIX_FORWARD(EdsError, EdsDownload, (EdsDirectoryItemRef item, EdsUInt64 size, EdsStreamRef stream),
+                 (item, size, stream))
+    BRIX_FORWARD(EdsError, EdsDownloadComplete, (EdsDirectoryItemRef item), (item))
+    BRIX_FORWARD(EdsError, EdsCreateEvfImageRef, (EdsStreamRef stream, EdsEvfImageRef *out), (stream, out))
+    BRIX_FORWARD(EdsError, EdsDownloadEvfImage, (EdsCameraRef camera, EdsEvfImageRef image), (camera, image))
 
 protected:
     std::shared_ptr<EdsSdk> inner_;
 };
+
+#undef BRIX_FORWARD
 
 } // namespace brix::eds

@@ -1,10 +1,12 @@
 // The camera object, its command queue, discovery, download and live view,
-// run against the simulated camera; and the conversions between dates and
-// time records, which need no camera.
+// run against the simulated camera; and what needs no camera: the conversions
+// between dates and time records, and the battery level's display text (the
+// texts are dictionary keys elsewhere, so a wrong one is a real fault).
 #include "CameraClassState.h"
 #include "CameraFixture.h"
 #include "LogCapture.h"
 #include "OKVA_CanonCamera.h"
+#include "PropertyDisplay.h"
 
 #include <QImage>
 #include <QTimeZone>
@@ -51,6 +53,12 @@ TEST_F(Discovery, StartUpListsTheCameraAndAnUpdateThatFindsOnlyListedCamerasEmpt
     EXPECT_FALSE(list[0]->isLegacyModel());
     EXPECT_FALSE(list[0]->isLoaded());
 
+    // While the list is being changed, asking for it answers nothing.
+    auto &listLock = CameraClassState::get().listLock;
+    ASSERT_TRUE(listLock.tryLock());
+    EXPECT_FALSE(OKVA_CanonCamera::cameras().has_value());
+    listLock.unlock();
+
     // The same body again is not new: the list empties and nobody is told.
     OKVA_CanonCamera::updateCameraList();
     EXPECT_TRUE(waitFor([&] {
@@ -59,16 +67,6 @@ TEST_F(Discovery, StartUpListsTheCameraAndAnUpdateThatFindsOnlyListedCamerasEmpt
     }));
     settle();
     EXPECT_EQ(count(kOKVA_CanonCameraListDidUpdate), 1u);
-}
-
-TEST_F(Discovery, CamerasAnswersNothingWhileTheListIsBusy) {
-    waitForCameras(1);
-    auto &listLock = CameraClassState::get().listLock;
-    ASSERT_TRUE(listLock.tryLock());
-    EXPECT_FALSE(OKVA_CanonCamera::cameras().has_value());
-    listLock.unlock();
-    ASSERT_TRUE(OKVA_CanonCamera::cameras().has_value());
-    EXPECT_EQ(OKVA_CanonCamera::cameras()->size(), 1);
 }
 
 // Counts camera-list reads, i.e. list updates that ran.
@@ -686,4 +684,11 @@ TEST(CameraTimeRecord, RoundTripWithMillisecondsInvalidRecordsAndTheWeekBasedYea
     OKVA_CanonCamera::EDSTime(&lateDecember, QDateTime(QDate(2024, 12, 30), QTime(12, 0), Qt::LocalTime));
     EXPECT_EQ(lateDecember.year, 2025u);
     EXPECT_EQ(lateDecember.day, 30u);
+}
+
+TEST(DisplayTables, BatteryLevelIsSignedWithMainsPower) {
+    EXPECT_EQ(stringForPropertyID(kEdsPropID_BatteryLevel, 0xFFFFFFFF), "AC Power");
+    EXPECT_EQ(stringForPropertyID(kEdsPropID_BatteryLevel, 100), "100 %");
+    EXPECT_EQ(stringForPropertyID(kEdsPropID_BatteryLevel, 0xFFFFFFFE), "-2 %");
+    EXPECT_EQ(stringForPropertyID(kEdsPropID_BatteryQuality, 4), "unknown");
 }

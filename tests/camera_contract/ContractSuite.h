@@ -7,9 +7,9 @@
 //                            [](const auto &info) { return info.param.name; });
 //
 // The record's optional drivers stand for what a person would do at the camera
-// (press the shutter, pull the cable) and for test-only hooks (error
-// injection, reference accounting); a case that needs a driver the backend does
-// not have is skipped. A backend needs one camera attached when the suite runs.
+// (pull the cable) and for test-only hooks (error injection, reference
+// accounting); a case that needs a driver the backend does not have is
+// skipped. A backend needs one camera attached when the suite runs.
 #pragma once
 
 #include "ContractSupport.h"

@@ -27,8 +27,6 @@ namespace brix::eds::contract {
 struct Backend {
     std::string name;
     std::function<std::unique_ptr<EdsSdk>()> make;
-    // The shutter pressed on the body; false when it could not be.
-    std::function<bool(EdsSdk &)> pressShutter;
     // The cable pulled from the camera that has the session.
     std::function<bool(EdsSdk &)> unplug;
     // The next `count` calls of `operation` fail with `code`.
@@ -49,7 +47,7 @@ inline void PrintTo(const Backend &backend, std::ostream *os) {
 // Everything the backend called back, with the thread it called on.
 struct EventLog {
     struct Event {
-        char kind; // 's' state, 'p' property, 'o' object, 'a' camera added
+        char kind; // 's' state, 'p' property, 'o' object
         EdsUInt32 event;
         EdsUInt32 a;
         std::thread::id thread;
@@ -91,10 +89,6 @@ struct EventLog {
             log->items.push_back(ref);
         }
         log->add({'o', event, 0, std::this_thread::get_id()});
-        return EDS_ERR_OK;
-    }
-    static EdsError onAdded(EdsVoid *context) {
-        static_cast<EventLog *>(context)->add({'a', 0, 0, std::this_thread::get_id()});
         return EDS_ERR_OK;
     }
 };

@@ -15,6 +15,11 @@
 
 namespace brix::test {
 
+// The regular expression of a log line's head: time, then "[Q <label>] ".
+inline QString lineHeadPattern(const QString &label) {
+    return QStringLiteral(R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}\[Q %1\] )").arg(label);
+}
+
 class LogCapture {
 public:
     LogCapture() {
@@ -43,8 +48,7 @@ public:
     // Every message written so far, without the time and queue prefix. A
     // message that spans several lines comes back whole.
     QStringList messages() {
-        static const QRegularExpression head(
-            QStringLiteral("^\\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\\.\\d{3}\\[Q [^\\]]*\\] "));
+        static const QRegularExpression head('^' + lineHeadPattern(QStringLiteral("[^\\]]*")));
         QStringList out;
         for (const QString &line : QString::fromUtf8(text()).split('\n', Qt::SkipEmptyParts)) {
             const QRegularExpressionMatch m = head.match(line);

@@ -2,7 +2,10 @@
 // available" with a clear log line, whatever is or is not installed), and the
 // backend over libEDSDK-sim.so: found through BRIX_EDSDK_PATH, its events reach
 // the application only through the EdsGetEvent pump, on the backend's event
-// queue, and events for a handler cleared meanwhile are dropped.
+// queue, and events for a handler cleared meanwhile are dropped; and the
+// backend contract over that library: the same cases the simulator passes
+// in-process, now across the C interface and the EdsGetEvent pump.
+#include "ContractSuite.h"
 #include "EdsdkLibrary.h"
 #include "EdsdkSdk.h"
 #include "LogCapture.h"
@@ -24,24 +27,10 @@ using namespace brix::eds;
 
 namespace {
 
-// Sets an environment variable for one scope.
-class ScopedEnv {
-public:
-    ScopedEnv(const char *name, const QByteArray &value)
-        : name_(name), old_(qgetenv(name)), had_(qEnvironmentVariableIsSet(name)) {
-        qputenv(name, value);
-    }
-    ~ScopedEnv() {
-        if (had_)
-            qputenv(name_, old_);
-        else
-            qunsetenv(name_);
-    }
-
-private:
-    const char *name_;
-    QByteArray old_;
-    bool had_;
+// Points the loader at a path for one scope (the test environment sets none).
+struct LibraryPath {
+    explicit LibraryPath(const QString &path) { qputenv(kEdsdkPathVariable, path.toUtf8()); }
+    ~LibraryPath() { qunsetenv(kEdsdkPathVariable); }
 };
 
 } // namespace
@@ -49,7 +38,7 @@ private:
 TEST(EdsdkLoader, MissingLibraryIsRefusedWithTheReasonAndTheBackendIsNotAvailable) {
     QTemporaryDir dir;
     const QString missing = dir.filePath("nowhere/libEDSDK.so");
-    ScopedEnv env(kEdsdkPathVariable, missing.toUtf8());
+    LibraryPath env(missing);
     // Nothing beside the test program or on the loader's path either, on a
     // machine without Canon's library.
     test::LogCapture log;
@@ -83,7 +72,7 @@ TEST(EdsdkLoader, LibraryLackingAFunctionOrNoLibraryAtAllIsRefused) {
     // and the search goes on (to nothing, here).
     QTemporaryDir dir;
     ASSERT_TRUE(QFile::link(BRIX_EDSDK_INCOMPLETE_LIBRARY, dir.filePath(kEdsdkLibraryName)));
-    ScopedEnv env(kEdsdkPathVariable, dir.path().toUtf8());
+    LibraryPath env(dir.path());
     EXPECT_EQ(createEdsdkSdk(&why), nullptr);
     EXPECT_NE(why.find(QDir(dir.path()).filePath(kEdsdkLibraryName).toStdString() +
                        ": the function EdsDownloadEvfImage is missing"),
@@ -102,6 +91,34 @@ TEST(EdsdkLoader, LibraryLackingAFunctionOrNoLibraryAtAllIsRefused) {
 #ifdef BRIX_EDSDK_SIM_LIBRARY
 
 using brix::test::SimLibrary;
+
+namespace brix::eds::contract {
+namespace {
+
+Backend edsdkBackend() {
+    Backend b;
+    b.name = "Edsdk";
+    b.make = [] {
+        // Live-view frames come when nextFrame says; the pump keeps real time.
+        SimLibrary::useManualClock(true);
+        return SimLibrary::makeSdk();
+    };
+    b.unplug = [](EdsSdk &) { return SimLibrary::control()->unplug(); };
+    b.injectError = [](EdsSdk &, const std::string &op, EdsError code, unsigned count) {
+        return SimLibrary::control()->injectError(op, code, count);
+    };
+    b.callerReferences = [](EdsSdk &) { return SimLibrary::control()->callerReferenceCount(); };
+    b.nextFrame = [] { SimLibrary::advanceClock(0.1); };
+    b.done = [] { SimLibrary::useManualClock(false); };
+    return b;
+}
+
+} // namespace
+
+INSTANTIATE_TEST_SUITE_P(Edsdk, EdsContract, ::testing::Values(edsdkBackend()),
+                         [](const ::testing::TestParamInfo<Backend> &info) { return info.param.name; });
+
+} // namespace brix::eds::contract
 
 namespace {
 
@@ -140,7 +157,7 @@ TEST(EdsdkBackend, IsFoundThroughTheFolderInTheEnvironmentAndSaysWhereItLoadedFr
     test::LogCapture log;
     std::string why;
     {
-        ScopedEnv env(kEdsdkPathVariable, dir.path().toUtf8());
+        LibraryPath env(dir.path());
         chosen = createSdk("edsdk", &why);
         automatic = createSdk("auto", &why);
     }

@@ -1,7 +1,8 @@
 // The real libgphoto2 with its real usb1 port driver and ptp2 camera driver on
-// an EOS body emulated below libusb (eosbody/): first the adapter's own calls,
-// then the whole backend as the station uses it.
+// an EOS body emulated below libusb (eosbody/): the whole backend as the
+// station uses it, and under the backend contract shared with the simulator.
 #include "ClaimedDevice.h"
+#include "ContractSuite.h"
 #include "EosBody.h"
 #include "Gphoto2Port.h"
 #include "Gphoto2Sdk.h"
@@ -25,8 +26,6 @@ using brix::eosbody::EosBody;
 
 namespace {
 
-constexpr const char *kModel = "Canon EOS 5D Mark IV";
-
 class EmulatedBody : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -35,55 +34,7 @@ protected:
     }
     void TearDown() override { body().unplug(); }
     static EosBody &body() { return EosBody::instance(); }
-
-    // Waits for file-added events through the adapter until `count` arrived.
-    static std::vector<Event> filesAdded(Gphoto2Port &port, Gphoto2Port::Handle h, size_t count) {
-        std::vector<Event> files;
-        for (int i = 0; i < 200 && files.size() < count; ++i) {
-            Event e;
-            if (port.waitForEvent(h, 10, &e) != gp::OK)
-                break;
-            if (e.type == Event::Type::FileAdded)
-                files.push_back(e);
-        }
-        return files;
-    }
 };
-
-} // namespace
-
-TEST_F(EmulatedBody, LibgphotoFindsOpensAndCapturesToRamThroughPtp) {
-    auto port = makeLibGphoto2Port();
-    std::vector<DetectedCamera> found;
-    ASSERT_EQ(port->autodetect(&found), gp::OK);
-    ASSERT_EQ(found.size(), 1u);
-    EXPECT_EQ(found[0].model, kModel);
-    EXPECT_EQ(found[0].port, body().portPath());
-
-    Gphoto2Port::Handle h = 0;
-    ASSERT_EQ(port->openCamera(found[0], &h), gp::OK) << port->describe(gp::Error, 0);
-    Widget target;
-    ASSERT_EQ(port->getWidget(h, "capturetarget", &target), gp::OK);
-    Widget ram;
-    ram.text = "Internal RAM";
-    ASSERT_EQ(port->setWidget(h, "capturetarget", ram), gp::OK);
-    EXPECT_EQ(body().captureDestination(), 4u);
-    Widget aperture;
-    ASSERT_EQ(port->getWidget(h, "aperture", &aperture), gp::OK);
-    EXPECT_EQ(aperture.text, "5.6");
-
-    ASSERT_EQ(port->triggerCapture(h), gp::OK) << port->describe(gp::Error, h);
-    const auto files = filesAdded(*port, h, 1);
-    ASSERT_EQ(files.size(), 1u);
-    EXPECT_EQ(files[0].folder, "/");
-    std::string jpeg;
-    ASSERT_EQ(port->getFile(h, files[0].folder, files[0].name, &jpeg), gp::OK);
-    EXPECT_EQ(jpeg.substr(0, 2), "\xFF\xD8");
-    EXPECT_EQ(body().objectsInRam(), 0);
-    port->closeCamera(h);
-}
-
-namespace {
 
 // The station's side of the boundary, reduced to what a shot needs: every
 // object event downloads the item whole, as the camera code does.
@@ -182,7 +133,7 @@ TEST_F(EmulatedBody, BackendSavesEveryShotOfABurstCapturedToRam) {
     EXPECT_EQ(modes.propDesc[0], 3); // Manual
     // The body reports each shot during the release of the next one, where
     // libgphoto2 discards what it fetched before releasing.
-    body().transferRequestAfterPolls(1);
+    body().command("transfer-after-polls 1");
     for (int i = 0; i < 5; ++i)
         ASSERT_EQ(s.shoot(), EDS_ERR_OK);
     ASSERT_TRUE(test::processEventsUntil([&] { return s.shotCount() >= 5; })) << s.shotCount();
@@ -194,11 +145,11 @@ TEST_F(EmulatedBody, BackendSavesEveryShotOfABurstCapturedToRam) {
     EXPECT_EQ(body().objectsInRam(), 0);
 
     // RAW+JPEG: both files of the shot, the pair together.
-    body().rawPlusJpeg(true);
+    body().command("raw+jpeg 1");
     ASSERT_EQ(s.shoot(), EDS_ERR_OK);
     ASSERT_TRUE(test::processEventsUntil([&] { return s.shotCount() >= 7; }))
-        << s.shotCount() << " " << s.shots.back().first << " " << s.shots.back().second.size()
-        << " shots taken " << body().shotsTaken() << " in RAM " << body().objectsInRam();
+        << s.shotCount() << " " << s.shots.back().first << " " << s.shots.back().second.size() << " in RAM "
+        << body().objectsInRam();
     EXPECT_NE(s.shots[5].first.find(".cr2"), std::string::npos) << s.shots[5].first;
     EXPECT_NE(s.shots[6].first.find(".jpg"), std::string::npos) << s.shots[6].first;
 }
@@ -208,14 +159,14 @@ TEST_F(EmulatedBody, ReplugIoErrorsAndBusyAnswersLoseNoMoreThanTheShotInTransfer
     ASSERT_TRUE(s.open());
 
     // One failed transfer is not a vanished body: the next shot is saved.
-    body().failTransfers(1);
+    body().command("fail-transfers 1");
     ASSERT_EQ(s.shoot(), EDS_ERR_OK);
     ASSERT_EQ(s.shoot(), EDS_ERR_OK);
     ASSERT_TRUE(test::processEventsUntil([&] { return s.shotCount() >= 1; }));
     EXPECT_EQ(s.shutdowns.load(), 0);
 
     // Busy for a moment: the shot is refused as busy, the next one goes.
-    body().answerBusy(1);
+    body().command("busy 1");
     EXPECT_EQ(s.shoot(), EDS_ERR_DEVICE_BUSY);
     ASSERT_EQ(s.shoot(), EDS_ERR_OK);
     ASSERT_TRUE(test::processEventsUntil([&] { return s.shotCount() >= 2; }));
@@ -254,7 +205,7 @@ TEST_F(EmulatedBody, LiveViewOutlivesABodyThatIsNotReadyForThreeSeconds) {
 
     // libgphoto2 waits 3 s for a frame, then gives up with a plain error: a
     // frame that is not there yet, not the end of live view.
-    body().viewfinderNotReadyFor(3200);
+    body().command("viewfinder-not-ready-ms 3200");
     EXPECT_EQ(s.sdk.EdsDownloadEvfImage(s.camera, image), EDS_ERR_OBJECT_NOTREADY);
     ASSERT_TRUE(
         test::processEventsUntil([&] { return s.sdk.EdsDownloadEvfImage(s.camera, image) == EDS_ERR_OK; }));
@@ -326,7 +277,7 @@ TEST_F(EmulatedBody, SettingsTravelBothWaysThroughLibgphotosLabels) {
     EXPECT_EQ(when.second, 15u);
 
     // Busy for a moment: refused as busy, and the next try goes through.
-    body().answerBusy(1);
+    body().command("busy 1");
     EXPECT_EQ(writeU32(s, kEdsPropID_Tv, 0x78), EDS_ERR_DEVICE_BUSY);
     EXPECT_EQ(body().property(0xD102), 0x68u);
     EXPECT_EQ(writeU32(s, kEdsPropID_Tv, 0x78), EDS_ERR_OK);
@@ -418,10 +369,10 @@ TEST_F(EmulatedBody, AClaimedBodyIsFreedFromTheDesktopOnlyWithLeave) {
         if (out)
             *out = "Mount(0): Canon EOS 5D Mark IV -> " + mount + "\n";
         if (args.value(1) == "-u")
-            body().claimedByOther(false);
+            body().command("claimed 0");
         return 0;
     };
-    body().claimedByOther(true);
+    body().command("claimed 1");
     Station s(o);
     QString message;
     const auto token = NotificationCenter::defaultCenter().addObserver(
@@ -438,3 +389,30 @@ TEST_F(EmulatedBody, AClaimedBodyIsFreedFromTheDesktopOnlyWithLeave) {
     EXPECT_EQ(s.sdk.EdsOpenSession(s.camera), EDS_ERR_OK);
     EXPECT_EQ(gioCalls, (QStringList{"mount -l", "mount -u " + mount}));
 }
+
+namespace brix::eds::contract {
+namespace {
+
+Backend emulatedBodyBackend() {
+    Backend b;
+    b.name = "EmulatedEosBody";
+    b.make = []() -> std::unique_ptr<EdsSdk> {
+        EosBody::instance().command("reset");
+        EosBody::instance().plug();
+        return std::make_unique<Gphoto2Sdk>(makeLibGphoto2Port(), Station::fastOptions());
+    };
+    b.unplug = [](EdsSdk &) {
+        EosBody::instance().unplug();
+        return true;
+    };
+    b.callerReferences = [](EdsSdk &sdk) { return static_cast<Gphoto2Sdk &>(sdk).callerReferences(); };
+    b.done = [] { EosBody::instance().unplug(); };
+    return b;
+}
+
+} // namespace
+
+INSTANTIATE_TEST_SUITE_P(Gphoto2, EdsContract, ::testing::Values(emulatedBodyBackend()),
+                         [](const ::testing::TestParamInfo<Backend> &info) { return info.param.name; });
+
+} // namespace brix::eds::contract

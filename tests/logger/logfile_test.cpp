@@ -1,14 +1,22 @@
 // The reading end of the log: appending, the size check and rotation, and the
-// failure paths, run on a pipe of the test's own (descriptor 2 stays as it is).
+// failure paths, run on a pipe of the test's own (descriptor 2 stays as it is);
+// and the error alerts those failures raise: the modal presentation, and
+// desktop notifications against a stand-in notification server on the test
+// run's private session bus.
 #include "ErrorAlerts.h"
+#include "LogCapture.h"
 #include "LogFileWriter.h"
 #include "Logger.h"
-#include "LoggerTestSupport.h"
+#include "Preferences.h"
 #include "Scheduling.h"
 #include "TestSupport.h"
 
+#include <QDBusConnection>
+#include <QDBusConnectionInterface>
 #include <QDir>
 #include <QFileInfo>
+#include <QMap>
+#include <QObject>
 
 #include <gtest/gtest.h>
 
@@ -16,6 +24,7 @@
 #include <unistd.h>
 
 #include <mutex>
+#include <vector>
 
 using namespace brix;
 using test::readFile;
@@ -23,17 +32,34 @@ using test::writeFile;
 
 namespace {
 
-constexpr std::uint64_t kLimit = 4096;
-const QByteArray kReportHead = "\n    ====================================================\n    | ";
-
-class LogFile : public ::testing::Test {
+// Records every alert presented while the test runs.
+class PresentedAlerts : public ::testing::Test {
 protected:
     void SetUp() override {
-        Logger::setRotationLimitForTesting(kLimit);
         ErrorAlerts::setPresenter([this](const ErrorValue &e) {
             std::lock_guard lk(m_);
             alerts_.push_back(e);
         });
+    }
+    void TearDown() override { ErrorAlerts::setPresenter(nullptr); }
+    std::vector<ErrorValue> alerts() {
+        std::lock_guard lk(m_);
+        return alerts_;
+    }
+
+private:
+    std::mutex m_;
+    std::vector<ErrorValue> alerts_;
+};
+
+constexpr std::uint64_t kLimit = 4096;
+const QByteArray kReportHead = "\n    ====================================================\n    | ";
+
+class LogFile : public PresentedAlerts {
+protected:
+    void SetUp() override {
+        PresentedAlerts::SetUp();
+        Logger::setRotationLimitForTesting(kLimit);
         folder_ = test::testHome() + "/.local/state/Logs/Brix";
         path_ = folder_ + "/Station.log";
         oldPath_ = folder_ + "/Station.old.log";
@@ -44,7 +70,7 @@ protected:
         if (writeFd_ >= 0)
             ::close(writeFd_);
         Logger::setRotationLimitForTesting(0);
-        ErrorAlerts::setPresenter(nullptr);
+        PresentedAlerts::TearDown();
     }
 
     void start() {
@@ -58,16 +84,9 @@ protected:
         ASSERT_EQ(::write(writeFd_, bytes.constData(), size_t(bytes.size())), bytes.size());
         writer_->flush();
     }
-    std::vector<ErrorValue> alerts() {
-        std::lock_guard lk(m_);
-        return alerts_;
-    }
-
     QString folder_, path_, oldPath_;
     int writeFd_ = -1;
     std::shared_ptr<LogFileWriter> writer_;
-    std::mutex m_;
-    std::vector<ErrorValue> alerts_;
 };
 
 TEST_F(LogFile, AppendsToAnExistingFileAndMakesAMissingFolder) {
@@ -202,4 +221,118 @@ TEST_F(LogFile, AFailedReadIsShownToTheUser) {
               ErrorValue::posix(EISDIR, "Read Error in +[Logger setLogFile:]_block_invoke: Is a directory"));
 }
 
+// Answers Notify as a notification server does: a non-zero replaces_id of a
+// notification still shown replaces it.
+class FakeNotificationServer : public QObject {
+    Q_OBJECT
+    Q_CLASSINFO("D-Bus Interface", "org.freedesktop.Notifications")
+public:
+    struct Call {
+        uint replaces;
+        QString summary;
+        QString body;
+    };
+    std::vector<Call> calls;
+    QMap<uint, QString> onScreen;
+
+public slots:
+    uint Notify(const QString &, uint replaces, const QString &, const QString &summary, const QString &body,
+                const QStringList &, const QVariantMap &, int) {
+        calls.push_back({replaces, summary, body});
+        const uint id = replaces && onScreen.contains(replaces) ? replaces : nextId_++;
+        onScreen.insert(id, body);
+        return id;
+    }
+
+private:
+    uint nextId_ = 41;
+};
+
+class Alerts : public PresentedAlerts {
+protected:
+    void TearDown() override {
+        PresentedAlerts::TearDown();
+        Preferences::standard().removeObjectForKey(pref::kPreferNotificationsOverModalAlerts);
+        if (serverBus_) {
+            serverBus_->unregisterService("org.freedesktop.Notifications");
+            serverBus_->unregisterObject("/org/freedesktop/Notifications");
+            QDBusConnection::disconnectFromBus("fake-notification-server");
+        }
+    }
+
+    void startServer() {
+        serverBus_ = std::make_unique<QDBusConnection>(
+            QDBusConnection::connectToBus(QDBusConnection::SessionBus, "fake-notification-server"));
+        ASSERT_TRUE(serverBus_->isConnected());
+        ASSERT_TRUE(serverBus_->registerObject("/org/freedesktop/Notifications", &server_,
+                                               QDBusConnection::ExportAllSlots));
+        ASSERT_TRUE(serverBus_->registerService("org.freedesktop.Notifications"));
+    }
+
+    FakeNotificationServer server_;
+    std::unique_ptr<QDBusConnection> serverBus_;
+};
+
+TEST_F(Alerts, AnEmptyAlertLogsTheCallStackAndShowsTheUnknownError) {
+    test::LogCapture capture;
+    ErrorAlerts::displayErrorAlert(std::nullopt);
+    EXPECT_TRUE(alerts().empty()) << "presented later, on the main queue";
+    ASSERT_TRUE(test::processEventsUntil([&] { return !alerts().empty(); }));
+    EXPECT_EQ(alerts().front(), (ErrorValue{"Internal Error", -1, "An unknown error has occured!"}));
+    // One log line per frame, this test's own among them.
+    const QStringList lines = QString::fromUtf8(capture.text()).split('\n', Qt::SkipEmptyParts);
+    EXPECT_GE(lines.size(), 4);
+    EXPECT_FALSE(lines.filter("test_logger").isEmpty()) << capture.text().constData();
+}
+
+TEST_F(Alerts, WithoutAPresenterTheAlertIsALogLine) {
+    ErrorAlerts::setPresenter(nullptr);
+    test::LogCapture capture;
+    ErrorAlerts::displayErrorAlert(ErrorValue::posix(28, "disk full 100%"));
+    ASSERT_TRUE(test::processEventsUntil([&] { return capture.text().contains("presentError"); }));
+    EXPECT_TRUE(capture.text().contains("[Q com.apple.main-thread] presentError: Error "
+                                        "Domain=NSPOSIXErrorDomain Code=28 \"disk full 100%\"\n"))
+        << capture.text().constData();
+}
+
+TEST_F(Alerts, ThePreferenceChoosesAndOneNotificationPerIdentifierIsReplacedNotPiledUp) {
+    startServer();
+    // The preference off: the modal alert, though a server is there.
+    Preferences::standard().setBool(false, pref::kPreferNotificationsOverModalAlerts);
+    ErrorAlerts::alertUserOfError(ErrorValue::posix(5, "camera gone"), "pref-off");
+    ASSERT_TRUE(test::processEventsUntil([&] { return !alerts().empty(); }));
+    EXPECT_EQ(alerts().front().localizedDescription, "camera gone");
+    EXPECT_TRUE(server_.calls.empty());
+
+    Preferences::standard().setBool(true, pref::kPreferNotificationsOverModalAlerts);
+    ErrorAlerts::alertUserOfError(ErrorValue::posix(5, "first"), "camera-errors");
+    ErrorAlerts::alertUserOfError(ErrorValue::posix(5, "second"), "camera-errors");
+    ErrorAlerts::alertUserOfError(ErrorValue::posix(28, "disk"), "disk-errors");
+    ErrorAlerts::alertUserOfError(ErrorValue::posix(5, "third"), "camera-errors");
+    ASSERT_TRUE(test::processEventsUntil([&] { return server_.calls.size() == 4; }));
+    EXPECT_EQ(server_.calls[0].replaces, 0u);
+    EXPECT_EQ(server_.calls[1].replaces, 41u);
+    EXPECT_EQ(server_.calls[2].replaces, 0u);
+    EXPECT_EQ(server_.calls[3].replaces, 41u);
+    EXPECT_EQ(server_.calls[0].summary, "BrixCanonCapture");
+    EXPECT_EQ(server_.onScreen, (QMap<uint, QString>{{41, "third"}, {42, "disk"}}));
+    // Nothing fell back to the modal alert.
+    test::processEventsUntil([] { return false; }, std::chrono::milliseconds(50));
+    EXPECT_EQ(alerts().size(), 1u);
+}
+
+TEST_F(Alerts, WithoutANotificationServerTheModalAlertIsShown) {
+    ASSERT_FALSE(
+        QDBusConnection::sessionBus().interface()->isServiceRegistered("org.freedesktop.Notifications"));
+    Preferences::standard().setBool(true, pref::kPreferNotificationsOverModalAlerts);
+    test::LogCapture capture;
+    ErrorAlerts::alertUserOfError(ErrorValue::posix(5, "nobody listens"), "no-server");
+    ASSERT_TRUE(test::processEventsUntil([&] { return !alerts().empty(); }));
+    EXPECT_EQ(alerts().front().localizedDescription, "nobody listens");
+    EXPECT_TRUE(capture.text().contains("alertUserOfError: notification for no-server not shown ("))
+        << capture.text().constData();
+}
+
 } // namespace
+
+#include "logfile_test.moc"

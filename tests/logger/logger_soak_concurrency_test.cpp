@@ -6,7 +6,6 @@
 // exactly once.
 #include "Logger.h"
 #include "LoggerSoak.h"
-#include "LoggerTestSupport.h"
 #include "Scheduling.h"
 #include "TestSupport.h"
 

@@ -1,9 +1,11 @@
 // The log line: levels, the caller's queue label, verbatim messages, long
-// lines, where the default log file lives, and the hex dump of binary data.
+// lines, where the default log file lives, the hex dump of binary data, and the
+// values the system report at the head of each log reads from Linux.
+#include "LogCapture.h"
 #include "Logger.h"
-#include "LoggerTestSupport.h"
 #include "Paths.h"
 #include "Scheduling.h"
+#include "SystemInfo.h"
 #include "TestSupport.h"
 
 #include <QDir>
@@ -62,7 +64,8 @@ TEST_F(LoggerLines, LineCarriesTheCallersQueueRightAfterTheTime) {
     const QStringList got = lines(capture.text());
     ASSERT_EQ(got.size(), 4) << capture.text().constData();
     const auto matches = [](const QString &line, const QString &label, const QString &message) {
-        return QRegularExpression(QStringLiteral("^") + test::lineHeadPattern(label) +
+        return QRegularExpression(QStringLiteral("^") +
+                                  test::lineHeadPattern(QRegularExpression::escape(label)) +
                                   QRegularExpression::escape(message) + QStringLiteral("$"))
             .match(line)
             .hasMatch();
@@ -143,6 +146,31 @@ TEST(Hexdump, ARunAtTheEndIsAnnouncedAndARangeCountsFromItsStart) {
     EXPECT_EQ(hexdump(data, 1, 2), "00000000  79 7a " + QString(14 * 3 + 1, ' ') + " |yz|\n");
     EXPECT_EQ(hexdump(QByteArray()), QString());
     EXPECT_EQ(hexdump(data, 100), QString());
+}
+
+TEST(SysctlRendering, LinuxSourcesFillTheHardwareNamesThroughTheTool) {
+    const auto values = OKVA_SystemInfo::hardwareInfo();
+    EXPECT_FALSE(values.value("hw.machine").isEmpty());
+    EXPECT_GE(values.value("hw.logicalcpu").toInt(), 1);
+    EXPECT_GE(values.value("hw.activecpu").toInt(), 1);
+    EXPECT_GE(values.value("hw.physicalcpu").toInt(), 1);
+    EXPECT_TRUE(values.value("kern.clockrate").startsWith("hz="))
+        << values.value("kern.clockrate").toStdString();
+    EXPECT_TRUE(values.value("kern.clockrate").endsWith("}"));
+    EXPECT_FALSE(values.value("kern.boottime").isEmpty());
+    EXPECT_FALSE(values.contains("kern.osrevision")) << "no such value here; absent, not empty";
+    EXPECT_TRUE(OKVA_SystemInfo::sysctlValuesForKeys({"no.such.name"}).isEmpty());
+
+    // The tool's output splits at the first equals sign.
+    const auto parsed = OKVA_SystemInfo::parseSysctlOutput("kernel.ostype = Linux\n"
+                                                           "dev.tty.ldisc_autoload = 1\n"
+                                                           "kernel.core_pattern = |/bin/x a=b c=d\n"
+                                                           "garbage line\n");
+    EXPECT_EQ(parsed, (OKVA_SystemInfo::SysctlValues{{"kernel.ostype", "Linux"},
+                                                     {"dev.tty.ldisc_autoload", "1"},
+                                                     {"kernel.core_pattern", "|/bin/x a=b c=d"}}));
+    const auto live = OKVA_SystemInfo::sysctlShellValuesForKeys({"kernel.ostype", "no.such.name"});
+    EXPECT_EQ(live, (OKVA_SystemInfo::SysctlValues{{"kernel.ostype", "Linux"}}));
 }
 
 } // namespace

@@ -1,8 +1,8 @@
 // What the simulated body does beyond the common backend contract: AE-mode
 // dependent settings, shot files and names, refusals, plugging, and reference
-// bookkeeping.
-#include "SimulatorBackend.h"
-
+// bookkeeping; and the contract itself, run against the simulated camera on a
+// manual clock so that live-view frames come when the test says.
+#include "ContractSuite.h"
 #include "EdsRef.h"
 #include "SimulatorControl.h"
 #include "TestSupport.h"
@@ -19,10 +19,32 @@ using namespace brix::eds;
 
 namespace {
 
+dispatch::ManualClock &simulatorClock() {
+    static dispatch::ManualClock clock;
+    return clock;
+}
+
+contract::Backend simulatorBackend() {
+    contract::Backend b;
+    b.name = "Simulator";
+    b.make = [] {
+        dispatch::setClock(&simulatorClock());
+        return createSimulatorSdk();
+    };
+    b.unplug = [](EdsSdk &sdk) { return simulatorControl(sdk)->unplug(); };
+    b.injectError = [](EdsSdk &sdk, const std::string &op, EdsError code, unsigned count) {
+        return simulatorControl(sdk)->injectError(op, code, count);
+    };
+    b.callerReferences = [](EdsSdk &sdk) { return simulatorControl(sdk)->callerReferenceCount(); };
+    b.nextFrame = [] { simulatorClock().advanceSeconds(0.1); };
+    b.done = [] { dispatch::setClock(nullptr); };
+    return b;
+}
+
 class Simulator : public contract::SdkSession {
 protected:
     const contract::Backend &backend() const override {
-        static const contract::Backend simulator = simtest::simulatorBackend();
+        static const contract::Backend simulator = simulatorBackend();
         return simulator;
     }
     void SetUp() override {
@@ -45,7 +67,7 @@ protected:
         return bytes;
     }
 
-    dispatch::ManualClock &clock_ = simtest::simulatorClock();
+    dispatch::ManualClock &clock_ = simulatorClock();
     SimulatorControl *control_ = nullptr;
 };
 
@@ -54,6 +76,11 @@ bool contains(const std::vector<EdsInt32> &v, EdsInt32 x) {
 }
 
 } // namespace
+
+namespace brix::eds::contract {
+INSTANTIATE_TEST_SUITE_P(Simulator, EdsContract, ::testing::Values(simulatorBackend()),
+                         [](const ::testing::TestParamInfo<Backend> &info) { return info.param.name; });
+} // namespace brix::eds::contract
 
 TEST_F(Simulator, TheAEModeDecidesWhichExposureSettingsTheHostMayChange) {
     open();

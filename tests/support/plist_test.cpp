@@ -366,15 +366,6 @@ QString read(const QByteArray &data) {
     return error;
 }
 
-TEST(PlistHostile, TheHandBuiltLayoutIsItselfValid) {
-    // Guards the tests below: a well-formed list in this layout reads.
-    const QByteArray ok = binary({QByteArray("\xA2", 1) + ref(1) + ref(2), "\x51x", "\x10\x05"});
-    QString error;
-    EXPECT_EQ(PropertyList::propertyListFromData(ok, Mutability::Immutable, &error),
-              QVariant(QVariantList{"x", qlonglong(5)}))
-        << error.toStdString();
-}
-
 TEST(PlistHostile, TruncatedDocumentsAreRefused) {
     const QByteArray bin = fixture();
     ASSERT_GT(bin.size(), 100);
@@ -428,6 +419,8 @@ TEST(PlistHostile, CyclesAndSharedObjectBombsAreRefused) {
 }
 
 TEST(PlistHostile, ImpossibleCountsAndOffsetsAreRefused) {
+    // A well-formed list in the hand-built layout reads: the refusals below are the faults'.
+    EXPECT_EQ(read(binary({QByteArray("\xA2", 1) + ref(1) + ref(2), "\x51x", "\x10\x05"})), "VALID");
     const std::vector<QByteArray> one{QByteArray("\xA1", 1) + ref(1), "\x51x"};
     const QList<std::function<void(Trailer &)>> patches{
         [](Trailer &t) { t.numObjects = uint64_t(1) << 62; },
@@ -459,7 +452,7 @@ TEST(PlistHostile, ImpossibleCountsAndOffsetsAreRefused) {
         EXPECT_NE(read(binary({liar, "\x51x"})), "VALID") << liar.toHex().toStdString();
 }
 
-TEST(PlistHostile, InvalidUtf8AndWrongRootsAreNilWithALogLine) {
+TEST(PlistHostile, InvalidUtf8IsNilWithALogLine) {
     test::LogCapture log;
     const QList<QByteArray> bad{
         "<plist><string>\xff\xfe</string></plist>",
@@ -472,20 +465,10 @@ TEST(PlistHostile, InvalidUtf8AndWrongRootsAreNilWithALogLine) {
         EXPECT_NE(read(b), "VALID") << b.toHex().toStdString();
         EXPECT_FALSE(PropertyList::fromBase64EncodedString(PropertyList::encodedBase64(b)).has_value());
     }
-    // Roots of every other type.
-    for (const QVariant &root :
-         {QVariant("s"), QVariant(1), QVariant(true), QVariant(QByteArray("d")), QVariant(QVariantList{})}) {
-        const QString text =
-            PropertyList::encodedBase64(PropertyList::dataFromPropertyList(root, PlistFormat::Binary));
-        EXPECT_FALSE(PropertyList::fromBase64EncodedString(text).has_value());
-    }
     const QStringList lines = log.messages();
-    ASSERT_EQ(lines.size(), bad.size() + 5) << lines.join('\n').toStdString();
-    for (qsizetype i = 0; i < bad.size(); ++i)
-        EXPECT_TRUE(lines[i].startsWith(
-            "Error inside +[NSDictionary(OKVA_plist) fromBase64EncodedString:mutability:]"));
-    for (qsizetype i = bad.size(); i < lines.size(); ++i)
-        EXPECT_TRUE(lines[i].contains("expected dictionary but found"));
+    ASSERT_EQ(lines.size(), bad.size()) << lines.join('\n').toStdString();
+    for (const QString &line : lines)
+        EXPECT_TRUE(line.startsWith(kFromBase64Inside)) << line.toStdString();
 }
 
 } // namespace

@@ -1,8 +1,11 @@
 // The window as an operator uses it, on the simulated camera: the objects are
-// wired as the station wires them, the widgets are driven with QTest.
+// wired as the station wires them, the widgets are driven with QTest; and the
+// remembered camera settings without a camera.
 #include "AppDelegate.h"
 #include "CameraPanelModel.h"
 #include "CameraPanelView.h"
+#include "CameraSettings.h"
+#include "CameraSettingsFile.h"
 #include "HistogramController.h"
 #include "ImageView.h"
 #include "LiveViewController.h"
@@ -11,6 +14,7 @@
 #include "Preferences.h"
 #include "ShouldQuitViewController.h"
 #include "SimulatorControl.h"
+#include "SystemSound.h"
 #include "TestSupport.h"
 #include "ViewController.h"
 
@@ -29,6 +33,7 @@
 #include <gtest/gtest.h>
 
 using namespace brix;
+using namespace std::chrono_literals;
 
 namespace {
 
@@ -139,9 +144,7 @@ TEST_F(WindowTest, PanelShowsTheBodyAndAChoiceReachesIt) {
         }
     }
 
-    // The body's dial turned to Tv: shutter speed usable, aperture not.
-    control->setProperty(eds::kEdsPropID_AEMode, 1);
-    ASSERT_TRUE(waitFor([&] { return combo("Tv")->isEnabled() && !combo("Av")->isEnabled(); }));
+    // The body's dial turned to Av: aperture usable, shutter speed not.
     control->setProperty(eds::kEdsPropID_AEMode, 2);
     ASSERT_TRUE(waitFor([&] { return !combo("Tv")->isEnabled() && combo("Av")->isEnabled(); }));
 
@@ -197,25 +200,19 @@ TEST_F(WindowTest, ShotAppearsWithHistogramAndCountersAndLiveViewStepsAsideForIt
     EXPECT_EQ(live.stateText(), "Live view paused (idle)");
 }
 
-TEST_F(WindowTest, CloseAsksFirstStayKeepsEverythingQuitConfirms) {
+// Closing and staying is the end-to-end test's (window_station_test.cpp).
+TEST_F(WindowTest, QuitAndCloseAskFirstAndOnlyTheSheetQuits) {
     QSignalSpy quit(window.get(), &MainWindow::quitConfirmed);
     QSignalSpy relaunch(window.get(), &MainWindow::quitAndRelaunchRequested);
-    EXPECT_FALSE(window->close()); // the close button never closes by itself
-    EXPECT_TRUE(window->isVisible());
-    ASSERT_TRUE(waitFor([&] { return visibleSheet() != nullptr; }));
-    QTest::mouseClick(visibleSheet()->findChild<QPushButton *>("stay"), Qt::LeftButton);
-    test::processEventsUntil([] { return false; }, std::chrono::milliseconds(100));
-    EXPECT_TRUE(window->isVisible());
-    EXPECT_EQ(quit.count() + relaunch.count(), 0);
-
-    // Quit from the menu goes the same way; relaunch is its own choice.
+    // Quit from the menu asks as closing does; relaunch is its own choice.
     window->findChild<QAction *>("quitaction")->trigger();
     ASSERT_TRUE(waitFor([&] { return visibleSheet() != nullptr; }));
     QTest::mouseClick(visibleSheet()->findChild<QPushButton *>("confirmquitrelaunch"), Qt::LeftButton);
     ASSERT_TRUE(waitFor([&] { return relaunch.count() == 1; }));
     EXPECT_EQ(quit.count(), 0);
 
-    window->close();
+    EXPECT_FALSE(window->close()); // the close button never closes by itself
+    EXPECT_TRUE(window->isVisible());
     ASSERT_TRUE(waitFor([&] { return visibleSheet() != nullptr; }));
     QPushButton *confirm = visibleSheet()->findChild<QPushButton *>("confirmquit");
     confirm->setObjectName("ConfirmQuit"); // identifiers compare without regard to case
@@ -265,4 +262,41 @@ TEST_F(WindowTest, WallpaperFollowsTheFileOnDiskUntilTheFirstShot) {
     QFile::remove(path);
     ASSERT_TRUE(waitFor([&] { return view->image().isNull(); }));
     EXPECT_TRUE(vc.fPathToWallpaper().isNull());
+}
+
+// Without a camera every remembered value is refused (one beep each), and the
+// import answers reach the store as the user chose, each followed by a reload.
+TEST(CameraSettings, SavesUnderTheFallbackNameMergesWholeModelsAndReloadsAfterEveryAnswer) {
+    Preferences prefs(test::testHome() + "/settings-prefs.plist");
+    CameraPanelModel panel;
+    panel.selectPopUpTitle(1030, "1/125");
+    CameraSettings settings(panel, prefs, [] { return CameraPtr(); });
+    auto model = [](const QString &tv) { return QVariantMap{{"1030", tv}, {"1026", "ISO 400"}}; };
+
+    settings.ibSaveSettings();
+    const QVariantMap saved = prefs.dictionaryForKey(pref::kCanonSettings);
+    EXPECT_EQ(saved.value("canoncamera").toMap().value("1030").toString(), "1/125");
+    EXPECT_EQ(saved.value("version").toString(), "v2");
+
+    prefs.setObject(QVariantMap{{"version", "v2"}, {"A", model("1/60")}, {"B", model("1/30")}},
+                    pref::kCanonSettings);
+    prefs.setObject("A", pref::kNameOfCameraFound);
+    const int before = SystemSound::beepCount();
+    settings.importSettings(QVariantMap{{"A", QVariantMap{{"1031", "+1"}}}}, CameraSettings::Merge);
+    EXPECT_EQ(prefs.dictionaryForKey(pref::kCanonSettings).value("B").toMap(), model("1/30"));
+    EXPECT_EQ(prefs.dictionaryForKey(pref::kCanonSettings).value("A").toMap(), (QVariantMap{{"1031", "+1"}}));
+    ASSERT_TRUE(test::processEventsUntil([&] { return SystemSound::beepCount() == before + 1; }, 5s));
+
+    // Cancel leaves the store alone and still applies A again.
+    settings.importSettings(QVariantMap{{"A", model("1/8000")}}, CameraSettings::Cancel);
+    EXPECT_EQ(prefs.dictionaryForKey(pref::kCanonSettings).value("A").toMap(), (QVariantMap{{"1031", "+1"}}));
+    ASSERT_TRUE(test::processEventsUntil([&] { return SystemSound::beepCount() == before + 2; }, 5s));
+
+    // An unreadable file never empties the store, whatever the answer.
+    settings.importSettings({}, CameraSettings::Overwrite);
+    EXPECT_TRUE(prefs.dictionaryForKey(pref::kCanonSettings).contains("B"));
+
+    // Refused: a wrong version, any case; accepted: no version at all.
+    EXPECT_FALSE(CameraSettingsFile::isAcceptable(QVariantMap{{"version", "v1"}}));
+    EXPECT_TRUE(CameraSettingsFile::isAcceptable(QVariantMap{{"version", "V2"}}));
 }

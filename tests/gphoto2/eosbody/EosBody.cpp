@@ -38,10 +38,7 @@ enum Op : uint16_t {
     OpenSession = 0x1002,
     CloseSession = 0x1003,
     GetStorageIDs = 0x1004,
-    GetStorageInfo = 0x1005,
     GetObjectHandles = 0x1007,
-    GetObjectInfo = 0x1008,
-    DeleteObject = 0x100B,
     GetPartialObject = 0x101B,
     EosGetStorageIDs = 0x9101,
     EosGetStorageInfo = 0x9102,
@@ -62,16 +59,15 @@ enum Op : uint16_t {
     EosGetViewFinderData = 0x9153,
 };
 constexpr uint16_t kOperations[] = {GetDeviceInfo,          OpenSession,         CloseSession,
-                                    GetStorageIDs,          GetStorageInfo,      GetObjectHandles,
-                                    GetObjectInfo,          DeleteObject,        GetPartialObject,
+                                    GetStorageIDs,          GetObjectHandles,    GetPartialObject,
                                     EosGetStorageIDs,       EosGetStorageInfo,   EosSetDevicePropValueEx,
                                     EosSetRemoteMode,       EosSetEventMode,     EosGetEvent,
                                     EosTransferComplete,    EosPCHDDCapacity,    EosSetUILock,
                                     EosResetUILock,         EosKeepDeviceOn,     EosRequestDevicePropValue,
                                     EosRemoteReleaseOn,     EosRemoteReleaseOff, EosInitiateViewfinder,
                                     EosTerminateViewfinder, EosGetViewFinderData};
-constexpr uint32_t kEventObjectAddedEx = 0xC181, kEventRequestObjectTransfer = 0xC186,
-                   kEventPropValueChanged = 0xC189, kEventAvailListChanged = 0xC18A;
+constexpr uint32_t kEventRequestObjectTransfer = 0xC186, kEventPropValueChanged = 0xC189,
+                   kEventAvailListChanged = 0xC18A;
 constexpr uint16_t kFormatJpeg = 0x3801, kFormatCr2 = 0xB103;
 constexpr uint32_t kCardStorage = 0x00020001;
 constexpr uint32_t kDestinationCard = 2, kDestinationHost = 4;
@@ -198,7 +194,6 @@ struct EosBody::State {
     struct Object {
         std::string name;
         uint16_t format = kFormatJpeg;
-        uint32_t storage = 0; // 0: in the body's RAM, waiting for the host
         QByteArray bytes;
     };
     struct Command {
@@ -343,8 +338,12 @@ struct EosBody::State {
         }
     }
 
+    // A shot waits in the body's RAM for the host. The card is not emulated:
+    // a shot taken while saving to it is only counted.
     void takeShot() {
         ++shots;
+        if (props[CaptureDestination].value != kDestinationHost)
+            return;
         const QDateTime now = QDateTime::currentDateTime();
         const char *ext[] = {"JPG", "CR2"};
         char name[32];
@@ -354,39 +353,22 @@ struct EosBody::State {
         std::vector<Object> files;
         if ((props[ImageFormat].value >> 8) & 8) { // the first file is a RAW
             std::snprintf(name, sizeof name, "IMG_%04d.%s", shots, ext[1]);
-            files.push_back(Object{name, kFormatCr2, 0, eds::sim::makeRawFile(jpeg, 0, kModel)});
+            files.push_back(Object{name, kFormatCr2, eds::sim::makeRawFile(jpeg, 0, kModel)});
         }
         std::snprintf(name, sizeof name, "IMG_%04d.%s", shots, ext[0]);
-        files.push_back(Object{name, kFormatJpeg, 0, jpeg});
-        const bool host = props[CaptureDestination].value == kDestinationHost;
+        files.push_back(Object{name, kFormatJpeg, jpeg});
         for (auto &f : files) {
             const uint32_t handle = nextHandle++;
             Writer w;
-            if (host) {
-                w.u32(0);
-                w.u32(kEventRequestObjectTransfer);
-                w.u32(handle);
-                w.u32(f.format);
-                w.u32(0);
-                w.u32(uint32_t(f.bytes.size()));
-                w.u32(0);
-                w.bytes(f.name);
-                w.u8(0);
-            } else {
-                f.storage = kCardStorage;
-                w.u32(0);
-                w.u32(kEventObjectAddedEx);
-                w.u32(handle);
-                w.u32(kCardStorage);
-                w.u32(f.format);
-                w.u32(0);
-                w.u32(0);
-                w.u32(uint32_t(f.bytes.size()));
-                w.u32(0); // parent: the card's root
-                w.u32(0);
-                w.bytes(f.name);
-                w.u8(0);
-            }
+            w.u32(0);
+            w.u32(kEventRequestObjectTransfer);
+            w.u32(handle);
+            w.u32(f.format);
+            w.u32(0);
+            w.u32(uint32_t(f.bytes.size()));
+            w.u32(0);
+            w.bytes(f.name);
+            w.u8(0);
             while (w.b.size() % 4)
                 w.u8(0);
             const uint32_t size = uint32_t(w.b.size());
@@ -426,8 +408,8 @@ struct EosBody::State {
         w.str("");
         w.u16(0);
         w.array16(std::vector<uint16_t>(std::begin(kOperations), std::end(kOperations)));
-        w.array16({uint16_t(kEventObjectAddedEx), uint16_t(kEventRequestObjectTransfer),
-                   uint16_t(kEventPropValueChanged), uint16_t(kEventAvailListChanged)});
+        w.array16({uint16_t(kEventRequestObjectTransfer), uint16_t(kEventPropValueChanged),
+                   uint16_t(kEventAvailListChanged)});
         w.array16({});
         w.array16({kFormatJpeg, kFormatCr2});
         w.array16({kFormatJpeg, kFormatCr2});
@@ -464,7 +446,6 @@ struct EosBody::State {
             sendData(c, w.b);
             return respond(c, kOk);
         }
-        case GetStorageInfo:
         case EosGetStorageInfo: {
             Writer w;
             w.u16(4); // removable RAM
@@ -478,47 +459,12 @@ struct EosBody::State {
             sendData(c, w.b);
             return respond(c, kOk);
         }
-        case GetObjectHandles: {
-            std::vector<uint32_t> handles;
-            for (const auto &[h, o] : objects)
-                if (o.storage != 0 && (c.p[0] == 0xFFFFFFFF || c.p[0] == o.storage) &&
-                    (c.p[2] == 0 || c.p[2] == 0xFFFFFFFF))
-                    handles.push_back(h);
+        case GetObjectHandles: { // nothing on the card
             Writer w;
-            w.array32(handles);
+            w.array32({});
             sendData(c, w.b);
             return respond(c, kOk);
         }
-        case GetObjectInfo: {
-            auto it = objects.find(c.p[0]);
-            if (it == objects.end())
-                return respond(c, kInvalidObjectHandle);
-            const Object &o = it->second;
-            Writer w;
-            w.u32(o.storage);
-            w.u16(o.format);
-            w.u16(0);
-            w.u32(uint32_t(o.bytes.size()));
-            w.u16(0);
-            w.u32(0);
-            w.u32(0);
-            w.u32(0);
-            w.u32(eds::sim::kShotWidth);
-            w.u32(eds::sim::kShotHeight);
-            w.u32(24);
-            w.u32(0); // parent
-            w.u16(0);
-            w.u32(0);
-            w.u32(0);
-            w.str(o.name);
-            w.str(QDateTime::currentDateTime().toString("yyyyMMddThhmmss").toStdString());
-            w.str("");
-            w.str("");
-            sendData(c, w.b);
-            return respond(c, kOk);
-        }
-        case DeleteObject:
-            return respond(c, objects.erase(c.p[0]) ? kOk : kInvalidObjectHandle);
         case GetPartialObject: {
             auto it = objects.find(c.p[0]);
             if (it == objects.end())
@@ -535,7 +481,7 @@ struct EosBody::State {
         }
         case EosTransferComplete: {
             auto it = objects.find(c.p[0]);
-            if (it != objects.end() && it->second.storage == 0)
+            if (it != objects.end())
                 objects.erase(it);
             return respond(c, kOk);
         }
@@ -664,9 +610,7 @@ struct EosBody::State {
         command.reset();
         pending.clear();
         events.clear();
-        // A power cycle empties the body's RAM; shots on the card stay.
-        for (auto it = objects.begin(); it != objects.end();)
-            it = it->second.storage == 0 ? objects.erase(it) : std::next(it);
+        objects.clear(); // a power cycle empties the body's RAM
     }
 
     bool apply(const std::string &line) {
@@ -748,41 +692,13 @@ std::string EosBody::portPath() {
     std::snprintf(path, sizeof path, "usb:%03d,%03d", busNumber(), deviceAddress());
     return path;
 }
-void EosBody::failTransfers(int count) {
-    command("fail-transfers " + std::to_string(count));
-}
-void EosBody::answerBusy(int count) {
-    command("busy " + std::to_string(count));
-}
-void EosBody::viewfinderNotReadyFor(int ms) {
-    command("viewfinder-not-ready-ms " + std::to_string(ms));
-}
-void EosBody::claimedByOther(bool claimed) {
-    command(std::string("claimed ") + (claimed ? "1" : "0"));
-}
-void EosBody::rawPlusJpeg(bool pair) {
-    command(std::string("raw+jpeg ") + (pair ? "1" : "0"));
-}
-void EosBody::transferRequestAfterPolls(int polls) {
-    command("transfer-after-polls " + std::to_string(polls));
-}
 void EosBody::limitSpeed(uint64_t bytesPerSecond) {
     command("speed " + std::to_string(bytesPerSecond));
 }
-void EosBody::pressShutter() {
-    command("press");
-}
 
-int EosBody::shotsTaken() {
-    std::lock_guard lock(s_->m);
-    return s_->shots;
-}
 int EosBody::objectsInRam() {
     std::lock_guard lock(s_->m);
-    int n = 0;
-    for (const auto &[h, o] : s_->objects)
-        n += o.storage == 0;
-    return n;
+    return int(s_->objects.size());
 }
 uint32_t EosBody::captureDestination() {
     return property(CaptureDestination);
@@ -880,28 +796,17 @@ int EosBody::bulkIn(unsigned char *data, int length, int *transferred) {
     return LIBUSB_SUCCESS;
 }
 
-int EosBody::classRequest(uint8_t request, unsigned char *data, int length) {
+int EosBody::classRequest(uint8_t request, unsigned char *, int) {
     std::lock_guard lock(s_->m);
     if (!s_->plugged)
         return LIBUSB_ERROR_NO_DEVICE;
-    switch (request) {
-    case 0x64: // cancel
-    case 0x66: // device reset
+    if (request == 0x64 || request == 0x66) { // cancel, device reset
         s_->in.clear();
         s_->inOffset = 0;
         s_->out.clear();
         s_->command.reset();
-        return 0;
-    case 0x67: // get device status: OK
-        if (length >= 4) {
-            const unsigned char status[4] = {4, 0, 0x01, 0x20};
-            std::memcpy(data, status, 4);
-            return 4;
-        }
-        return 0;
-    default:
-        return 0;
     }
+    return 0;
 }
 
 } // namespace brix::eosbody

@@ -9,7 +9,8 @@
 // transfer complete, the two-stage remote release, the viewfinder. Its
 // settings use the value codes the rest of the suite knows from the simulated
 // body (Canon's codes are the same on the cable and in the SDK) and its shots
-// are the simulated body's pictures.
+// are the simulated body's pictures, waiting in its RAM for the host (the card
+// is not emulated: a shot taken to it is only counted).
 //
 // Faults for the tests: unplug and plug under a new device number, a transfer
 // that fails with an I/O error, "busy" and "not ready" answers for a while, a
@@ -41,38 +42,28 @@ public:
     // "usb:001,005", the port libgphoto2 lists for the body.
     std::string portPath();
 
-    // The next `count` data phases of partial-object reads fail with an I/O
-    // error on the cable (libusb's LIBUSB_ERROR_IO).
-    void failTransfers(int count);
-    // The next `count` operations (other than GetEvent and the session's own)
-    // answer "device busy" (0x2019).
-    void answerBusy(int count);
-    // The viewfinder answers "not ready" (0xA102) for `ms` milliseconds from now.
-    void viewfinderNotReadyFor(int ms);
-    // Opening the body fails as if another program had claimed it.
-    void claimedByOther(bool claimed);
-    // Each shot as a RAW+JPEG pair (true) or one JPEG (false).
-    void rawPlusJpeg(bool pair);
-    // The RequestObjectTransfer record of a shot appears on the n-th GetEvent
-    // after the release (a real body needs a moment); 1 = the very next one.
-    void transferRequestAfterPolls(int polls);
     // Bulk-in bytes per second (0 = unlimited); about 35 MB/s is USB 2.
     void limitSpeed(uint64_t bytesPerSecond);
-    // The body's shutter button pressed by hand (a shot without the host asking).
-    void pressShutter();
 
     // What the body did, for the tests.
-    int shotsTaken();
     int objectsInRam();            // shots captured to RAM not yet transferred and completed
     uint32_t captureDestination(); // 4 = host (PC), 2 = card
     uint32_t property(uint32_t code);
 
-    // Applies one control line: "plug", "unplug", "replug", "reset" (factory
-    // settings, nothing stored, no faults), "fail-transfers N", "fail-io N"
-    // (the next N operations get no answer but an I/O error),
-    // "busy N", "viewfinder-not-ready-ms N", "claimed 0|1", "raw+jpeg 0|1",
-    // "transfer-after-polls N", "speed N", "shot-bytes N" (JPEGs padded to N
-    // bytes), "press". Returns false for an unknown line.
+    // Applies one control line (the faults for the tests): "plug", "unplug",
+    // "replug", "reset" (factory settings, nothing stored, no faults);
+    // "fail-transfers N": the next N data phases of partial-object reads fail
+    // with an I/O error on the cable (LIBUSB_ERROR_IO); "fail-io N": the next N
+    // operations get no answer but an I/O error; "busy N": the next N releases
+    // and property writes answer "device busy" (0x2019);
+    // "viewfinder-not-ready-ms N": the viewfinder answers "not ready" (0xA102)
+    // for N ms from now; "claimed 0|1": opening the body fails as if another
+    // program had claimed it; "raw+jpeg 0|1": each shot as a RAW+JPEG pair or
+    // one JPEG; "transfer-after-polls N": a shot's RequestObjectTransfer record
+    // appears on the N-th GetEvent after the release (a real body needs a
+    // moment; 1 = the very next one); "speed N" (see limitSpeed);
+    // "shot-bytes N": JPEGs padded to N bytes; "press": the shutter button
+    // pressed by hand. Returns false for an unknown line.
     bool command(const std::string &line);
     // Reads and applies pending lines of the BRIX_EOSBODY_CONTROL FIFO.
     void pollControl();

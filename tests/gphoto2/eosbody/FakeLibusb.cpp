@@ -85,8 +85,6 @@ void LIBUSB_CALL libusb_exit(libusb_context *ctx) {
     delete ctx;
 }
 
-void LIBUSB_CALL libusb_set_debug(libusb_context *, int) {}
-
 ssize_t LIBUSB_CALL libusb_get_device_list(libusb_context *, libusb_device ***list) {
     EosBody &body = EosBody::instance();
     body.pollControl();

@@ -1,1 +1,0 @@
-brix_test_folder(camera_sdk LIBS brix_camera_sdk brix_support)
