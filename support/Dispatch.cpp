@@ -417,9 +417,6 @@ void MainQueueWaker::drainMainQueue() {
 }
 } // namespace
 
-QueuePtr makeSerialQueue(const std::string &label) {
-    return std::make_shared<SerialQueue>(label);
-}
 QueuePtr makeSerialQueue(const std::string &label, std::chrono::microseconds spin) {
     return std::make_shared<SerialQueue>(label, spin);
 }

@@ -73,11 +73,10 @@ private:
 };
 
 // Queue makers.
-QueuePtr makeSerialQueue(const std::string &label);
-// A serial queue whose worker, once out of tasks, keeps looking for the next
-// one for `spin` before it sleeps: for a queue fed at a steady beat, where a
+// With `spin`, the worker, once out of tasks, keeps looking for the next one
+// that long before it sleeps: for a queue fed at a steady beat, where a
 // sleeping processor of a virtual machine takes milliseconds to wake.
-QueuePtr makeSerialQueue(const std::string &label, std::chrono::microseconds spin);
+QueuePtr makeSerialQueue(const std::string &label, std::chrono::microseconds spin = {});
 // Looks for `ready()` for up to `spin`, yielding the processor in between, and
 // answers whether it came: for a thread about to sleep on what another thread
 // will hand it within a few milliseconds.

@@ -8,8 +8,6 @@
 // global, one-at-a-time, coalescing) live for the process.
 #pragma once
 
-#include <chrono>
-
 #include "Dispatch.h"
 
 #include <QVariant>
