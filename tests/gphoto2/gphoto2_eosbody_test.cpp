@@ -94,7 +94,7 @@ TEST_F(EmulatedBody, BackendSavesEveryShotOfABurstCapturedToRam) {
     o.eventWaitMs = 400; // shots come faster than the event loop's passes
     start(o);
     ASSERT_TRUE(openBody());
-    EXPECT_EQ(body().captureDestination(), 4u); // the host
+    EXPECT_EQ(body().property(0xD11C), 4u); // capture destination: the host
     // The mode dial decides: the only AE mode on offer is the dial's.
     EdsPropertyDesc modes{};
     ASSERT_EQ(sdk_->EdsGetPropertyDesc(camera_.get(), kEdsPropID_AEMode, &modes), EDS_ERR_OK);
@@ -223,10 +223,10 @@ TEST_F(EmulatedBody, SettingsTravelBothWaysThroughLibgphotosLabels) {
     EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), 0x999, 0), EDS_ERR_NOT_SUPPORTED);
 
     // Closing gives the body back as other programs saw it: shots to the card.
-    EXPECT_EQ(body().captureDestination(), 4u);
+    EXPECT_EQ(body().property(0xD11C), 4u); // capture destination: the host
     ASSERT_EQ(sdk_->EdsCloseSession(camera_.get()), EDS_ERR_OK);
     sessionOpen_ = false;
-    EXPECT_EQ(body().captureDestination(), 2u);
+    EXPECT_EQ(body().property(0xD11C), 2u);
     EXPECT_EQ(sdk_->EdsCloseSession(camera_.get()), EDS_ERR_SESSION_NOT_OPEN);
     EXPECT_EQ(sdk_->EdsGetPropertyData(camera_.get(), kEdsPropID_Av, 0, sizeof v, &v),
               EDS_ERR_SESSION_NOT_OPEN);

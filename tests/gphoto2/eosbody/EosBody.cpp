@@ -36,7 +36,6 @@ constexpr uint16_t kOk = 0x2001, kGeneralError = 0x2002, kSessionNotOpen = 0x200
 enum Op : uint16_t {
     GetDeviceInfo = 0x1001,
     OpenSession = 0x1002,
-    CloseSession = 0x1003,
     GetStorageIDs = 0x1004,
     GetObjectHandles = 0x1007,
     GetPartialObject = 0x101B,
@@ -58,18 +57,33 @@ enum Op : uint16_t {
     EosTerminateViewfinder = 0x9152,
     EosGetViewFinderData = 0x9153,
 };
-constexpr uint16_t kOperations[] = {GetDeviceInfo,          OpenSession,         CloseSession,
-                                    GetStorageIDs,          GetObjectHandles,    GetPartialObject,
-                                    EosGetStorageIDs,       EosGetStorageInfo,   EosSetDevicePropValueEx,
-                                    EosSetRemoteMode,       EosSetEventMode,     EosGetEvent,
-                                    EosTransferComplete,    EosPCHDDCapacity,    EosSetUILock,
-                                    EosResetUILock,         EosKeepDeviceOn,     EosRequestDevicePropValue,
-                                    EosRemoteReleaseOn,     EosRemoteReleaseOff, EosInitiateViewfinder,
-                                    EosTerminateViewfinder, EosGetViewFinderData};
+constexpr uint16_t kOperations[] = {GetDeviceInfo,
+                                    OpenSession,
+                                    GetStorageIDs,
+                                    GetObjectHandles,
+                                    GetPartialObject,
+                                    EosGetStorageIDs,
+                                    EosGetStorageInfo,
+                                    EosSetDevicePropValueEx,
+                                    EosSetRemoteMode,
+                                    EosSetEventMode,
+                                    EosGetEvent,
+                                    EosTransferComplete,
+                                    EosPCHDDCapacity,
+                                    EosSetUILock,
+                                    EosResetUILock,
+                                    EosKeepDeviceOn,
+                                    EosRequestDevicePropValue,
+                                    EosRemoteReleaseOn,
+                                    EosRemoteReleaseOff,
+                                    EosInitiateViewfinder,
+                                    EosTerminateViewfinder,
+                                    EosGetViewFinderData};
 constexpr uint32_t kEventRequestObjectTransfer = 0xC186, kEventPropValueChanged = 0xC189,
                    kEventAvailListChanged = 0xC18A;
 constexpr uint16_t kFormatJpeg = 0x3801, kFormatCr2 = 0xB103;
 constexpr uint32_t kCardStorage = 0x00020001;
+constexpr int kBus = 1;
 constexpr uint32_t kDestinationCard = 2, kDestinationHost = 4;
 
 // EOS device properties the body reports.
@@ -181,12 +195,24 @@ uint32_t unpackImageFormat(const std::string &d) {
     return v;
 }
 
+// A GetEvent record: its length, its type and words, then `tail`.
+std::string record(uint32_t type, std::initializer_list<uint32_t> words, const std::string &tail) {
+    Writer w;
+    w.u32(uint32_t(8 + 4 * words.size() + tail.size()));
+    w.u32(type);
+    for (uint32_t x : words)
+        w.u32(x);
+    w.bytes(tail);
+    return w.b;
+}
+
 } // namespace
 
 struct EosBody::State {
-    enum class Kind { U8, U16, U32, Str, ImageFormat, FocusInfo };
+    // Integers travel in 32 bits both ways, whatever their PTP type.
+    enum class Kind { Int, Str, ImageFormat, FocusInfo };
     struct Property {
-        Kind kind = Kind::U16;
+        Kind kind = Kind::Int;
         uint32_t value = 0;
         std::string text;
         std::vector<uint32_t> available;
@@ -208,8 +234,8 @@ struct EosBody::State {
     };
 
     std::mutex m;
-    bool plugged = false, open = false, session = false, claimed = false;
-    int bus = 1, address = 5;
+    bool plugged = false, session = false, claimed = false;
+    int address = 5;
     std::string out;                // bulk-out bytes not yet a whole container
     std::optional<Command> command; // the operation waiting for its data or for the host's read
     std::deque<std::string> in;     // containers for the host to read
@@ -246,36 +272,35 @@ struct EosBody::State {
         shotBytes = 0;
         claimed = false;
         notReadyUntil = {};
-        auto add = [&](uint32_t code, Kind k, uint32_t v, std::vector<uint32_t> avail = {}) {
+        auto add = [&](uint32_t code, uint32_t v, std::vector<uint32_t> avail = {}, Kind k = Kind::Int) {
             props[code] = Property{k, v, {}, std::move(avail)};
         };
-        add(Aperture, Kind::U16, 0x30,
+        add(Aperture, 0x30,
             {0x20, 0x23, 0x25, 0x28, 0x2B, 0x2D, 0x30, 0x33, 0x35, 0x38, 0x3B, 0x3D, 0x40, 0x43, 0x45, 0x48,
              0x4B, 0x4D, 0x50});
-        add(ShutterSpeed, Kind::U16, 0x68,
-            {0x48, 0x4B, 0x4D, 0x50, 0x53, 0x55, 0x58, 0x5B, 0x5D, 0x60, 0x63, 0x65,
-             0x68, 0x6B, 0x6D, 0x70, 0x73, 0x75, 0x78, 0x7B, 0x7D, 0x80, 0x83, 0x85,
-             0x88, 0x8B, 0x8D, 0x90, 0x93, 0x95, 0x98, 0x9B, 0x9D, 0xA0});
-        add(ISOSpeed, Kind::U16, 0x48, {0x00, 0x48, 0x4B, 0x4D, 0x50, 0x53, 0x55, 0x58, 0x5B, 0x5D,
-                                        0x60, 0x63, 0x65, 0x68, 0x6B, 0x6D, 0x70, 0x73, 0x75, 0x78});
-        add(ExpCompensation, Kind::U8, 0x00,
+        add(ShutterSpeed, 0x68, {0x48, 0x4B, 0x4D, 0x50, 0x53, 0x55, 0x58, 0x5B, 0x5D, 0x60, 0x63, 0x65,
+                                 0x68, 0x6B, 0x6D, 0x70, 0x73, 0x75, 0x78, 0x7B, 0x7D, 0x80, 0x83, 0x85,
+                                 0x88, 0x8B, 0x8D, 0x90, 0x93, 0x95, 0x98, 0x9B, 0x9D, 0xA0});
+        add(ISOSpeed, 0x48, {0x00, 0x48, 0x4B, 0x4D, 0x50, 0x53, 0x55, 0x58, 0x5B, 0x5D,
+                             0x60, 0x63, 0x65, 0x68, 0x6B, 0x6D, 0x70, 0x73, 0x75, 0x78});
+        add(ExpCompensation, 0x00,
             {0x18, 0x15, 0x13, 0x10, 0x0D, 0x0B, 0x08, 0x05, 0x03, 0x00, 0xFD, 0xFB, 0xF8, 0xF5, 0xF3, 0xF0,
              0xED, 0xEB, 0xE8});
-        add(AutoExposureMode, Kind::U16, 3);
-        add(AEModeDial, Kind::U16, 3);
-        add(DriveMode, Kind::U16, 0, {0x00, 0x01, 0x04});
-        add(MeteringMode, Kind::U8, 3, {1, 3, 4, 5});
-        add(FocusMode, Kind::U16, 0, {0, 1, 2});
-        add(WhiteBalance, Kind::U8, 0, {0, 1, 2, 3, 4, 5, 6, 8, 9});
-        add(PictureStyle, Kind::U8, 0x81, {0x81, 0x82, 0x83, 0x84, 0x85, 0x86, 0x87, 0x88});
-        add(BatteryPower, Kind::U16, 2);
-        add(CameraTime, Kind::U32, uint32_t(std::time(nullptr)));
-        add(AvailableShots, Kind::U32, 1000);
-        add(CaptureDestination, Kind::U32, kDestinationCard, {kDestinationCard, kDestinationHost});
-        add(ImageFormat, Kind::ImageFormat, kJpegLargeFine, {kJpegLargeFine, kRawAndJpegLargeFine});
-        add(EVFOutputDevice, Kind::U16, 1, {1, 2, 3});
-        add(EVFMode, Kind::U16, 0, {0, 1});
-        add(FocusInfoEx, Kind::FocusInfo, 0);
+        add(AutoExposureMode, 3);
+        add(AEModeDial, 3);
+        add(DriveMode, 0, {0x00, 0x01, 0x04});
+        add(MeteringMode, 3, {1, 3, 4, 5});
+        add(FocusMode, 0, {0, 1, 2});
+        add(WhiteBalance, 0, {0, 1, 2, 3, 4, 5, 6, 8, 9});
+        add(PictureStyle, 0x81, {0x81, 0x82, 0x83, 0x84, 0x85, 0x86, 0x87, 0x88});
+        add(BatteryPower, 2);
+        add(CameraTime, uint32_t(std::time(nullptr)));
+        add(AvailableShots, 1000);
+        add(CaptureDestination, kDestinationCard, {kDestinationCard, kDestinationHost});
+        add(ImageFormat, kJpegLargeFine, {kJpegLargeFine, kRawAndJpegLargeFine}, Kind::ImageFormat);
+        add(EVFOutputDevice, 1, {1, 2, 3});
+        add(EVFMode, 0, {0, 1});
+        add(FocusInfoEx, 0, {}, Kind::FocusInfo);
         for (auto [code, text] :
              {std::pair{Owner, ""}, {Artist, ""}, {Copyright, ""}, {SerialNumber, "083021000042"}})
             props[code] = Property{Kind::Str, 0, text, {}};
@@ -303,12 +328,7 @@ struct EosBody::State {
         default:
             v.u32(p.value);
         }
-        Writer w;
-        w.u32(uint32_t(12 + v.b.size()));
-        w.u32(kEventPropValueChanged);
-        w.u32(code);
-        w.bytes(v.b);
-        return w.b;
+        return record(kEventPropValueChanged, {code}, v.b);
     }
 
     std::string availRecord(uint32_t code) const {
@@ -320,14 +340,7 @@ struct EosBody::State {
             else
                 v.u32(x);
         }
-        Writer w;
-        w.u32(uint32_t(20 + v.b.size()));
-        w.u32(kEventAvailListChanged);
-        w.u32(code);
-        w.u32(3);
-        w.u32(uint32_t(p.available.size()));
-        w.bytes(v.b);
-        return w.b;
+        return record(kEventAvailListChanged, {code, 3, uint32_t(p.available.size())}, v.b);
     }
 
     void announceAll() {
@@ -344,36 +357,24 @@ struct EosBody::State {
         ++shots;
         if (props[CaptureDestination].value != kDestinationHost)
             return;
-        const QDateTime now = QDateTime::currentDateTime();
-        const char *ext[] = {"JPG", "CR2"};
-        char name[32];
-        std::snprintf(name, sizeof name, "IMG_%04d.%s", shots, ext[0]);
-        const QByteArray jpeg =
-            eds::sim::padJpeg(eds::sim::renderShotJpeg(unsigned(shots), now, kModel, name), shotBytes);
+        char stem[16];
+        std::snprintf(stem, sizeof stem, "IMG_%04d", shots);
+        const std::string jpegName = std::string(stem) + ".JPG";
+        const QByteArray jpeg = eds::sim::padJpeg(
+            eds::sim::renderShotJpeg(unsigned(shots), QDateTime::currentDateTime(), kModel, jpegName.c_str()),
+            shotBytes);
         std::vector<Object> files;
-        if ((props[ImageFormat].value >> 8) & 8) { // the first file is a RAW
-            std::snprintf(name, sizeof name, "IMG_%04d.%s", shots, ext[1]);
-            files.push_back(Object{name, kFormatCr2, eds::sim::makeRawFile(jpeg, 0, kModel)});
-        }
-        std::snprintf(name, sizeof name, "IMG_%04d.%s", shots, ext[0]);
-        files.push_back(Object{name, kFormatJpeg, jpeg});
+        if ((props[ImageFormat].value >> 8) & 8) // the first file is a RAW
+            files.push_back(
+                Object{std::string(stem) + ".CR2", kFormatCr2, eds::sim::makeRawFile(jpeg, 0, kModel)});
+        files.push_back(Object{jpegName, kFormatJpeg, jpeg});
         for (auto &f : files) {
             const uint32_t handle = nextHandle++;
-            Writer w;
-            w.u32(0);
-            w.u32(kEventRequestObjectTransfer);
-            w.u32(handle);
-            w.u32(f.format);
-            w.u32(0);
-            w.u32(uint32_t(f.bytes.size()));
-            w.u32(0);
-            w.bytes(f.name);
-            w.u8(0);
-            while (w.b.size() % 4)
-                w.u8(0);
-            const uint32_t size = uint32_t(w.b.size());
-            std::memcpy(w.b.data(), &size, 4);
-            pending.push_back(Pending{transferPolls, w.b});
+            std::string name = f.name;
+            name.resize((name.size() + 4) / 4 * 4, '\0'); // NUL-terminated, padded to 32 bits
+            pending.push_back(
+                Pending{transferPolls, record(kEventRequestObjectTransfer,
+                                              {handle, f.format, 0, uint32_t(f.bytes.size()), 0}, name)});
             objects[handle] = std::move(f);
         }
         props[AvailableShots].value -= 1;
@@ -436,9 +437,6 @@ struct EosBody::State {
             session = true;
             announcedAll = false;
             return respond(c, kOk);
-        case CloseSession:
-            session = false;
-            return respond(c, kOk);
         case GetStorageIDs:
         case EosGetStorageIDs: {
             Writer w;
@@ -494,24 +492,11 @@ struct EosBody::State {
                 return respond(c, kGeneralError);
             Property &p = it->second;
             const std::string value = c.data.substr(8);
-            uint32_t v = 0;
-            switch (p.kind) {
-            case Kind::Str:
+            if (p.kind == Kind::Str) {
                 p.text = std::string(value.c_str());
-                break;
-            case Kind::ImageFormat:
-                v = unpackImageFormat(value);
-                break;
-            case Kind::U8:
-                v = uint8_t(value[0]);
-                break;
-            case Kind::U16:
-                v = le16(value.data());
-                break;
-            default:
-                v = value.size() >= 4 ? le32(value.data()) : le16(value.data());
-            }
-            if (p.kind != Kind::Str) {
+            } else {
+                const uint32_t v =
+                    p.kind == Kind::ImageFormat ? unpackImageFormat(value) : le32(value.data());
                 if (!p.available.empty() &&
                     std::find(p.available.begin(), p.available.end(), v) == p.available.end())
                     return respond(c, kGeneralError);
@@ -560,29 +545,16 @@ struct EosBody::State {
             sendData(c, w.b);
             return respond(c, kOk);
         }
-        case EosSetRemoteMode:
-        case EosSetEventMode:
-        case EosPCHDDCapacity:
-        case EosSetUILock:
-        case EosResetUILock:
-        case EosKeepDeviceOn:
-        case EosRequestDevicePropValue:
-        case EosRemoteReleaseOff:
-        case EosInitiateViewfinder:
-        case EosTerminateViewfinder:
-            return respond(c, kOk);
-        default:
-            return respond(c, kNotSupported);
+        default: // the other operations the body lists change nothing here
+            const bool listed =
+                std::find(std::begin(kOperations), std::end(kOperations), c.code) != std::end(kOperations);
+            return respond(c, listed ? kOk : kNotSupported);
         }
     }
 
     void pullOut() {
         while (out.size() >= 12) {
             const uint32_t length = le32(out.data());
-            if (length < 12) { // garbage on the cable: drop it
-                out.clear();
-                return;
-            }
             if (out.size() < length)
                 return;
             const uint16_t type = le16(out.data() + 4);
@@ -603,7 +575,6 @@ struct EosBody::State {
     void unplugLocked() {
         plugged = false;
         session = false;
-        open = false;
         out.clear();
         in.clear();
         inOffset = 0;
@@ -679,17 +650,13 @@ bool EosBody::plugged() {
     std::lock_guard lock(s_->m);
     return s_->plugged;
 }
-int EosBody::busNumber() {
-    std::lock_guard lock(s_->m);
-    return s_->bus;
-}
 int EosBody::deviceAddress() {
     std::lock_guard lock(s_->m);
     return s_->address;
 }
 std::string EosBody::portPath() {
     char path[32];
-    std::snprintf(path, sizeof path, "usb:%03d,%03d", busNumber(), deviceAddress());
+    std::snprintf(path, sizeof path, "usb:%03d,%03d", kBus, deviceAddress());
     return path;
 }
 void EosBody::limitSpeed(uint64_t bytesPerSecond) {
@@ -699,9 +666,6 @@ void EosBody::limitSpeed(uint64_t bytesPerSecond) {
 int EosBody::objectsInRam() {
     std::lock_guard lock(s_->m);
     return int(s_->objects.size());
-}
-uint32_t EosBody::captureDestination() {
-    return property(CaptureDestination);
 }
 uint32_t EosBody::property(uint32_t code) {
     std::lock_guard lock(s_->m);
@@ -735,13 +699,7 @@ int EosBody::openDevice(int address) {
     std::lock_guard lock(s_->m);
     if (!s_->plugged || address != s_->address)
         return LIBUSB_ERROR_NO_DEVICE;
-    s_->open = true;
     return s_->claimed ? LIBUSB_ERROR_BUSY : LIBUSB_SUCCESS;
-}
-
-void EosBody::closeDevice() {
-    std::lock_guard lock(s_->m);
-    s_->open = false;
 }
 
 int EosBody::bulkOut(const unsigned char *data, int length, int *transferred) {

@@ -37,7 +37,6 @@ public:
     void plug();
     void unplug();
     bool plugged();
-    int busNumber();
     int deviceAddress();
     // "usb:001,005", the port libgphoto2 lists for the body.
     std::string portPath();
@@ -46,8 +45,7 @@ public:
     void limitSpeed(uint64_t bytesPerSecond);
 
     // What the body did, for the tests.
-    int objectsInRam();            // shots captured to RAM not yet transferred and completed
-    uint32_t captureDestination(); // 4 = host (PC), 2 = card
+    int objectsInRam(); // shots captured to RAM not yet transferred and completed
     uint32_t property(uint32_t code);
 
     // Applies one control line (the faults for the tests): "plug", "unplug",
@@ -73,7 +71,6 @@ public:
     int bulkOut(const unsigned char *data, int length, int *transferred);
     int bulkIn(unsigned char *data, int length, int *transferred);
     int openDevice(int address);
-    void closeDevice();
     // PTP class requests on endpoint 0 (cancel, reset, status).
     int classRequest(uint8_t request, unsigned char *data, int length);
 

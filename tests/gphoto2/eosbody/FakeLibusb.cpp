@@ -41,18 +41,13 @@ const libusb_endpoint_descriptor kEndpoints[3] = {
      0},
 };
 // Still-image class, PTP subclass and protocol.
-const libusb_interface_descriptor kAltsetting = {LIBUSB_DT_INTERFACE_SIZE,
-                                                 LIBUSB_DT_INTERFACE,
-                                                 0,
-                                                 0,
-                                                 3,
-                                                 LIBUSB_CLASS_IMAGE,
-                                                 1,
-                                                 1,
-                                                 0,
-                                                 kEndpoints,
-                                                 nullptr,
-                                                 0};
+const libusb_interface_descriptor kAltsetting = {.bLength = LIBUSB_DT_INTERFACE_SIZE,
+                                                 .bDescriptorType = LIBUSB_DT_INTERFACE,
+                                                 .bNumEndpoints = 3,
+                                                 .bInterfaceClass = LIBUSB_CLASS_IMAGE,
+                                                 .bInterfaceSubClass = 1,
+                                                 .bInterfaceProtocol = 1,
+                                                 .endpoint = kEndpoints};
 const libusb_interface kInterface = {&kAltsetting, 1};
 const libusb_config_descriptor kConfig = {LIBUSB_DT_CONFIG_SIZE, LIBUSB_DT_CONFIG, 39, 1, 1, 0, 0xC0, 1,
                                           &kInterface,           nullptr,          0};
@@ -62,11 +57,11 @@ std::mutex gMutex;
 std::map<int, libusb_device *> gDevices;
 std::vector<libusb_transfer *> gCancelled;
 
-libusb_device *deviceAt(int bus, int address) {
+libusb_device *deviceAt(int address) {
     std::lock_guard lock(gMutex);
     libusb_device *&d = gDevices[address];
     if (!d)
-        d = new libusb_device{bus, address};
+        d = new libusb_device{1, address};
     return d;
 }
 
@@ -91,7 +86,7 @@ ssize_t LIBUSB_CALL libusb_get_device_list(libusb_context *, libusb_device ***li
     auto **devices = static_cast<libusb_device **>(std::calloc(2, sizeof(libusb_device *)));
     ssize_t n = 0;
     if (body.plugged())
-        devices[n++] = deviceAt(body.busNumber(), body.deviceAddress());
+        devices[n++] = deviceAt(body.deviceAddress());
     *list = devices;
     return n;
 }
@@ -106,10 +101,8 @@ int LIBUSB_CALL libusb_get_device_descriptor(libusb_device *, libusb_device_desc
     return LIBUSB_SUCCESS;
 }
 
-int LIBUSB_CALL libusb_get_config_descriptor(libusb_device *, uint8_t index,
-                                             libusb_config_descriptor **config) {
-    if (index != 0)
-        return LIBUSB_ERROR_NOT_FOUND;
+// One configuration: libgphoto2 asks for index 0 only.
+int LIBUSB_CALL libusb_get_config_descriptor(libusb_device *, uint8_t, libusb_config_descriptor **config) {
     *config = const_cast<libusb_config_descriptor *>(&kConfig);
     return LIBUSB_SUCCESS;
 }
@@ -135,8 +128,6 @@ int LIBUSB_CALL libusb_open(libusb_device *dev, libusb_device_handle **handle) {
 }
 
 void LIBUSB_CALL libusb_close(libusb_device_handle *handle) {
-    if (handle && EosBody::instance().deviceAddress() == handle->device->address)
-        EosBody::instance().closeDevice();
     delete handle;
 }
 
@@ -174,14 +165,11 @@ int LIBUSB_CALL libusb_reset_device(libusb_device_handle *) {
     return LIBUSB_SUCCESS;
 }
 
-int LIBUSB_CALL libusb_control_transfer(libusb_device_handle *handle, uint8_t requestType, uint8_t request,
-                                        uint16_t, uint16_t, unsigned char *data, uint16_t length,
-                                        unsigned int) {
+int LIBUSB_CALL libusb_control_transfer(libusb_device_handle *handle, uint8_t, uint8_t request, uint16_t,
+                                        uint16_t, unsigned char *data, uint16_t length, unsigned int) {
     EosBody &body = EosBody::instance();
     if (!body.plugged() || body.deviceAddress() != handle->device->address)
         return LIBUSB_ERROR_NO_DEVICE;
-    if ((requestType & LIBUSB_REQUEST_TYPE_CLASS) == 0)
-        return 0;
     return body.classRequest(request, data, length);
 }
 
