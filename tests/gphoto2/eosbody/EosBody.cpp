@@ -147,11 +147,6 @@ public:
         for (auto x : v)
             u16(x);
     }
-    void array32(const std::vector<uint32_t> &v) {
-        u32(uint32_t(v.size()));
-        for (auto x : v)
-            u32(x);
-    }
     void bytes(const std::string &s) { b += s; }
     std::string b;
 };
@@ -159,10 +154,6 @@ public:
 uint32_t le32(const char *p) {
     const auto *u = reinterpret_cast<const unsigned char *>(p);
     return uint32_t(u[0]) | uint32_t(u[1]) << 8 | uint32_t(u[2]) << 16 | uint32_t(u[3]) << 24;
-}
-uint16_t le16(const char *p) {
-    const auto *u = reinterpret_cast<const unsigned char *>(p);
-    return uint16_t(u[0] | u[1] << 8);
 }
 
 // One image-format value packed as the body sends it (see kJpegLargeFine).
@@ -250,7 +241,6 @@ struct EosBody::State {
     uint32_t nextHandle = 0x90000001;
 
     int shots = 0, failTransfers = 0, failIo = 0, busy = 0, transferPolls = 2;
-    bool pair = false;
     uint64_t speed = 0;
     uint64_t shotBytes = 0; // 0 = the picture's natural size
     Clock::time_point notReadyUntil;
@@ -440,7 +430,8 @@ struct EosBody::State {
         case GetStorageIDs:
         case EosGetStorageIDs: {
             Writer w;
-            w.array32({kCardStorage});
+            w.u32(1); // an array of one
+            w.u32(kCardStorage);
             sendData(c, w.b);
             return respond(c, kOk);
         }
@@ -457,12 +448,9 @@ struct EosBody::State {
             sendData(c, w.b);
             return respond(c, kOk);
         }
-        case GetObjectHandles: { // nothing on the card
-            Writer w;
-            w.array32({});
-            sendData(c, w.b);
+        case GetObjectHandles: // nothing on the card: an empty array
+            sendData(c, std::string(4, '\0'));
             return respond(c, kOk);
-        }
         case GetPartialObject: {
             auto it = objects.find(c.p[0]);
             if (it == objects.end())
@@ -557,10 +545,10 @@ struct EosBody::State {
             const uint32_t length = le32(out.data());
             if (out.size() < length)
                 return;
-            const uint16_t type = le16(out.data() + 4);
+            const uint16_t type = uint16_t(le32(out.data() + 4)); // the low half of the word
             if (type == kCommand) {
                 Command c;
-                c.code = le16(out.data() + 6);
+                c.code = uint16_t(le32(out.data() + 6));
                 c.transaction = le32(out.data() + 8);
                 for (uint32_t i = 0; i < (length - 12) / 4 && i < 5; ++i)
                     c.p[i] = le32(out.data() + 12 + 4 * i);
