@@ -25,12 +25,8 @@ using brix::eosbody::EosBody;
 
 namespace {
 
-Gphoto2Options fastOptions() {
-    Gphoto2Options o;
-    o.hotplug = Gphoto2Options::Hotplug::Polling;
-    o.pollSeconds = 0.05;
-    o.eventWaitMs = 5;
-    return o;
+Gphoto2Options fastOptions(int eventWaitMs = 5) {
+    return {.hotplug = Gphoto2Options::Hotplug::Polling, .pollSeconds = 0.05, .eventWaitMs = eventWaitMs};
 }
 
 // The backend on the body, plugged in afresh with its factory settings.
@@ -90,9 +86,7 @@ protected:
 } // namespace
 
 TEST_F(EmulatedBody, BackendSavesEveryShotOfABurstCapturedToRam) {
-    Gphoto2Options o = fastOptions();
-    o.eventWaitMs = 400; // shots come faster than the event loop's passes
-    start(o);
+    start(fastOptions(400)); // shots come faster than the event loop's passes
     ASSERT_TRUE(openBody());
     EXPECT_EQ(body().property(0xD11C), 4u); // capture destination: the host
     // The mode dial decides: the only AE mode on offer is the dial's.

@@ -32,6 +32,7 @@ TEST(Gphoto2Tables, ImageQualityPackingIsLossless) {
             continue;
         ++valid;
         EXPECT_EQ(packedFromImageQuality(*code), uint16_t(packed)) << std::hex << packed;
+        // What libgphoto2 has no label for (an M1 JPEG, say) still travels both ways.
         const auto label = labelForValue(kEdsPropID_ImageQuality, *code);
         ASSERT_TRUE(label);
         if (label->rfind("Unknown value ", 0) == 0) {
@@ -51,9 +52,6 @@ TEST(Gphoto2Tables, ImageQualityPackingIsLossless) {
     EXPECT_FALSE(packedFromImageQuality(0x0d13ff0f));
     EXPECT_FALSE(packedFromImageQuality(0x0019ff0f));
     EXPECT_FALSE(labelForValue(kEdsPropID_ImageQuality, 0xffffffff));
-    // An M1 JPEG that libgphoto2 has no label for still travels both ways.
-    EXPECT_EQ(labelForValue(kEdsPropID_ImageQuality, 0x0513ff0f), "Unknown value 5300");
-    EXPECT_EQ(valueForLabel(kEdsPropID_ImageQuality, "Unknown value 5300"), 0x0513ff0fu);
 }
 
 TEST(Gphoto2Tables, EveryChoiceOfAListedBodyMaps) {

@@ -13,6 +13,7 @@
 #include <ctime>
 #include <deque>
 #include <fcntl.h>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -371,24 +372,22 @@ struct EosBody::State {
         events.push_back(valueRecord(AvailableShots));
     }
 
-    void respond(const Command &c, uint16_t code, std::vector<uint32_t> params = {}) {
-        Writer w;
-        w.u32(uint32_t(12 + 4 * params.size()));
-        w.u16(kResponse);
-        w.u16(code);
-        w.u32(c.transaction);
-        for (auto p : params)
-            w.u32(p);
-        in.push_back(w.b);
-    }
-    void sendData(const Command &c, const std::string &payload) {
+    // A container for the host: length, type, code, the operation's transaction, payload.
+    void send(uint16_t type, uint16_t code, const Command &c, const std::string &payload) {
         Writer w;
         w.u32(uint32_t(12 + payload.size()));
-        w.u16(kData);
-        w.u16(c.code);
+        w.u16(type);
+        w.u16(code);
         w.u32(c.transaction);
         w.bytes(payload);
         in.push_back(w.b);
+    }
+    void sendData(const Command &c, const std::string &payload) { send(kData, c.code, c, payload); }
+    void respond(const Command &c, uint16_t code, std::vector<uint32_t> params = {}) {
+        Writer w;
+        for (auto p : params)
+            w.u32(p);
+        send(kResponse, code, c, w.b);
     }
 
     std::string deviceInfo() const {
@@ -576,41 +575,37 @@ struct EosBody::State {
         std::istringstream in(line);
         std::string word;
         long long n = 0;
-        in >> word;
-        in >> n;
-        if (word == "plug" || word == "replug") {
-            if (word == "replug" || plugged)
-                unplugLocked();
+        in >> word >> n;
+        // A plug, or a plug while plugged in: a power cycle and a new device number.
+        auto plugIn = [&] {
+            unplugLocked();
             plugged = true;
             ++address;
-        } else if (word == "reset") {
-            factorySettings();
-        } else if (word == "unplug") {
-            unplugLocked();
-        } else if (word == "fail-transfers") {
-            failTransfers = int(n);
-        } else if (word == "fail-io") {
-            failIo = int(n);
-        } else if (word == "busy") {
-            busy = int(n);
-        } else if (word == "viewfinder-not-ready-ms") {
-            notReadyUntil = Clock::now() + std::chrono::milliseconds(n);
-        } else if (word == "claimed") {
-            claimed = n != 0;
-        } else if (word == "raw+jpeg") {
-            props[ImageFormat].value = n ? kRawAndJpegLargeFine : kJpegLargeFine;
-            events.push_back(valueRecord(ImageFormat));
-        } else if (word == "transfer-after-polls") {
-            transferPolls = int(std::max(1LL, n));
-        } else if (word == "shot-bytes") {
-            shotBytes = uint64_t(n);
-        } else if (word == "speed") {
-            speed = uint64_t(n);
-        } else if (word == "press") {
-            takeShot();
-        } else {
-            return !word.empty() ? false : true;
-        }
+        };
+        const std::map<std::string, std::function<void()>> commands = {
+            {"plug", plugIn},
+            {"replug", plugIn},
+            {"unplug", [&] { unplugLocked(); }},
+            {"reset", [&] { factorySettings(); }},
+            {"fail-transfers", [&] { failTransfers = int(n); }},
+            {"fail-io", [&] { failIo = int(n); }},
+            {"busy", [&] { busy = int(n); }},
+            {"viewfinder-not-ready-ms", [&] { notReadyUntil = Clock::now() + std::chrono::milliseconds(n); }},
+            {"claimed", [&] { claimed = n != 0; }},
+            {"raw+jpeg",
+             [&] {
+                 props[ImageFormat].value = n ? kRawAndJpegLargeFine : kJpegLargeFine;
+                 events.push_back(valueRecord(ImageFormat));
+             }},
+            {"transfer-after-polls", [&] { transferPolls = int(std::max(1LL, n)); }},
+            {"shot-bytes", [&] { shotBytes = uint64_t(n); }},
+            {"speed", [&] { speed = uint64_t(n); }},
+            {"press", [&] { takeShot(); }},
+        };
+        auto it = commands.find(word);
+        if (it == commands.end())
+            return word.empty();
+        it->second();
         return true;
     }
 };
