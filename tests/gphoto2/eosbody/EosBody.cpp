@@ -87,30 +87,15 @@ constexpr uint32_t kCardStorage = 0x00020001;
 constexpr int kBus = 1;
 constexpr uint32_t kDestinationCard = 2, kDestinationHost = 4;
 
-// EOS device properties the body reports.
+// The EOS device properties the body acts on (the others it only reports,
+// see factorySettings).
 enum Prop : uint32_t {
-    Aperture = 0xD101,
-    ShutterSpeed = 0xD102,
-    ISOSpeed = 0xD103,
-    ExpCompensation = 0xD104,
-    AutoExposureMode = 0xD105,
-    DriveMode = 0xD106,
-    MeteringMode = 0xD107,
-    FocusMode = 0xD108,
-    WhiteBalance = 0xD109,
-    PictureStyle = 0xD110,
-    BatteryPower = 0xD111,
-    CameraTime = 0xD113,
-    Owner = 0xD115,
     AvailableShots = 0xD11B,
     CaptureDestination = 0xD11C,
     ImageFormat = 0xD120,
-    AEModeDial = 0xD138,
     SerialNumber = 0xD1AF,
     EVFOutputDevice = 0xD1B0,
     EVFMode = 0xD1B1,
-    Artist = 0xD1D0,
-    Copyright = 0xD1D1,
     FocusInfoEx = 0xD1D3,
 };
 
@@ -266,34 +251,36 @@ struct EosBody::State {
         auto add = [&](uint32_t code, uint32_t v, std::vector<uint32_t> avail = {}, Kind k = Kind::Int) {
             props[code] = Property{k, v, {}, std::move(avail)};
         };
-        add(Aperture, 0x30,
+        // Aperture, shutter speed, ISO and exposure compensation, in third stops.
+        add(0xD101, 0x30,
             {0x20, 0x23, 0x25, 0x28, 0x2B, 0x2D, 0x30, 0x33, 0x35, 0x38, 0x3B, 0x3D, 0x40, 0x43, 0x45, 0x48,
              0x4B, 0x4D, 0x50});
-        add(ShutterSpeed, 0x68, {0x48, 0x4B, 0x4D, 0x50, 0x53, 0x55, 0x58, 0x5B, 0x5D, 0x60, 0x63, 0x65,
-                                 0x68, 0x6B, 0x6D, 0x70, 0x73, 0x75, 0x78, 0x7B, 0x7D, 0x80, 0x83, 0x85,
-                                 0x88, 0x8B, 0x8D, 0x90, 0x93, 0x95, 0x98, 0x9B, 0x9D, 0xA0});
-        add(ISOSpeed, 0x48, {0x00, 0x48, 0x4B, 0x4D, 0x50, 0x53, 0x55, 0x58, 0x5B, 0x5D,
-                             0x60, 0x63, 0x65, 0x68, 0x6B, 0x6D, 0x70, 0x73, 0x75, 0x78});
-        add(ExpCompensation, 0x00,
+        add(0xD102, 0x68, {0x48, 0x4B, 0x4D, 0x50, 0x53, 0x55, 0x58, 0x5B, 0x5D, 0x60, 0x63, 0x65,
+                           0x68, 0x6B, 0x6D, 0x70, 0x73, 0x75, 0x78, 0x7B, 0x7D, 0x80, 0x83, 0x85,
+                           0x88, 0x8B, 0x8D, 0x90, 0x93, 0x95, 0x98, 0x9B, 0x9D, 0xA0});
+        add(0xD103, 0x48, {0x00, 0x48, 0x4B, 0x4D, 0x50, 0x53, 0x55, 0x58, 0x5B, 0x5D,
+                           0x60, 0x63, 0x65, 0x68, 0x6B, 0x6D, 0x70, 0x73, 0x75, 0x78});
+        add(0xD104, 0x00,
             {0x18, 0x15, 0x13, 0x10, 0x0D, 0x0B, 0x08, 0x05, 0x03, 0x00, 0xFD, 0xFB, 0xF8, 0xF5, 0xF3, 0xF0,
              0xED, 0xEB, 0xE8});
-        add(AutoExposureMode, 3);
-        add(AEModeDial, 3);
-        add(DriveMode, 0, {0x00, 0x01, 0x04});
-        add(MeteringMode, 3, {1, 3, 4, 5});
-        add(FocusMode, 0, {0, 1, 2});
-        add(WhiteBalance, 0, {0, 1, 2, 3, 4, 5, 6, 8, 9});
-        add(PictureStyle, 0x81, {0x81, 0x82, 0x83, 0x84, 0x85, 0x86, 0x87, 0x88});
-        add(BatteryPower, 2);
-        add(CameraTime, uint32_t(std::time(nullptr)));
+        add(0xD105, 3); // AE mode: manual, as the mode dial (0xD138) says
+        add(0xD138, 3);
+        add(0xD106, 0, {0x00, 0x01, 0x04});                                  // drive mode
+        add(0xD107, 3, {1, 3, 4, 5});                                        // metering mode
+        add(0xD108, 0, {0, 1, 2});                                           // focus mode
+        add(0xD109, 0, {0, 1, 2, 3, 4, 5, 6, 8, 9});                         // white balance
+        add(0xD110, 0x81, {0x81, 0x82, 0x83, 0x84, 0x85, 0x86, 0x87, 0x88}); // picture style
+        add(0xD111, 2);                                                      // battery
+        add(0xD113, uint32_t(std::time(nullptr)));                           // clock
         add(AvailableShots, 1000);
         add(CaptureDestination, kDestinationCard, {kDestinationCard, kDestinationHost});
         add(ImageFormat, kJpegLargeFine, {kJpegLargeFine, kRawAndJpegLargeFine}, Kind::ImageFormat);
         add(EVFOutputDevice, 1, {1, 2, 3});
         add(EVFMode, 0, {0, 1});
         add(FocusInfoEx, 0, {}, Kind::FocusInfo);
+        // Owner, artist, copyright, serial number.
         for (auto [code, text] :
-             {std::pair{Owner, ""}, {Artist, ""}, {Copyright, ""}, {SerialNumber, "083021000042"}})
+             {std::pair{0xD115u, ""}, {0xD1D0u, ""}, {0xD1D1u, ""}, {uint32_t(SerialNumber), "083021000042"}})
             props[code] = Property{Kind::Str, 0, text, {}};
     }
 
