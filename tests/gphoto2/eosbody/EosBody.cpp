@@ -172,8 +172,9 @@ uint32_t unpackImageFormat(const std::string &d) {
     return v;
 }
 
-// A GetEvent record: its length, its type and words, then `tail`.
-std::string record(uint32_t type, std::initializer_list<uint32_t> words, const std::string &tail) {
+// A record as GetEvent and GetViewFinderData send them: its length, its type
+// and words, then `tail`.
+std::string record(uint32_t type, std::initializer_list<uint32_t> words, const std::string &tail = {}) {
     Writer w;
     w.u32(uint32_t(8 + 4 * words.size() + tail.size()));
     w.u32(type);
@@ -451,12 +452,9 @@ struct EosBody::State {
             }
             return respond(c, kOk, {uint32_t(count)});
         }
-        case EosTransferComplete: {
-            auto it = objects.find(c.p[0]);
-            if (it != objects.end())
-                objects.erase(it);
+        case EosTransferComplete:
+            objects.erase(c.p[0]);
             return respond(c, kOk);
-        }
         case EosSetDevicePropValueEx: {
             if (c.data.size() < 12)
                 return respond(c, kGeneralError);
@@ -496,8 +494,7 @@ struct EosBody::State {
             for (const auto &e : events)
                 w.bytes(e);
             events.clear();
-            w.u32(8);
-            w.u32(0);
+            w.bytes(record(0, {})); // the end of the list
             sendData(c, w.b);
             return respond(c, kOk);
         }
@@ -512,11 +509,7 @@ struct EosBody::State {
                 Clock::now() < notReadyUntil)
                 return respond(c, kNotReady);
             const QByteArray jpeg = eds::sim::renderLiveViewJpeg(frame++, kModel);
-            Writer w;
-            w.u32(uint32_t(8 + jpeg.size()));
-            w.u32(1);
-            w.bytes(std::string(jpeg.constData(), size_t(jpeg.size())));
-            sendData(c, w.b);
+            sendData(c, record(1, {}, jpeg.toStdString())); // one record: the frame
             return respond(c, kOk);
         }
         default: // the other operations the body lists change nothing here

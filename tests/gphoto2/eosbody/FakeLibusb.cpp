@@ -19,11 +19,8 @@
 
 using brix::eosbody::EosBody;
 
-struct libusb_context {
-    int unused = 0;
-};
+struct libusb_context {};
 struct libusb_device {
-    int bus = 1;
     int address = 0;
 };
 struct libusb_device_handle {
@@ -61,7 +58,7 @@ libusb_device *deviceAt(int address) {
     std::lock_guard lock(gMutex);
     libusb_device *&d = gDevices[address];
     if (!d)
-        d = new libusb_device{1, address};
+        d = new libusb_device{address};
     return d;
 }
 
@@ -70,7 +67,6 @@ libusb_device *deviceAt(int address) {
 extern "C" {
 
 int LIBUSB_CALL libusb_init(libusb_context **ctx) {
-    EosBody::instance().pollControl();
     if (ctx)
         *ctx = new libusb_context;
     return LIBUSB_SUCCESS;
@@ -109,8 +105,8 @@ int LIBUSB_CALL libusb_get_config_descriptor(libusb_device *, uint8_t, libusb_co
 
 void LIBUSB_CALL libusb_free_config_descriptor(libusb_config_descriptor *) {}
 
-uint8_t LIBUSB_CALL libusb_get_bus_number(libusb_device *dev) {
-    return uint8_t(dev->bus);
+uint8_t LIBUSB_CALL libusb_get_bus_number(libusb_device *) {
+    return 1; // the only bus
 }
 uint8_t LIBUSB_CALL libusb_get_device_address(libusb_device *dev) {
     return uint8_t(dev->address);
