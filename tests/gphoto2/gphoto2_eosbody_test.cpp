@@ -4,7 +4,6 @@
 #include "ClaimedDevice.h"
 #include "ContractSuite.h"
 #include "EosBody.h"
-#include "Gphoto2Port.h"
 #include "Gphoto2Sdk.h"
 #include "NotificationCenter.h"
 #include "TestSupport.h"
@@ -38,10 +37,7 @@ contract::Backend emulatedBodyBackend(Gphoto2Options options = fastOptions()) {
         EosBody::instance().plug();
         return std::make_unique<Gphoto2Sdk>(makeLibGphoto2Port(), options);
     };
-    b.unplug = [](EdsSdk &) {
-        EosBody::instance().unplug();
-        return true;
-    };
+    b.unplug = [](EdsSdk &) { return EosBody::instance().command("unplug"); };
     b.callerReferences = [](EdsSdk &sdk) { return static_cast<Gphoto2Sdk &>(sdk).callerReferences(); };
     b.done = [] { EosBody::instance().unplug(); };
     return b;

@@ -5,7 +5,6 @@
 // backend on the real library runs against the emulated EOS body
 // (gphoto2_eosbody_test.cpp).
 #include "ClaimedDevice.h"
-#include "Gphoto2Port.h"
 #include "Gphoto2Sdk.h"
 #include "Gphoto2Tables.h"
 #include "TestSupport.h"

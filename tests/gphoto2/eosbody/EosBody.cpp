@@ -37,6 +37,7 @@ constexpr uint16_t kOk = 0x2001, kGeneralError = 0x2002, kSessionNotOpen = 0x200
 enum Op : uint16_t {
     GetDeviceInfo = 0x1001,
     OpenSession = 0x1002,
+    CloseSession = 0x1003,
     GetStorageIDs = 0x1004,
     GetObjectHandles = 0x1007,
     GetPartialObject = 0x101B,
@@ -58,28 +59,14 @@ enum Op : uint16_t {
     EosTerminateViewfinder = 0x9152,
     EosGetViewFinderData = 0x9153,
 };
-constexpr uint16_t kOperations[] = {GetDeviceInfo,
-                                    OpenSession,
-                                    GetStorageIDs,
-                                    GetObjectHandles,
-                                    GetPartialObject,
-                                    EosGetStorageIDs,
-                                    EosGetStorageInfo,
-                                    EosSetDevicePropValueEx,
-                                    EosSetRemoteMode,
-                                    EosSetEventMode,
-                                    EosGetEvent,
-                                    EosTransferComplete,
-                                    EosPCHDDCapacity,
-                                    EosSetUILock,
-                                    EosResetUILock,
-                                    EosKeepDeviceOn,
-                                    EosRequestDevicePropValue,
-                                    EosRemoteReleaseOn,
-                                    EosRemoteReleaseOff,
-                                    EosInitiateViewfinder,
-                                    EosTerminateViewfinder,
-                                    EosGetViewFinderData};
+constexpr uint16_t kOperations[] = {GetDeviceInfo,          OpenSession,         CloseSession,
+                                    GetStorageIDs,          GetObjectHandles,    GetPartialObject,
+                                    EosGetStorageIDs,       EosGetStorageInfo,   EosSetDevicePropValueEx,
+                                    EosSetRemoteMode,       EosSetEventMode,     EosGetEvent,
+                                    EosTransferComplete,    EosPCHDDCapacity,    EosSetUILock,
+                                    EosResetUILock,         EosKeepDeviceOn,     EosRequestDevicePropValue,
+                                    EosRemoteReleaseOn,     EosRemoteReleaseOff, EosInitiateViewfinder,
+                                    EosTerminateViewfinder, EosGetViewFinderData};
 constexpr uint32_t kEventRequestObjectTransfer = 0xC186, kEventPropValueChanged = 0xC189,
                    kEventAvailListChanged = 0xC18A;
 constexpr uint16_t kFormatJpeg = 0x3801, kFormatCr2 = 0xB103;
@@ -414,6 +401,9 @@ struct EosBody::State {
             session = true;
             announcedAll = false;
             return respond(c, kOk);
+        case CloseSession:
+            session = false;
+            return respond(c, kOk);
         case GetStorageIDs:
         case EosGetStorageIDs: {
             Writer w;
@@ -482,14 +472,12 @@ struct EosBody::State {
                 announcedAll = true;
                 announceAll();
             }
-            for (auto it = pending.begin(); it != pending.end();) {
-                if (--it->polls <= 0) {
-                    events.push_back(it->record);
-                    it = pending.erase(it);
-                } else {
-                    ++it;
-                }
-            }
+            std::erase_if(pending, [&](Pending &p) {
+                if (--p.polls > 0)
+                    return false;
+                events.push_back(p.record);
+                return true;
+            });
             Writer w;
             for (const auto &e : events)
                 w.bytes(e);

@@ -10,11 +10,10 @@
 
 #include <libusb.h>
 
+#include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <map>
 #include <mutex>
-#include <new>
 #include <vector>
 
 using brix::eosbody::EosBody;
