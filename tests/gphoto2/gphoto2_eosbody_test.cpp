@@ -307,7 +307,6 @@ TEST_F(EmulatedBody, AClaimedBodyIsFreedFromTheDesktopOnlyWithLeave) {
         kCameraInUseNotification, {},
         [&](const Notification &n) { message = n.userInfo.value("message").toString(); });
     EXPECT_FALSE(openBody());
-    EXPECT_TRUE(gioCalls.isEmpty());
     ASSERT_TRUE(test::processEventsUntil([&] { return !message.isEmpty(); }));
     EXPECT_TRUE(message.contains("process 4242 (gvfsd-gphoto2)")) << message.toStdString();
     EXPECT_TRUE(message.contains(kPrefReleaseCameraFromDesktop));
@@ -319,9 +318,6 @@ TEST_F(EmulatedBody, AClaimedBodyIsFreedFromTheDesktopOnlyWithLeave) {
     EXPECT_EQ(gioCalls, (QStringList{"mount -l", "mount -u " + mount}));
 }
 
-namespace brix::eds::contract {
-
+using contract::EdsContract;
 INSTANTIATE_TEST_SUITE_P(Gphoto2, EdsContract, ::testing::Values(emulatedBodyBackend()),
-                         [](const ::testing::TestParamInfo<Backend> &info) { return info.param.name; });
-
-} // namespace brix::eds::contract
+                         [](const auto &info) { return info.param.name; });

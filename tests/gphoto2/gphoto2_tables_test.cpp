@@ -108,9 +108,6 @@ TEST(Gphoto2Library, FolderDriverListsReadsAndDeletesThroughTheAdapter) {
         b = char(rng());
     ASSERT_TRUE(test::writeFile(root + "/DCIM/100CANON/IMG_0001.JPG", QByteArray::fromStdString(shot)));
     auto port = makeLibGphoto2Port();
-    ASSERT_GT(port->driverCount(), 10);
-    std::vector<DetectedCamera> found;
-    EXPECT_EQ(port->autodetect(&found), gp::OK); // no USB camera here; must not fail
 
     Gphoto2Port::Handle h = 0;
     ASSERT_EQ(port->openCamera({"Directory Browse", "disk:" + root.toStdString()}, &h), gp::OK)

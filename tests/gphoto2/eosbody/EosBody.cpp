@@ -71,7 +71,6 @@ constexpr uint32_t kEventRequestObjectTransfer = 0xC186, kEventPropValueChanged 
                    kEventAvailListChanged = 0xC18A;
 constexpr uint16_t kFormatJpeg = 0x3801, kFormatCr2 = 0xB103;
 constexpr uint32_t kCardStorage = 0x00020001;
-constexpr int kBus = 1;
 constexpr uint32_t kDestinationCard = 2, kDestinationHost = 4;
 
 // The EOS device properties the body acts on (the others it only reports,
@@ -357,12 +356,16 @@ struct EosBody::State {
         w.bytes(payload);
         in.push_back(w.b);
     }
-    void sendData(const Command &c, const std::string &payload) { send(kData, c.code, c, payload); }
     void respond(const Command &c, uint16_t code, std::vector<uint32_t> params = {}) {
         Writer w;
         for (auto p : params)
             w.u32(p);
         send(kResponse, code, c, w.b);
+    }
+    // The operation's data, then its answer: OK, with `params`.
+    void reply(const Command &c, const std::string &payload, std::vector<uint32_t> params = {}) {
+        send(kData, c.code, c, payload);
+        respond(c, kOk, std::move(params));
     }
 
     std::string deviceInfo() const {
@@ -395,8 +398,7 @@ struct EosBody::State {
         }
         switch (c.code) {
         case GetDeviceInfo:
-            sendData(c, deviceInfo());
-            return respond(c, kOk);
+            return reply(c, deviceInfo());
         case OpenSession:
             session = true;
             announcedAll = false;
@@ -409,8 +411,7 @@ struct EosBody::State {
             Writer w;
             w.u32(1); // an array of one
             w.u32(kCardStorage);
-            sendData(c, w.b);
-            return respond(c, kOk);
+            return reply(c, w.b);
         }
         case EosGetStorageInfo: {
             Writer w;
@@ -422,12 +423,10 @@ struct EosBody::State {
             w.u32(props[AvailableShots].value);
             w.str("SD");
             w.str("EOS_DIGITAL");
-            sendData(c, w.b);
-            return respond(c, kOk);
+            return reply(c, w.b);
         }
         case GetObjectHandles: // nothing on the card: an empty array
-            sendData(c, std::string(4, '\0'));
-            return respond(c, kOk);
+            return reply(c, std::string(4, '\0'));
         case GetPartialObject: {
             auto it = objects.find(c.p[0]);
             if (it == objects.end())
@@ -435,12 +434,11 @@ struct EosBody::State {
             const QByteArray &bytes = it->second.bytes;
             const uint64_t offset = std::min<uint64_t>(c.p[1], uint64_t(bytes.size()));
             const uint64_t count = std::min<uint64_t>(c.p[2], uint64_t(bytes.size()) - offset);
-            sendData(c, std::string(bytes.constData() + offset, count));
             if (failTransfers > 0) {
                 --failTransfers;
                 poisoned = true;
             }
-            return respond(c, kOk, {uint32_t(count)});
+            return reply(c, std::string(bytes.constData() + offset, count), {uint32_t(count)});
         }
         case EosTransferComplete:
             objects.erase(c.p[0]);
@@ -483,8 +481,7 @@ struct EosBody::State {
                 w.bytes(e);
             events.clear();
             w.bytes(record(0, {})); // the end of the list
-            sendData(c, w.b);
-            return respond(c, kOk);
+            return reply(c, w.b);
         }
         case EosRemoteReleaseOn:
             if (c.p[0] == 1)
@@ -497,8 +494,7 @@ struct EosBody::State {
                 Clock::now() < notReadyUntil)
                 return respond(c, kNotReady);
             const QByteArray jpeg = eds::sim::renderLiveViewJpeg(frame++, kModel);
-            sendData(c, record(1, {}, jpeg.toStdString())); // one record: the frame
-            return respond(c, kOk);
+            return reply(c, record(1, {}, jpeg.toStdString())); // one record: the frame
         }
         default: // the other operations the body lists change nothing here
             const bool listed =
@@ -607,7 +603,7 @@ int EosBody::deviceAddress() {
 }
 std::string EosBody::portPath() {
     char path[32];
-    std::snprintf(path, sizeof path, "usb:%03d,%03d", kBus, deviceAddress());
+    std::snprintf(path, sizeof path, "usb:001,%03d", deviceAddress()); // bus 1, the only one
     return path;
 }
 void EosBody::limitSpeed(uint64_t bytesPerSecond) {
