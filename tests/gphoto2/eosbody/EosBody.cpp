@@ -231,8 +231,7 @@ struct EosBody::State {
         announcedAll = false;
         failTransfers = failIo = busy = 0;
         transferPolls = 2;
-        speed = 0;
-        shotBytes = 0;
+        speed = shotBytes = 0;
         claimed = false;
         notReadyUntil = {};
         auto add = [&](uint32_t code, uint32_t v, std::vector<uint32_t> avail = {}, Kind k = Kind::Int) {

@@ -229,8 +229,7 @@ int LIBUSB_CALL libusb_handle_events_timeout(libusb_context *, struct timeval *)
 }
 
 int LIBUSB_CALL libusb_handle_events(libusb_context *ctx) {
-    timeval tv{0, 0};
-    return libusb_handle_events_timeout(ctx, &tv);
+    return libusb_handle_events_timeout(ctx, nullptr);
 }
 
 } // extern "C"
