@@ -129,21 +129,14 @@ TEST_F(LogFile, RotatesAtExactlyTheLimitAndNotOneByteBelow) {
     EXPECT_TRUE(alerts().empty());
 }
 
-TEST_F(LogFile, RotatesOnlyAtALineBoundary) {
-    ASSERT_TRUE(QDir().mkpath(folder_));
-    ASSERT_TRUE(writeFile(path_, QByteArray(kLimit - 4, 'a')));
-    start();
-    send("half of a line ");
-    EXPECT_FALSE(QFileInfo::exists(oldPath_)) << "a line is never split between the two files";
-    send("ends here\n");
-    EXPECT_TRUE(readFile(oldPath_).endsWith("half of a line ends here\n"));
-}
-
 TEST_F(LogFile, TwoRotationsKeepOnlyTheLatestOldLog) {
     start();
     send(QByteArray(kLimit - 1, '1') + '\n');
     ASSERT_TRUE(readFile(oldPath_).startsWith("111"));
-    send(QByteArray(kLimit, '2') + '\n');
+    // Past the limit in the middle of a line: a line is never split between the two files.
+    send(QByteArray(kLimit, '2'));
+    EXPECT_TRUE(readFile(oldPath_).startsWith("111"));
+    send("\n");
     const QByteArray old = readFile(oldPath_);
     EXPECT_TRUE(old.startsWith(kReportHead));
     EXPECT_TRUE(old.endsWith("222\n"));
@@ -295,13 +288,24 @@ TEST_F(Alerts, WithoutAPresenterTheAlertIsALogLine) {
         << capture.text().constData();
 }
 
-TEST_F(Alerts, ThePreferenceChoosesAndOneNotificationPerIdentifierIsReplacedNotPiledUp) {
+TEST_F(Alerts, TheServerAndThePreferenceChooseAndOneNotificationPerIdentifierIsReplacedNotPiledUp) {
+    // No notification server: the modal alert, though notifications are preferred.
+    ASSERT_FALSE(
+        QDBusConnection::sessionBus().interface()->isServiceRegistered("org.freedesktop.Notifications"));
+    Preferences::standard().setBool(true, pref::kPreferNotificationsOverModalAlerts);
+    test::LogCapture capture;
+    ErrorAlerts::alertUserOfError(ErrorValue::posix(5, "nobody listens"), "no-server");
+    ASSERT_TRUE(test::processEventsUntil([&] { return alerts().size() == 1; }));
+    EXPECT_EQ(alerts().back().localizedDescription, "nobody listens");
+    EXPECT_TRUE(capture.text().contains("alertUserOfError: notification for no-server not shown ("))
+        << capture.text().constData();
+
     startServer();
     // The preference off: the modal alert, though a server is there.
     Preferences::standard().setBool(false, pref::kPreferNotificationsOverModalAlerts);
     ErrorAlerts::alertUserOfError(ErrorValue::posix(5, "camera gone"), "pref-off");
-    ASSERT_TRUE(test::processEventsUntil([&] { return !alerts().empty(); }));
-    EXPECT_EQ(alerts().front().localizedDescription, "camera gone");
+    ASSERT_TRUE(test::processEventsUntil([&] { return alerts().size() == 2; }));
+    EXPECT_EQ(alerts().back().localizedDescription, "camera gone");
     EXPECT_TRUE(server_.calls.empty());
 
     Preferences::standard().setBool(true, pref::kPreferNotificationsOverModalAlerts);
@@ -318,19 +322,7 @@ TEST_F(Alerts, ThePreferenceChoosesAndOneNotificationPerIdentifierIsReplacedNotP
     EXPECT_EQ(server_.onScreen, (QMap<uint, QString>{{41, "third"}, {42, "disk"}}));
     // Nothing fell back to the modal alert.
     test::processEventsUntil([] { return false; }, std::chrono::milliseconds(50));
-    EXPECT_EQ(alerts().size(), 1u);
-}
-
-TEST_F(Alerts, WithoutANotificationServerTheModalAlertIsShown) {
-    ASSERT_FALSE(
-        QDBusConnection::sessionBus().interface()->isServiceRegistered("org.freedesktop.Notifications"));
-    Preferences::standard().setBool(true, pref::kPreferNotificationsOverModalAlerts);
-    test::LogCapture capture;
-    ErrorAlerts::alertUserOfError(ErrorValue::posix(5, "nobody listens"), "no-server");
-    ASSERT_TRUE(test::processEventsUntil([&] { return !alerts().empty(); }));
-    EXPECT_EQ(alerts().front().localizedDescription, "nobody listens");
-    EXPECT_TRUE(capture.text().contains("alertUserOfError: notification for no-server not shown ("))
-        << capture.text().constData();
+    EXPECT_EQ(alerts().size(), 2u);
 }
 
 } // namespace
