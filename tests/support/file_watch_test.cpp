@@ -19,38 +19,41 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-// What a watcher handed its handler, with the time of each delivery.
-struct Deliveries {
-    struct One {
-        QStringList paths;
-        OKVA_FileEvent::EventFlags flags;
-        Clock::time_point at;
-    };
+// What a watcher handed its handler, as it arrives on the watcher's thread.
+template <class T> struct Recorder {
     std::mutex m;
     std::condition_variable cv;
-    std::vector<One> all;
+    std::vector<T> all;
 
-    OKVA_FileEvent::EventBlock block() {
-        return [this](const QStringList &paths, const OKVA_FileEvent::EventFlags &flags) {
-            std::lock_guard lock(m);
-            all.push_back({paths, flags, Clock::now()});
-            cv.notify_all();
-        };
+    void add(T item) {
+        std::lock_guard lock(m);
+        all.push_back(std::move(item));
+        cv.notify_all();
     }
-    // Waits (bounded) until some delivery after the first `from` satisfies `pred`.
-    bool waitFor(const std::function<bool(const One &)> &pred, size_t from = 0,
-                 std::chrono::milliseconds limit = 10s) {
+    // Waits (bounded) until some item after the first `from` satisfies `pred`.
+    bool waitFor(const std::function<bool(const T &)> &pred, size_t from = 0) {
         std::unique_lock lock(m);
-        return cv.wait_for(lock, limit, [&] {
-            for (size_t i = from; i < all.size(); ++i)
-                if (pred(all[i]))
-                    return true;
-            return false;
+        return cv.wait_for(lock, 10s, [&] {
+            return std::any_of(all.begin() + qsizetype(std::min(from, all.size())), all.end(), pred);
         });
     }
     size_t count() {
         std::lock_guard lock(m);
         return all.size();
+    }
+};
+
+// A file-event watcher's deliveries, with the time of each.
+struct Delivery {
+    QStringList paths;
+    OKVA_FileEvent::EventFlags flags;
+    Clock::time_point at;
+};
+struct Deliveries : Recorder<Delivery> {
+    OKVA_FileEvent::EventBlock block() {
+        return [this](const QStringList &paths, const OKVA_FileEvent::EventFlags &flags) {
+            add({paths, flags, Clock::now()});
+        };
     }
     QSet<QString> pathsFrom(size_t from) {
         std::lock_guard lock(m);
@@ -69,7 +72,7 @@ void writeFile(const QString &path, const QByteArray &data = "x") {
 }
 
 auto contains(const QString &path) {
-    return [path](const Deliveries::One &d) { return d.paths.contains(path); };
+    return [path](const Delivery &d) { return d.paths.contains(path); };
 }
 
 QString makeDir(const QString &name) {
@@ -203,7 +206,7 @@ TEST(FileEvent, SingleFileReplacedAndDeleted) {
     EXPECT_NE(twin.eventQueue(), watcher.eventQueue());
 }
 
-TEST(FileEvent, UnwatchablePathFailsToStart) {
+TEST(PathObserver, UnwatchablePathsFailToStartAndAFileReportsChangesUntilDeleted) {
     test::LogCapture log;
     Deliveries got;
     OKVA_FileEvent watcher(QStringLiteral("/nonexistent-brix/a/b"));
@@ -214,10 +217,7 @@ TEST(FileEvent, UnwatchablePathFailsToStart) {
     EXPECT_EQ(got.count(), 0u);
     ASSERT_FALSE(log.messages().isEmpty());
     EXPECT_TRUE(log.messages().last().startsWith("FAILED to start monitoring ("));
-}
 
-TEST(PathObserver, ReportsChangesAndEndsAfterDelete) {
-    test::LogCapture log;
     EXPECT_EQ(PathObserver::initWithURL(QUrl("https://example.com/a"), PathObserver::kAllEvents, nullptr, {}),
               nullptr);
     EXPECT_EQ(PathObserver::initWithURL(QUrl::fromLocalFile("/nonexistent-brix"), PathObserver::kAllEvents,
@@ -232,22 +232,13 @@ TEST(PathObserver, ReportsChangesAndEndsAfterDelete) {
 
     const QString file = makeDir("observed") + "/shot.jpg";
     writeFile(file);
-    std::mutex m;
-    std::condition_variable cv;
-    std::vector<unsigned long> bits;
-    auto observer =
-        PathObserver::initWithURL(QUrl::fromLocalFile(file), PathObserver::kAllEvents,
-                                  dispatch::makeSerialQueue("test.observer"), [&](unsigned long b) {
-                                      std::lock_guard lock(m);
-                                      bits.push_back(b);
-                                      cv.notify_all();
-                                  });
+    Recorder<unsigned long> bits;
+    auto observer = PathObserver::initWithURL(QUrl::fromLocalFile(file), PathObserver::kAllEvents,
+                                              dispatch::makeSerialQueue("test.observer"),
+                                              [&](unsigned long b) { bits.add(b); });
     ASSERT_NE(observer, nullptr);
     auto seen = [&](unsigned long want) {
-        std::unique_lock lock(m);
-        return cv.wait_for(lock, 10s, [&] {
-            return std::any_of(bits.begin(), bits.end(), [&](unsigned long b) { return (b & want) == want; });
-        });
+        return bits.waitFor([&](unsigned long b) { return (b & want) == want; });
     };
     writeFile(file, "more");
     EXPECT_TRUE(seen(PathObserver::kWrite | PathObserver::kExtend));
