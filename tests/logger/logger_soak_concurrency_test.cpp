@@ -4,9 +4,7 @@
 // writes straight to descriptor 2. The parent then checks that every line is
 // in the current or the old log exactly once, whole, and that the log rotated
 // exactly once.
-#include "Logger.h"
 #include "LoggerSoak.h"
-#include "Scheduling.h"
 #include "TestSupport.h"
 
 #include <QDir>
@@ -14,9 +12,6 @@
 #include <QRegularExpression>
 
 #include <gtest/gtest.h>
-
-#include <limits.h>
-#include <unistd.h>
 
 #include <vector>
 

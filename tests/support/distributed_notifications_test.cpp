@@ -7,7 +7,6 @@
 #include <QDBusConnection>
 #include <QDBusMessage>
 #include <QDBusUnixFileDescriptor>
-#include <QDBusVariant>
 #include <QDateTime>
 #include <QPoint>
 

@@ -5,7 +5,6 @@
 #include "TestSupport.h"
 
 #include <QDateTime>
-#include <QFile>
 #include <QSize>
 #include <QTimeZone>
 

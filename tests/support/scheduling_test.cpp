@@ -3,11 +3,10 @@
 
 #include <gtest/gtest.h>
 
-#include <QCoreApplication>
-
 #include <atomic>
 #include <cmath>
 #include <mutex>
+#include <thread>
 #include <vector>
 
 using namespace brix;

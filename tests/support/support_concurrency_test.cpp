@@ -12,7 +12,6 @@
 #include <gtest/gtest.h>
 
 #include <QEventLoop>
-#include <QFile>
 
 #include <sys/syscall.h>
 #include <unistd.h>
