@@ -75,7 +75,6 @@ TEST(PlistRoundTrip, EveryValueTypeKeepsTypeAndValueInBothFormats) {
         SCOPED_TRACE(int(format));
         const QVariantMap back = roundTrip(all, format).toMap();
         EXPECT_EQ(back, all);
-        EXPECT_EQ(back.keys(), all.keys());
         for (const QString &key : all.keys()) {
             const int want =
                 all.value(key).typeId() == QMetaType::Int ? QMetaType::LongLong : all.value(key).typeId();
