@@ -266,7 +266,7 @@ protected:
     std::unique_ptr<QDBusConnection> serverBus_;
 };
 
-TEST_F(Alerts, AnEmptyAlertLogsTheCallStackAndShowsTheUnknownError) {
+TEST_F(Alerts, AnEmptyAlertLogsTheCallStackAndWithoutAPresenterAnAlertIsALogLine) {
     test::LogCapture capture;
     ErrorAlerts::displayErrorAlert(std::nullopt);
     EXPECT_TRUE(alerts().empty()) << "presented later, on the main queue";
@@ -276,11 +276,8 @@ TEST_F(Alerts, AnEmptyAlertLogsTheCallStackAndShowsTheUnknownError) {
     const QStringList lines = QString::fromUtf8(capture.text()).split('\n', Qt::SkipEmptyParts);
     EXPECT_GE(lines.size(), 4);
     EXPECT_FALSE(lines.filter("test_logger").isEmpty()) << capture.text().constData();
-}
 
-TEST_F(Alerts, WithoutAPresenterTheAlertIsALogLine) {
     ErrorAlerts::setPresenter(nullptr);
-    test::LogCapture capture;
     ErrorAlerts::displayErrorAlert(ErrorValue::posix(28, "disk full 100%"));
     ASSERT_TRUE(test::processEventsUntil([&] { return capture.text().contains("presentError"); }));
     EXPECT_TRUE(capture.text().contains("[Q com.apple.main-thread] presentError: Error "
