@@ -80,32 +80,29 @@ TEST_F(RunOnceTest, EachEdgeRunsOncePerBurstOfCallsWithEqualKeys) {
 }
 
 TEST_F(RunOnceTest, IntervalSeriesStopsWhenItsObjectDiesOrOnANonPositiveAnswer) {
-    struct Counter {
-        std::atomic<int> ticks{0};
-    };
-    auto counter = std::make_shared<Counter>();
+    auto ticks = std::make_shared<std::atomic<int>>(0);
     std::atomic<int> setupCalls{0};
-    Scheduling::performAtInterval<Counter>(
-        counter,
-        [](Counter &c, double) {
-            ++c.ticks;
+    Scheduling::performAtInterval<std::atomic<int>>(
+        ticks,
+        [](std::atomic<int> &t, double) {
+            ++t;
             return 1.0;
         },
         target_,
-        [&](Counter &, double previous) {
+        [&](std::atomic<int> &, double previous) {
             EXPECT_EQ(previous, -1.0);
             ++setupCalls;
             return 0.5;
         });
     settle();
     at(0.49);
-    EXPECT_EQ(counter->ticks, 0);
+    EXPECT_EQ(*ticks, 0);
     at(0.5);
-    EXPECT_EQ(counter->ticks, 1);
+    EXPECT_EQ(*ticks, 1);
     at(2.5);
-    EXPECT_EQ(counter->ticks, 3);
-    std::weak_ptr<Counter> weak = counter;
-    counter.reset();
+    EXPECT_EQ(*ticks, 3);
+    std::weak_ptr<std::atomic<int>> weak = ticks;
+    ticks.reset();
     at(10);
     EXPECT_TRUE(weak.expired()); // the series did not keep it alive
     EXPECT_EQ(setupCalls, 1);

@@ -296,21 +296,17 @@ TEST(PrefsConcurrency, ReadersWritersAndSavesFromManyThreadsAgree) {
 TEST(PrefsConcurrency, TwoStoresOnOneFileMergeTheirKeys) {
     Preferences a(storePath()), b(storePath());
     std::atomic<int> done{0};
-    auto qa = dispatch::makeSerialQueue("prefs.a"), qb = dispatch::makeSerialQueue("prefs.b");
-    qa->async([&] {
-        for (int i = 0; i < 40; ++i) {
-            a.setInteger(i, QString("a%1").arg(i));
-            a.synchronize();
-        }
-        ++done;
-    });
-    qb->async([&] {
-        for (int i = 0; i < 40; ++i) {
-            b.setInteger(i, QString("b%1").arg(i));
-            b.synchronize();
-        }
-        ++done;
-    });
+    std::vector<dispatch::QueuePtr> queues;
+    for (auto [store, prefix] : {std::pair{&a, "a"}, std::pair{&b, "b"}}) {
+        queues.push_back(dispatch::makeSerialQueue(std::string("prefs.") + prefix));
+        queues.back()->async([&, store, prefix] {
+            for (int i = 0; i < 40; ++i) {
+                store->setInteger(i, prefix + QString::number(i));
+                store->synchronize();
+            }
+            ++done;
+        });
+    }
     ASSERT_TRUE(test::processEventsUntil([&] { return done.load() == 2; }));
     ASSERT_TRUE(a.synchronize());
     ASSERT_TRUE(b.synchronize());
