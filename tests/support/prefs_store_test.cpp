@@ -6,12 +6,10 @@
 #include "TestSupport.h"
 
 #include <QCoreApplication>
-#include <QDateTime>
 #include <QDir>
 #include <QFile>
 #include <QRegularExpression>
 #include <QSize>
-#include <QTimeZone>
 
 #include <gtest/gtest.h>
 
@@ -183,26 +181,6 @@ TEST_F(PrefsStore, SaveReplacesTheFileByRenameSoReadersNeverSeeAHalfFile) {
         PropertyList::propertyListFromData(reader.readAll(), Mutability::Immutable).toMap().value("prefA"),
         "one");
     EXPECT_EQ(fileContents().value("prefA"), "two");
-}
-
-TEST_F(PrefsStore, ChangesFromAnotherWriterAreMergedPerKey) {
-    Preferences mine(path());
-    Preferences theirs(path());
-    mine.setObject("m", "prefMine");
-    ASSERT_TRUE(mine.synchronize());
-    theirs.setObject(QVariantList{QDateTime::fromSecsSinceEpoch(1700000000, QTimeZone::utc())},
-                     pref::kRecentLaunchDates);
-    ASSERT_TRUE(theirs.synchronize());
-    QStringList changed;
-    QObject::connect(&mine, &Preferences::valueChanged,
-                     [&](const QString &key, const QVariant &) { changed << key; });
-    ASSERT_TRUE(mine.synchronize());
-    EXPECT_EQ(mine.arrayForKey(pref::kRecentLaunchDates).size(), 1);
-    // Emitted at once, or queued if mine's own background save noticed first.
-    ASSERT_TRUE(test::processEventsUntil([&] { return !changed.isEmpty(); }));
-    QCoreApplication::processEvents();
-    EXPECT_EQ(changed, QStringList{pref::kRecentLaunchDates});
-    EXPECT_EQ(fileContents().keys(), (QStringList{"prefMine", pref::kRecentLaunchDates}));
 }
 
 TEST_F(PrefsStore, ChangeSignalArrivesOnTheMainThreadAndDrivesBindings) {
