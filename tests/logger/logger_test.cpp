@@ -73,9 +73,9 @@ TEST_F(LoggerLines, MessagesAreWrittenVerbatimWithPerCentSignsAndAnyLength) {
 }
 
 // The station's own file, XDG_STATE_HOME/Logs/Brix, is where every test of
-// the station process reads its log; a state folder that cannot be made is
-// LoggerAttach's.
-TEST(LoggerDefaultFile, LivesInTheLogsFolderOfTheStateFolder) {
+// the station process reads its log. A failed attach leaves descriptor 2 alone,
+// so it can run in this process.
+TEST(LoggerDefaultFile, LivesInTheLogsFolderOfTheStateFolderAndWithoutOneTheStreamStays) {
     const QString name = Paths::executableName();
     EXPECT_EQ(Logger::defaultLogFile().toLocalFile(),
               qEnvironmentVariable("XDG_STATE_HOME") + "/Logs/" + name + ".log");
@@ -85,10 +85,8 @@ TEST(LoggerDefaultFile, LivesInTheLogsFolderOfTheStateFolder) {
     EXPECT_EQ(Logger::defaultLogFileWithinSubdirectory("Brix").toLocalFile(),
               test::testHome() + "/.local/state/Logs/Brix/" + name + ".log");
     EXPECT_TRUE(QDir(test::testHome() + "/.local/state").exists());
-}
 
-// A failed attach leaves descriptor 2 alone, so it can run in this process.
-TEST(LoggerAttach, WithoutAFileTheStreamStaysAndTheFailureIsLogged) {
+    // A state folder that cannot be made: the stream stays and the failure is logged.
     ASSERT_TRUE(test::writeFile(test::testHome() + "/plainfile", "x"));
     qputenv("XDG_STATE_HOME", (test::testHome() + "/plainfile/state").toUtf8());
     LogCapture capture;
