@@ -65,12 +65,6 @@ struct Deliveries : Recorder<Delivery> {
     }
 };
 
-void writeFile(const QString &path, const QByteArray &data = "x") {
-    QFile f(path);
-    ASSERT_TRUE(f.open(QIODevice::WriteOnly | QIODevice::Truncate));
-    f.write(data);
-}
-
 auto contains(const QString &path) {
     return [path](const Delivery &d) { return d.paths.contains(path); };
 }
@@ -100,7 +94,7 @@ TEST(FileEvent, BurstIsCoalescedAndFirstChangeArrivesAtOnce) {
 
     const auto first = Clock::now();
     for (int n = 0; n < 1000; ++n)
-        writeFile(dirs[n % 10] + QStringLiteral("/f%1").arg(n));
+        ASSERT_TRUE(test::writeFile(dirs[n % 10] + QStringLiteral("/f%1").arg(n), "x"));
     for (const QString &d : dirs)
         ASSERT_TRUE(got.waitFor(contains(d), 1)) << d.toStdString();
     EXPECT_LE(got.count() - 1, 3u);
@@ -124,7 +118,7 @@ TEST(FileEvent, NewSubfoldersAndRemadeRootAreWatched) {
     const QString sub = makeDir("tree/new/deeper");
     ASSERT_TRUE(got.waitFor(contains(root), 1));
     size_t mark = got.count();
-    writeFile(sub + "/a.txt");
+    ASSERT_TRUE(test::writeFile(sub + "/a.txt", "x"));
     ASSERT_TRUE(got.waitFor(contains(sub), mark));
 
     mark = got.count();
@@ -137,7 +131,7 @@ TEST(FileEvent, NewSubfoldersAndRemadeRootAreWatched) {
         mark));
     makeDir("tree");
     mark = got.count();
-    writeFile(root + "/b.txt");
+    ASSERT_TRUE(test::writeFile(root + "/b.txt", "x"));
     ASSERT_TRUE(got.waitFor(contains(root), mark));
 }
 
@@ -165,7 +159,7 @@ TEST(FileEvent, PausedDeliveriesAreDropped) {
     watcher.setPaused(false);
     test::drain(watcher.eventQueue());
     const size_t mark = got.count();
-    writeFile(b + "/y");
+    ASSERT_TRUE(test::writeFile(b + "/y", "x"));
     ASSERT_TRUE(got.waitFor(contains(b), mark));
     EXPECT_FALSE(got.pathsFrom(mark).contains(a));
     EXPECT_TRUE(log.messages().contains("OKVA_FileEvent->setPaused... setting pause = TRUE..."));
@@ -178,7 +172,7 @@ TEST(FileEvent, PausedDeliveriesAreDropped) {
 TEST(FileEvent, SingleFileReplacedAndDeleted) {
     const QString dir = makeDir("single");
     const QString file = dir + "/wallpaper.png";
-    writeFile(file);
+    ASSERT_TRUE(test::writeFile(file, "x"));
     Deliveries got;
     OKVA_FileEvent watcher(file);
     EXPECT_NE(watcher.createFlags() & kFileEventCreateFlagFileEvents, 0u);
@@ -187,8 +181,8 @@ TEST(FileEvent, SingleFileReplacedAndDeleted) {
     watcher.setRun(true);
     ASSERT_TRUE(got.waitFor(contains(file)));
 
-    writeFile(dir + "/other.txt"); // not watched: never reported
-    writeFile(dir + "/.tmp");
+    ASSERT_TRUE(test::writeFile(dir + "/other.txt", "x")); // not watched: never reported
+    ASSERT_TRUE(test::writeFile(dir + "/.tmp", "x"));
     ASSERT_EQ(::rename(QFile::encodeName(dir + "/.tmp").constData(), QFile::encodeName(file).constData()), 0);
     ASSERT_TRUE(got.waitFor(contains(file), 1));
     QFile::remove(file);
@@ -231,7 +225,7 @@ TEST(PathObserver, UnwatchablePathsFailToStartAndAFileReportsChangesUntilDeleted
     EXPECT_TRUE(lines.contains("Failed to get a file descriptor: No such file or directory"));
 
     const QString file = makeDir("observed") + "/shot.jpg";
-    writeFile(file);
+    ASSERT_TRUE(test::writeFile(file, "x"));
     Recorder<unsigned long> bits;
     auto observer = PathObserver::initWithURL(QUrl::fromLocalFile(file), PathObserver::kAllEvents,
                                               dispatch::makeSerialQueue("test.observer"),
@@ -240,7 +234,7 @@ TEST(PathObserver, UnwatchablePathsFailToStartAndAFileReportsChangesUntilDeleted
     auto seen = [&](unsigned long want) {
         return bits.waitFor([&](unsigned long b) { return (b & want) == want; });
     };
-    writeFile(file, "more");
+    ASSERT_TRUE(test::writeFile(file, "more"));
     EXPECT_TRUE(seen(PathObserver::kWrite | PathObserver::kExtend));
     QFile(file).setPermissions(QFile::ReadOwner);
     EXPECT_TRUE(seen(PathObserver::kAttrib));
