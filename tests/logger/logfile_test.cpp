@@ -207,7 +207,6 @@ public:
     struct Call {
         uint replaces;
         QString summary;
-        QString body;
     };
     std::vector<Call> calls;
     QMap<uint, QString> onScreen;
@@ -215,7 +214,7 @@ public:
 public slots:
     uint Notify(const QString &, uint replaces, const QString &, const QString &summary, const QString &body,
                 const QStringList &, const QVariantMap &, int) {
-        calls.push_back({replaces, summary, body});
+        calls.push_back({replaces, summary});
         const uint id = replaces && onScreen.contains(replaces) ? replaces : nextId_++;
         onScreen.insert(id, body);
         return id;
