@@ -1,19 +1,16 @@
 // Feeds arbitrary bytes to the camera settings import reader. Besides not
 // crashing, whatever it accepts must export and import again unchanged.
 #include "CameraSettingsFile.h"
-#include "Logger.h"
+#include "FuzzTarget.h"
 #include "PropertyList.h"
 
-#include <QByteArray>
 #include <QString>
 
-#include <cstdint>
 #include <cstdlib>
 
 using namespace brix;
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    const QByteArray bytes(reinterpret_cast<const char *>(data), qsizetype(size));
+void fuzzOne(const QByteArray &bytes) {
     QString why;
     const QVariantMap settings = CameraSettingsFile::readFromData(bytes, &why);
     if (!settings.isEmpty() && !why.isEmpty())
@@ -28,6 +25,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
                                                PlistFormat::Binary) != again)
             std::abort();
     }
-    Logger::flush();
-    return 0;
 }

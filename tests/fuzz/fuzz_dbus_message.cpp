@@ -6,7 +6,7 @@
 // well-formed one must still arrive, so no message may cost the station its
 // link to the siblings.
 #include "DistributedNotificationCenter.h"
-#include "Logger.h"
+#include "FuzzTarget.h"
 
 #include <QCoreApplication>
 #include <QDBusServer>
@@ -15,7 +15,6 @@
 
 #include <dbus/dbus.h>
 
-#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -105,18 +104,16 @@ struct Peer {
 
 } // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+void fuzzOne(const QByteArray &bytes) {
     static Peer *peer = new Peer; // one connection for the whole run
     DBusError error;
     dbus_error_init(&error);
     // A bus refuses what libdbus cannot read back; that never reaches the station.
-    DBusMessage *message = dbus_message_demarshal(reinterpret_cast<const char *>(data), int(size), &error);
+    DBusMessage *message = dbus_message_demarshal(bytes.constData(), int(bytes.size()), &error);
     if (!message) {
         dbus_error_free(&error);
-        return 0;
+        return;
     }
     peer->sendAndWait(message);
     dbus_message_unref(message);
-    Logger::flush();
-    return 0;
 }

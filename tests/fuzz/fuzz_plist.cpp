@@ -1,20 +1,16 @@
 // Feeds arbitrary bytes to every reader of property lists, base64 and JSON.
 // Besides not crashing, a value that was read and can be written again must
 // read back again from both formats.
-#include "Logger.h"
+#include "FuzzTarget.h"
 #include "PropertyList.h"
 
-#include <QByteArray>
 #include <QString>
 
-#include <cstdint>
 #include <cstdlib>
 
 using namespace brix;
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
-    const QByteArray bytes(reinterpret_cast<const char *>(data), qsizetype(size));
-
+void fuzzOne(const QByteArray &bytes) {
     const QVariant value = PropertyList::propertyListFromData(bytes, Mutability::Immutable);
     if (value.isValid()) {
         for (PlistFormat format : {PlistFormat::Xml, PlistFormat::Binary}) {
@@ -30,7 +26,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     (void)PropertyList::fromBase64EncodedString(QString::fromLatin1(bytes));
     (void)PropertyList::asJSONObjectFromBase64Encoding(text);
     (void)PropertyList::asJSONObjectValueForKey(text, QStringLiteral("k"));
-    // Keep the log queue from piling up lines faster than they are written.
-    Logger::flush();
-    return 0;
 }

@@ -10,8 +10,6 @@ namespace brix::soak {
 constexpr int kLines = 200000; // about 15 s under ThreadSanitizer
 constexpr int kThreads = 8;
 constexpr int kDirectLines = 2000;
-// Length of "yyyy-MM-dd HH:mm:ss.SSS" and "[Q soak.N] ".
-constexpr int kHeadLength = 23 + 11;
 
 // The message of line `seq` of thread `t`; every 1000th is longer than a pipe
 // takes in one piece.
@@ -23,16 +21,6 @@ inline QByteArray message(int t, int seq) {
 
 inline QByteArray directLine(int k) {
     return "direct " + QByteArray::number(k) + ' ' + QByteArray(30 + k % 50, char('A' + k % 26)) + "#\n";
-}
-
-inline qint64 expectedBytes() {
-    qint64 total = 0;
-    for (int t = 0; t < kThreads; ++t)
-        for (int seq = t; seq < kLines; seq += kThreads)
-            total += kHeadLength + message(t, seq).size() + 1;
-    for (int k = 0; k < kDirectLines; ++k)
-        total += directLine(k).size();
-    return total;
 }
 
 } // namespace brix::soak

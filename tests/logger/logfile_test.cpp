@@ -28,7 +28,6 @@
 
 using namespace brix;
 using test::readFile;
-using test::writeFile;
 
 namespace {
 
@@ -89,11 +88,11 @@ protected:
     std::shared_ptr<LogFileWriter> writer_;
 };
 
-TEST_F(LogFile, AppendsToAnExistingFileAndMakesAMissingFolder) {
+TEST_F(LogFile, RotatesAtExactlyTheLimitAndNotOneByteBelow) {
+    // The writer makes the missing folder; a later one appends to the file.
     ASSERT_FALSE(QFileInfo::exists(folder_));
     start();
-    send("first\n");
-    EXPECT_EQ(readFile(path_), "first\n");
+    send(QByteArray(kLimit - 11, 'a') + '\n');
     EXPECT_EQ(QFileInfo(path_).permissions() & 0x7777, QFile::ReadOwner | QFile::WriteOwner |
                                                            QFile::ReadUser | QFile::WriteUser |
                                                            QFile::ReadGroup | QFile::ReadOther);
@@ -101,17 +100,8 @@ TEST_F(LogFile, AppendsToAnExistingFileAndMakesAMissingFolder) {
     writer_.reset();
     ::close(writeFd_);
     start();
-    send("second\n");
-    EXPECT_EQ(readFile(path_), "first\nsecond\n");
     EXPECT_EQ(writer_->logFile(), QUrl::fromLocalFile(path_));
-}
-
-TEST_F(LogFile, RotatesAtExactlyTheLimitAndNotOneByteBelow) {
-    ASSERT_TRUE(QDir().mkpath(folder_));
-    const QByteArray start_(kLimit - 10, 'a');
     // One byte short of the limit: stays.
-    ASSERT_TRUE(writeFile(path_, start_));
-    start();
     send("12345678\n");
     EXPECT_EQ(QFileInfo(path_).size(), qint64(kLimit - 1));
     EXPECT_FALSE(QFileInfo::exists(oldPath_));
@@ -119,37 +109,24 @@ TEST_F(LogFile, RotatesAtExactlyTheLimitAndNotOneByteBelow) {
     // the fresh file starts with the system report.
     send("\n");
     const QByteArray old = readFile(oldPath_);
-    EXPECT_EQ(old.size(), qint64(kLimit));
-    EXPECT_TRUE(old.endsWith("12345678\n\n"));
+    EXPECT_EQ(old, QByteArray(kLimit - 11, 'a') + "\n12345678\n\n");
     const QByteArray fresh = readFile(path_);
     EXPECT_TRUE(fresh.startsWith(kReportHead)) << fresh.constData();
     EXPECT_TRUE(fresh.contains("    |        swapouts: "));
     send("next\n");
     EXPECT_TRUE(readFile(path_).endsWith("====\nnext\n"));
-    EXPECT_TRUE(alerts().empty());
-}
 
-TEST_F(LogFile, RotatesOnlyAtALineBoundary) {
-    ASSERT_TRUE(QDir().mkpath(folder_));
-    ASSERT_TRUE(writeFile(path_, QByteArray(kLimit - 4, 'a')));
-    start();
-    send("half of a line ");
-    EXPECT_FALSE(QFileInfo::exists(oldPath_)) << "a line is never split between the two files";
-    send("ends here\n");
-    EXPECT_TRUE(readFile(oldPath_).endsWith("half of a line ends here\n"));
-}
-
-TEST_F(LogFile, TwoRotationsKeepOnlyTheLatestOldLog) {
-    start();
-    send(QByteArray(kLimit - 1, '1') + '\n');
-    ASSERT_TRUE(readFile(oldPath_).startsWith("111"));
-    send(QByteArray(kLimit, '2') + '\n');
-    const QByteArray old = readFile(oldPath_);
-    EXPECT_TRUE(old.startsWith(kReportHead));
-    EXPECT_TRUE(old.endsWith("222\n"));
-    EXPECT_FALSE(old.contains("111"));
+    // Past the limit in the middle of a line: a line is never split between the two files.
+    send(QByteArray(kLimit, '2'));
+    EXPECT_TRUE(readFile(oldPath_).endsWith("12345678\n\n"));
+    // At its end, the second rotation keeps only the latest old log.
+    send("\n");
+    const QByteArray second = readFile(oldPath_);
+    EXPECT_TRUE(second.startsWith(kReportHead));
+    EXPECT_TRUE(second.endsWith("====\nnext\n" + QByteArray(kLimit, '2') + '\n'));
     EXPECT_EQ(QDir(folder_).entryList(QDir::Files).size(), 2);
     EXPECT_TRUE(readFile(path_).startsWith(kReportHead));
+    EXPECT_TRUE(alerts().empty());
 }
 
 TEST_F(LogFile, FailedRenameAlertsAndRestartsTheLogWithTheReport) {
@@ -230,7 +207,6 @@ public:
     struct Call {
         uint replaces;
         QString summary;
-        QString body;
     };
     std::vector<Call> calls;
     QMap<uint, QString> onScreen;
@@ -238,7 +214,7 @@ public:
 public slots:
     uint Notify(const QString &, uint replaces, const QString &, const QString &summary, const QString &body,
                 const QStringList &, const QVariantMap &, int) {
-        calls.push_back({replaces, summary, body});
+        calls.push_back({replaces, summary});
         const uint id = replaces && onScreen.contains(replaces) ? replaces : nextId_++;
         onScreen.insert(id, body);
         return id;
@@ -273,7 +249,7 @@ protected:
     std::unique_ptr<QDBusConnection> serverBus_;
 };
 
-TEST_F(Alerts, AnEmptyAlertLogsTheCallStackAndShowsTheUnknownError) {
+TEST_F(Alerts, AnEmptyAlertLogsTheCallStackAndWithoutAPresenterAnAlertIsALogLine) {
     test::LogCapture capture;
     ErrorAlerts::displayErrorAlert(std::nullopt);
     EXPECT_TRUE(alerts().empty()) << "presented later, on the main queue";
@@ -283,11 +259,8 @@ TEST_F(Alerts, AnEmptyAlertLogsTheCallStackAndShowsTheUnknownError) {
     const QStringList lines = QString::fromUtf8(capture.text()).split('\n', Qt::SkipEmptyParts);
     EXPECT_GE(lines.size(), 4);
     EXPECT_FALSE(lines.filter("test_logger").isEmpty()) << capture.text().constData();
-}
 
-TEST_F(Alerts, WithoutAPresenterTheAlertIsALogLine) {
     ErrorAlerts::setPresenter(nullptr);
-    test::LogCapture capture;
     ErrorAlerts::displayErrorAlert(ErrorValue::posix(28, "disk full 100%"));
     ASSERT_TRUE(test::processEventsUntil([&] { return capture.text().contains("presentError"); }));
     EXPECT_TRUE(capture.text().contains("[Q com.apple.main-thread] presentError: Error "
@@ -295,13 +268,24 @@ TEST_F(Alerts, WithoutAPresenterTheAlertIsALogLine) {
         << capture.text().constData();
 }
 
-TEST_F(Alerts, ThePreferenceChoosesAndOneNotificationPerIdentifierIsReplacedNotPiledUp) {
+TEST_F(Alerts, TheServerAndThePreferenceChooseAndOneNotificationPerIdentifierIsReplacedNotPiledUp) {
+    // No notification server: the modal alert, though notifications are preferred.
+    ASSERT_FALSE(
+        QDBusConnection::sessionBus().interface()->isServiceRegistered("org.freedesktop.Notifications"));
+    Preferences::standard().setBool(true, pref::kPreferNotificationsOverModalAlerts);
+    test::LogCapture capture;
+    ErrorAlerts::alertUserOfError(ErrorValue::posix(5, "nobody listens"), "no-server");
+    ASSERT_TRUE(test::processEventsUntil([&] { return alerts().size() == 1; }));
+    EXPECT_EQ(alerts().back().localizedDescription, "nobody listens");
+    EXPECT_TRUE(capture.text().contains("alertUserOfError: notification for no-server not shown ("))
+        << capture.text().constData();
+
     startServer();
     // The preference off: the modal alert, though a server is there.
     Preferences::standard().setBool(false, pref::kPreferNotificationsOverModalAlerts);
     ErrorAlerts::alertUserOfError(ErrorValue::posix(5, "camera gone"), "pref-off");
-    ASSERT_TRUE(test::processEventsUntil([&] { return !alerts().empty(); }));
-    EXPECT_EQ(alerts().front().localizedDescription, "camera gone");
+    ASSERT_TRUE(test::processEventsUntil([&] { return alerts().size() == 2; }));
+    EXPECT_EQ(alerts().back().localizedDescription, "camera gone");
     EXPECT_TRUE(server_.calls.empty());
 
     Preferences::standard().setBool(true, pref::kPreferNotificationsOverModalAlerts);
@@ -318,19 +302,7 @@ TEST_F(Alerts, ThePreferenceChoosesAndOneNotificationPerIdentifierIsReplacedNotP
     EXPECT_EQ(server_.onScreen, (QMap<uint, QString>{{41, "third"}, {42, "disk"}}));
     // Nothing fell back to the modal alert.
     test::processEventsUntil([] { return false; }, std::chrono::milliseconds(50));
-    EXPECT_EQ(alerts().size(), 1u);
-}
-
-TEST_F(Alerts, WithoutANotificationServerTheModalAlertIsShown) {
-    ASSERT_FALSE(
-        QDBusConnection::sessionBus().interface()->isServiceRegistered("org.freedesktop.Notifications"));
-    Preferences::standard().setBool(true, pref::kPreferNotificationsOverModalAlerts);
-    test::LogCapture capture;
-    ErrorAlerts::alertUserOfError(ErrorValue::posix(5, "nobody listens"), "no-server");
-    ASSERT_TRUE(test::processEventsUntil([&] { return !alerts().empty(); }));
-    EXPECT_EQ(alerts().front().localizedDescription, "nobody listens");
-    EXPECT_TRUE(capture.text().contains("alertUserOfError: notification for no-server not shown ("))
-        << capture.text().constData();
+    EXPECT_EQ(alerts().size(), 2u);
 }
 
 } // namespace

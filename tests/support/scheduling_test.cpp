@@ -3,11 +3,10 @@
 
 #include <gtest/gtest.h>
 
-#include <QCoreApplication>
-
 #include <atomic>
 #include <cmath>
 #include <mutex>
+#include <thread>
 #include <vector>
 
 using namespace brix;
@@ -55,87 +54,55 @@ protected:
 
 } // namespace
 
-TEST_F(RunOnceTest, LeadingEdgeSwallowsABurstAndRunsAgainAfterIt) {
+// Three keys called in one burst (a key compares by value: each call builds its
+// own): the leading edge runs at the first call and swallows the rest of the
+// burst, the trailing edge runs the last call's block one wait after the last
+// call, and both edges run a single call twice.
+TEST_F(RunOnceTest, EachEdgeRunsOncePerBurstOfCallsWithEqualKeys) {
+    using Runs = std::vector<std::pair<double, int>>;
+    call(42, Scheduling::kRunAtStart | Scheduling::kRunAtEnd, 1.0, 0);
+    int tag = 10;
     for (double t : {0.0, 0.5, 1.2}) {
         at(t);
-        call("lead", Scheduling::kRunAtStart, 1.0);
-    }
-    at(2.25);
-    ASSERT_EQ(runs().size(), 1u);
-    EXPECT_DOUBLE_EQ(runs()[0].first, 0.0);
-    at(2.3);
-    call("lead", Scheduling::kRunAtStart, 1.0);
-    ASSERT_EQ(runs().size(), 2u);
-    EXPECT_DOUBLE_EQ(runs()[1].first, 2.3);
-    at(10);
-    EXPECT_EQ(Scheduling::pendingRunOnceKeys(), 0);
-}
-
-TEST_F(RunOnceTest, TrailingEdgeRunsTheLastBlockOneWaitAfterTheLastCall) {
-    int tag = 0;
-    for (double t : {0.0, 0.5, 1.2}) {
-        at(t);
-        call("trail", Scheduling::kRunAtEnd, 1.0, ++tag);
+        call(QString("le") + "ad", Scheduling::kRunAtStart, 1.0, 1);
+        call(QString("trail"), Scheduling::kRunAtEnd, 1.0, ++tag);
     }
     at(2.19);
-    EXPECT_TRUE(runs().empty());
+    EXPECT_EQ(runs(), (Runs{{0.0, 0}, {0.0, 1}, {1.0, 0}}));
     at(2.2);
-    ASSERT_EQ(runs().size(), 1u);
-    EXPECT_DOUBLE_EQ(runs()[0].first, 2.2);
-    EXPECT_EQ(runs()[0].second, 3); // the last call's block
+    EXPECT_EQ(runs().back(), (std::pair{2.2, 13}));
+    // The leading burst ended with its last wait: the next call runs at once.
+    at(2.3);
+    call(QString("lead"), Scheduling::kRunAtStart, 1.0, 2);
     at(10);
-    EXPECT_EQ(runs().size(), 1u);
+    EXPECT_EQ(runs(), (Runs{{0.0, 0}, {0.0, 1}, {1.0, 0}, {2.2, 13}, {2.3, 2}}));
     EXPECT_EQ(Scheduling::pendingRunOnceKeys(), 0);
-}
-
-TEST_F(RunOnceTest, BothEdgesWithOneCallRunTwice) {
-    call("both", Scheduling::kRunAtStart | Scheduling::kRunAtEnd, 1.0);
-    at(5);
-    ASSERT_EQ(runs().size(), 2u);
-    EXPECT_DOUBLE_EQ(runs()[0].first, 0.0);
-    EXPECT_DOUBLE_EQ(runs()[1].first, 1.0);
-}
-
-TEST_F(RunOnceTest, KeysCompareByValueAndDifferentKeysAreIndependent) {
-    // Two separately built but equal keys belong to one burst.
-    call(QString("a") + "b", Scheduling::kRunAtStart, 1.0, 1);
-    call(QString("ab"), Scheduling::kRunAtStart, 1.0, 2);
-    call(QString("other"), Scheduling::kRunAtStart, 1.0, 3);
-    call(42, Scheduling::kRunAtStart, 1.0, 4);
-    at(5);
-    std::vector<int> tags;
-    for (auto &r : runs())
-        tags.push_back(r.second);
-    EXPECT_EQ(tags, (std::vector<int>{1, 3, 4}));
 }
 
 TEST_F(RunOnceTest, IntervalSeriesStopsWhenItsObjectDiesOrOnANonPositiveAnswer) {
-    struct Counter {
-        std::atomic<int> ticks{0};
-    };
-    auto counter = std::make_shared<Counter>();
+    auto ticks = std::make_shared<std::atomic<int>>(0);
     std::atomic<int> setupCalls{0};
-    Scheduling::performAtInterval<Counter>(
-        counter,
-        [](Counter &c, double) {
-            ++c.ticks;
+    Scheduling::performAtInterval<std::atomic<int>>(
+        ticks,
+        [](std::atomic<int> &t, double) {
+            ++t;
             return 1.0;
         },
         target_,
-        [&](Counter &, double previous) {
+        [&](std::atomic<int> &, double previous) {
             EXPECT_EQ(previous, -1.0);
             ++setupCalls;
             return 0.5;
         });
     settle();
     at(0.49);
-    EXPECT_EQ(counter->ticks, 0);
+    EXPECT_EQ(*ticks, 0);
     at(0.5);
-    EXPECT_EQ(counter->ticks, 1);
+    EXPECT_EQ(*ticks, 1);
     at(2.5);
-    EXPECT_EQ(counter->ticks, 3);
-    std::weak_ptr<Counter> weak = counter;
-    counter.reset();
+    EXPECT_EQ(*ticks, 3);
+    std::weak_ptr<std::atomic<int>> weak = ticks;
+    ticks.reset();
     at(10);
     EXPECT_TRUE(weak.expired()); // the series did not keep it alive
     EXPECT_EQ(setupCalls, 1);

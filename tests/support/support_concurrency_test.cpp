@@ -12,7 +12,6 @@
 #include <gtest/gtest.h>
 
 #include <QEventLoop>
-#include <QFile>
 
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -296,28 +295,34 @@ TEST(PrefsConcurrency, ReadersWritersAndSavesFromManyThreadsAgree) {
 
 TEST(PrefsConcurrency, TwoStoresOnOneFileMergeTheirKeys) {
     Preferences a(storePath()), b(storePath());
+    QStringList fromB; // a's change signals for b's keys, on the main thread
+    QObject::connect(&a, &Preferences::valueChanged, [&](const QString &key, const QVariant &) {
+        if (key.startsWith('b'))
+            fromB << key;
+    });
     std::atomic<int> done{0};
-    auto qa = dispatch::makeSerialQueue("prefs.a"), qb = dispatch::makeSerialQueue("prefs.b");
-    qa->async([&] {
-        for (int i = 0; i < 40; ++i) {
-            a.setInteger(i, QString("a%1").arg(i));
-            a.synchronize();
-        }
-        ++done;
-    });
-    qb->async([&] {
-        for (int i = 0; i < 40; ++i) {
-            b.setInteger(i, QString("b%1").arg(i));
-            b.synchronize();
-        }
-        ++done;
-    });
+    std::vector<dispatch::QueuePtr> queues;
+    for (auto [store, prefix] : {std::pair{&a, "a"}, std::pair{&b, "b"}}) {
+        queues.push_back(dispatch::makeSerialQueue(std::string("prefs.") + prefix));
+        queues.back()->async([&, store, prefix] {
+            for (int i = 0; i < 40; ++i) {
+                store->setInteger(i, prefix + QString::number(i));
+                store->synchronize();
+            }
+            ++done;
+        });
+    }
     ASSERT_TRUE(test::processEventsUntil([&] { return done.load() == 2; }));
     ASSERT_TRUE(a.synchronize());
     ASSERT_TRUE(b.synchronize());
     Preferences fresh(storePath());
     EXPECT_EQ(fresh.persistentDomain().size(), 80);
     EXPECT_EQ(a.persistentDomain(), fresh.persistentDomain());
+    // Each of b's keys reached a once, as a change from another writer.
+    ASSERT_TRUE(test::processEventsUntil([&] { return fromB.size() >= 40; }));
+    test::processEventsUntil([] { return false; }, std::chrono::milliseconds(50));
+    EXPECT_EQ(fromB.size(), 40);
+    EXPECT_EQ(fromB.removeDuplicates(), 0);
 }
 
 } // namespace
@@ -325,25 +330,22 @@ TEST(PrefsConcurrency, TwoStoresOnOneFileMergeTheirKeys) {
 TEST(NamedLock, TimedWaitsIgnoreWallClockSteps) {
     brix::NamedLock lock(QStringLiteral("test"));
     lock.lock();
-    {
-        // An hour ahead: a wall-clock deadline would wait an hour.
-        WallClockStep step(3600);
-        auto waiter = std::async(std::launch::async, [&] { return lock.lockBeforeSeconds(0.05); });
+    // An hour ahead, a wall-clock deadline would wait an hour; an hour behind, it
+    // would already be past.
+    for (long seconds : {3600L, -3600L}) {
+        WallClockStep step(seconds);
+        const auto start = std::chrono::steady_clock::now();
+        auto waiter = std::async(std::launch::async, [&] { return lock.lockBeforeSeconds(0.2); });
         const bool ended = waiter.wait_for(std::chrono::seconds(20)) == std::future_status::ready;
+        const auto waited = std::chrono::steady_clock::now() - start;
         lock.unlock(); // frees a waiter that is still stuck
         const bool taken = waiter.get();
         if (taken)
             lock.unlock();
-        EXPECT_TRUE(ended) << "a 50 ms wait did not end";
+        EXPECT_TRUE(ended) << "a 200 ms wait did not end";
+        EXPECT_GE(waited, std::chrono::milliseconds(200));
         EXPECT_FALSE(taken);
         lock.lock();
-    }
-    {
-        // An hour behind: a wall-clock deadline would already be past.
-        WallClockStep step(-3600);
-        const auto start = std::chrono::steady_clock::now();
-        std::thread([&] { EXPECT_FALSE(lock.lockBeforeSeconds(0.2)); }).join();
-        EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(200));
     }
     lock.unlock();
     EXPECT_TRUE(lock.lockBeforeSeconds(0));
