@@ -107,15 +107,13 @@ TEST_P(EdsContract, DownloadDeliversTheExactBytesWithProgressTo100) {
     EdsBaseRef item = shootToHost();
     ASSERT_NE(item, nullptr);
     EdsDirectoryItemInfo info{};
-    ASSERT_EQ(sdk_->EdsGetDirectoryItemInfo(item, &info), EDS_ERR_OK);
+    Progress progress;
+    const QByteArray first = download(item, &progress, &info);
     const QString fileName = QString::fromUtf8(info.szFileName);
     EXPECT_TRUE(fileName.endsWith(".JPG", Qt::CaseInsensitive) ||
                 fileName.endsWith(".CR2", Qt::CaseInsensitive))
         << fileName.toStdString();
-    ASSERT_GT(info.size, 0u);
-
-    Progress progress;
-    const QByteArray first = download(item, &progress);
+    ASSERT_GT(first.size(), 0);
     ASSERT_EQ(first.size(), qsizetype(info.size));
     {
         std::lock_guard lock(progress.mutex);
@@ -140,23 +138,15 @@ TEST_P(EdsContract, DownloadDeliversTheExactBytesWithProgressTo100) {
     // A download into a stream too small for it fails with a code and writes nothing past it.
     EdsBaseRef second = shootToHost();
     ASSERT_NE(second, nullptr);
-    ASSERT_EQ(sdk_->EdsGetDirectoryItemInfo(second, &info), EDS_ERR_OK);
     QByteArray small(16 + 8, '\x5A');
-    EdsStreamHandle stream;
-    ASSERT_EQ(sdk_->EdsCreateMemoryStreamFromPointer(small.data(), 16, stream.receive(*sdk_)), EDS_ERR_OK);
-    EXPECT_NE(sdk_->EdsDownload(second, info.size, stream.get()), EDS_ERR_OK);
+    EXPECT_NE(transfer(second, small, nullptr, 16), EDS_ERR_OK);
     EXPECT_EQ(small.mid(16), QByteArray(8, '\x5A'));
 
     // Cancelling from the progress callback stops the transfer with a code.
     Progress cancelling;
     cancelling.cancelAt = 1;
-    QByteArray bytes(qsizetype(info.size), '\0');
-    EdsStreamHandle s2;
-    ASSERT_EQ(sdk_->EdsCreateMemoryStreamFromPointer(bytes.data(), info.size, s2.receive(*sdk_)), EDS_ERR_OK);
-    ASSERT_EQ(sdk_->EdsSetProgressCallback(s2.get(), &Progress::callback, kEdsProgressOption_Periodically,
-                                           &cancelling),
-              EDS_ERR_OK);
-    EXPECT_EQ(sdk_->EdsDownload(second, info.size, s2.get()), EDS_ERR_OPERATION_CANCELLED);
+    QByteArray bytes;
+    EXPECT_EQ(transfer(second, bytes, &cancelling), EDS_ERR_OPERATION_CANCELLED);
     EXPECT_EQ(sdk_->EdsDownloadComplete(second), EDS_ERR_OK);
 }
 
@@ -184,13 +174,8 @@ TEST_P(EdsContract, InjectedErrorsComeBackAsCodesForTheirCount) {
     ASSERT_TRUE(GetParam().injectError(*sdk_, "EdsDownload", EDS_ERR_STREAM_WRITE_ERROR, 1));
     EdsBaseRef item = shootToHost();
     ASSERT_NE(item, nullptr);
-    EdsDirectoryItemInfo info{};
-    ASSERT_EQ(sdk_->EdsGetDirectoryItemInfo(item, &info), EDS_ERR_OK);
-    QByteArray bytes(qsizetype(info.size), '\0');
-    EdsStreamHandle stream;
-    ASSERT_EQ(sdk_->EdsCreateMemoryStreamFromPointer(bytes.data(), info.size, stream.receive(*sdk_)),
-              EDS_ERR_OK);
-    EXPECT_EQ(sdk_->EdsDownload(item, info.size, stream.get()), EDS_ERR_STREAM_WRITE_ERROR);
+    QByteArray bytes;
+    EXPECT_EQ(transfer(item, bytes), EDS_ERR_STREAM_WRITE_ERROR);
     EXPECT_EQ(sdk_->EdsDownloadComplete(item), EDS_ERR_OK);
 }
 
@@ -227,8 +212,9 @@ TEST_P(EdsContract, LiveViewGivesMovingJpegFramesWithNotReadyBetween) {
     EXPECT_TRUE(test::processEventsUntil(
         [&] { return log_.count('p', kEdsPropertyEvent_PropertyChanged, kEdsPropID_Evf_OutputDevice) > 0; }));
 
+    // A frame into `out`, asked for up to `tries` times while none is ready.
     constexpr size_t kStreamSize = 0x200000;
-    auto frame = [&](QByteArray *out) -> EdsError {
+    auto frame = [&](QByteArray *out, int tries = 2000) -> EdsError {
         QByteArray buffer(qsizetype(kStreamSize), '\0');
         EdsStreamHandle stream;
         EdsEvfImageHandle image;
@@ -236,7 +222,7 @@ TEST_P(EdsContract, LiveViewGivesMovingJpegFramesWithNotReadyBetween) {
                   EDS_ERR_OK);
         EXPECT_EQ(sdk_->EdsCreateEvfImageRef(stream.get(), image.receive(*sdk_)), EDS_ERR_OK);
         EdsError e = EDS_ERR_OBJECT_NOTREADY;
-        for (int tries = 0; tries < 2000 && e == EDS_ERR_OBJECT_NOTREADY; ++tries) {
+        for (; tries > 0 && e == EDS_ERR_OBJECT_NOTREADY; --tries) {
             e = sdk_->EdsDownloadEvfImage(camera_.get(), image.get());
             if (e == EDS_ERR_OBJECT_NOTREADY && GetParam().nextFrame)
                 GetParam().nextFrame();
@@ -255,13 +241,7 @@ TEST_P(EdsContract, LiveViewGivesMovingJpegFramesWithNotReadyBetween) {
 
     // Without the host bit there are no frames.
     ASSERT_EQ(setUInt32(kEdsPropID_Evf_OutputDevice, device & ~kEdsEvfOutputDevice_PC), EDS_ERR_OK);
-    QByteArray buffer(qsizetype(kStreamSize), '\0');
-    EdsStreamHandle stream;
-    EdsEvfImageHandle image;
-    ASSERT_EQ(sdk_->EdsCreateMemoryStreamFromPointer(buffer.data(), kStreamSize, stream.receive(*sdk_)),
-              EDS_ERR_OK);
-    ASSERT_EQ(sdk_->EdsCreateEvfImageRef(stream.get(), image.receive(*sdk_)), EDS_ERR_OK);
-    EXPECT_NE(sdk_->EdsDownloadEvfImage(camera_.get(), image.get()), EDS_ERR_OK);
+    EXPECT_NE(frame(&a, 1), EDS_ERR_OK);
 }
 
 TEST_P(EdsContract, RetainAndReleaseReportCounts) {
