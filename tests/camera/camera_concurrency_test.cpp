@@ -74,18 +74,6 @@ protected:
     std::shared_ptr<RecordingSdk> recording;
 };
 
-// Runs `body(i)` for i in [0, n) on n detached threads and waits for them all
-// while the main loop keeps delivering.
-void onThreads(int n, const std::function<void(int)> &body) {
-    auto left = std::make_shared<std::atomic<int>>(n);
-    for (int i = 0; i < n; ++i)
-        dispatch::detachThread("test-worker", [body, i, left] {
-            body(i);
-            left->fetch_sub(1);
-        });
-    processEventsUntil([&] { return left->load() == 0; }, std::chrono::seconds(60));
-}
-
 } // namespace
 
 TEST_F(CameraUnderLoad, ABurstOfFiftyShotsArrivesWholeAndInOrder) {
@@ -120,12 +108,17 @@ TEST_F(CameraUnderLoad, ABurstOfFiftyShotsArrivesWholeAndInOrder) {
 TEST_F(CameraUnderLoad, TakePictureFromManyThreadsSendsEachCommandOnce) {
     constexpr int kThreads = 8;
     constexpr int kEach = 5;
-    onThreads(kThreads, [camera = camera](int) {
-        for (int i = 0; i < kEach; ++i) {
-            camera->takePicture();
-            camera->performNextQueuedCameraCommand();
-        }
-    });
+    // Each on its own thread, while the main loop keeps delivering.
+    auto left = std::make_shared<std::atomic<int>>(kThreads);
+    for (int t = 0; t < kThreads; ++t)
+        dispatch::detachThread("test-worker", [camera = camera, left] {
+            for (int i = 0; i < kEach; ++i) {
+                camera->takePicture();
+                camera->performNextQueuedCameraCommand();
+            }
+            left->fetch_sub(1);
+        });
+    ASSERT_TRUE(waitFor([&] { return left->load() == 0; }, std::chrono::seconds(60)));
     ASSERT_TRUE(waitFor([&] { return count(kOKVA_CanonCameraPhotoDataAvailable) == kThreads * kEach; },
                         std::chrono::seconds(120)));
     settle();

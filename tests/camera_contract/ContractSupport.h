@@ -217,14 +217,6 @@ protected:
         return sdk_->EdsDownload(item, info.size, stream.get());
     }
 
-    QByteArray download(EdsBaseRef item, Progress *progress = nullptr,
-                        EdsDirectoryItemInfo *itemInfo = nullptr) {
-        QByteArray bytes;
-        const EdsError e = transfer(item, bytes, progress, 0, itemInfo);
-        EXPECT_EQ(e, EDS_ERR_OK);
-        return e == EDS_ERR_OK ? bytes : QByteArray();
-    }
-
     std::unique_ptr<EdsSdk> sdk_;
     EventLog log_;
     EdsCameraHandle camera_;

@@ -89,23 +89,18 @@ INSTANTIATE_TEST_SUITE_P(Edsdk, EdsContract, ::testing::Values(SimLibrary::backe
 
 namespace {
 
-// Installs a manual clock for one test; the pump then ticks only when told.
-class ManualTime {
-public:
-    ManualTime() { dispatch::setClock(&clock); }
-    ~ManualTime() { dispatch::setClock(nullptr); }
+// A session whose event pump ticks only when the test says: the manual clock
+// is in place before the session starts the pump, and until it has ended.
+class EdsdkSession : public test::SimLibrarySession {
+protected:
+    EdsdkSession() { dispatch::setClock(&clock); }
+    ~EdsdkSession() override { dispatch::setClock(nullptr); }
     // One pump period, once the library holds `events` events.
     void pumpOnce(unsigned events = 1) {
         ASSERT_TRUE(test::processEventsUntil([&] { return SimLibrary::pendingEvents() >= events; }));
         clock.advance(kEdsdkEventPeriod);
     }
     dispatch::ManualClock clock;
-};
-
-// A session whose event pump ticks only when the test says.
-class EdsdkSession : public test::SimLibrarySession {
-protected:
-    ManualTime time; // made before the session starts the pump
 };
 
 struct AddedProbe {
@@ -161,18 +156,18 @@ TEST_F(EdsdkSession, EventsArriveOnlyThroughThePumpOnTheEventQueue) {
     ASSERT_TRUE(test::processEventsUntil([] { return SimLibrary::pendingEvents() >= 1; }));
     EXPECT_EQ(probe.calls.load(), 0);
     // ...which the pump makes one period later.
-    time.clock.advance(kEdsdkEventPeriod);
+    clock.advance(kEdsdkEventPeriod);
     ASSERT_TRUE(test::processEventsUntil([&] { return probe.calls.load() == 1; }));
     EXPECT_EQ(probe.label, kEdsdkEventQueueLabel);
 
     // The pump keeps ticking.
     control->plug("Canon EOS R5", -1);
-    time.pumpOnce();
+    pumpOnce();
     ASSERT_TRUE(test::processEventsUntil([&] { return probe.calls.load() == 2; }));
 
     EXPECT_EQ(sdk_->EdsTerminateSDK(), EDS_ERR_OK);
     // After termination the pump stops asking: nothing more is delivered.
-    time.clock.advance(kEdsdkEventPeriod * 10);
+    clock.advance(kEdsdkEventPeriod * 10);
     EXPECT_EQ(probe.calls.load(), 2);
 }
 
@@ -210,7 +205,7 @@ TEST_F(EdsdkSession, EventsQueuedForAHandlerThatIsClearedAreDropped) {
     const unsigned waiting = SimLibrary::pendingEvents();
     EXPECT_EQ(control->setStringProperty(kEdsPropID_OwnerName, "first"), EDS_ERR_OK);
     EXPECT_EQ(control->setStringProperty(kEdsPropID_OwnerName, "second"), EDS_ERR_OK);
-    time.pumpOnce(waiting + 2);
+    pumpOnce(waiting + 2);
     // The first is being handled; the second waits behind it.
     ASSERT_EQ(probe.entered.get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
     // Clearing does not wait for the handler that runs...
@@ -219,7 +214,7 @@ TEST_F(EdsdkSession, EventsQueuedForAHandlerThatIsClearedAreDropped) {
     release.set_value();
     // ...and the waiting event is dropped: a later event arrives, the property handler is not called again.
     control->plug("", -1);
-    time.pumpOnce();
+    pumpOnce();
     ASSERT_TRUE(test::processEventsUntil([&] { return marker.calls.load() == 1; }));
     EXPECT_EQ(probe.calls.load(), 1);
 }
