@@ -83,11 +83,8 @@ TEST_F(CameraUnderLoad, ABurstOfFiftyShotsArrivesWholeAndInOrder) {
         waitFor([&] { return count(kOKVA_CanonCameraPhotoDataAvailable) == 50; }, std::chrono::seconds(120)));
 
     const auto shots = named(kOKVA_CanonCameraPhotoDataAvailable);
-    std::vector<std::pair<QString, QByteArray>> transfers;
-    {
-        std::lock_guard lk(recording->m);
-        transfers = recording->transfers;
-    }
+    std::lock_guard lk(recording->m); // the body is done: nothing waits for it
+    const auto &transfers = recording->transfers;
     ASSERT_EQ(transfers.size(), 50u);
     std::set<QByteArray> digests;
     for (int i = 0; i < 50; ++i) {

@@ -165,11 +165,9 @@ TEST_F(Session, LoadOpensOneSessionAndReadsTheSettingsInOrderUnloadHandsTheCamer
     EXPECT_FALSE(camera->unload());
 }
 
-TEST_F(Session, LoadingASecondCameraUnloadsTheFirst) {
-    const auto list = waitForCameras(1);
-    ASSERT_EQ(list.size(), 1);
-    CameraPtr first = list[0];
-    ASSERT_TRUE(first->load());
+using SecondCamera = LoadedCameraFixture;
+
+TEST_F(SecondCamera, LoadingItUnloadsTheFirst) {
     // The update after the plug lists only the camera it had not seen.
     control->plug("Canon EOS R5");
     ASSERT_TRUE(waitFor([&] {
@@ -177,9 +175,9 @@ TEST_F(Session, LoadingASecondCameraUnloadsTheFirst) {
         return c && c->size() == 1 && c->first()->description() == "Canon EOS R5";
     }));
     CameraPtr second = OKVA_CanonCamera::cameras()->first();
-    EXPECT_FALSE(first->isEqual(second));
+    EXPECT_FALSE(camera->isEqual(second));
     ASSERT_TRUE(second->load());
-    EXPECT_FALSE(first->isLoaded());
+    EXPECT_FALSE(camera->isLoaded());
     EXPECT_EQ(OKVA_CanonCamera::currentCamera(), second);
     EXPECT_EQ(count(kOKVA_CanonCameraDidUnload), 1u);
 }
@@ -504,7 +502,6 @@ TEST_F(Disappearance, UnplugTellsTheMainThreadAPlugLoadsAgainAndAListUpdateSwall
     EXPECT_EQ(gone.camera(), camera);
     EXPECT_FALSE(camera->isLoaded());
     ASSERT_TRUE(waitFor([&] { return count(kOKVA_CanonCameraListDidUpdate) >= 1; }));
-    EXPECT_EQ(named(kOKVA_CanonCameraListDidUpdate)[0].note.object, OKVA_CanonCamera::classObject());
     EXPECT_EQ(OKVA_CanonCamera::currentCamera(), nullptr);
 
     ASSERT_EQ(control->plug(""), 1);

@@ -171,6 +171,9 @@ protected:
     EdsError setUInt32(EdsPropertyID id, EdsUInt32 value) {
         return sdk_->EdsSetPropertyData(camera_.get(), id, 0, sizeof value, &value);
     }
+    EdsError send(EdsCameraCommand command, EdsInt32 param = 0) {
+        return sdk_->EdsSendCommand(camera_.get(), command, param);
+    }
     EdsUInt32 getUInt32(EdsPropertyID id) {
         EdsUInt32 value = 0xDEADBEEF;
         EXPECT_EQ(sdk_->EdsGetPropertyData(camera_.get(), id, 0, sizeof value, &value), EDS_ERR_OK);
@@ -182,7 +185,7 @@ protected:
         EXPECT_EQ(setUInt32(kEdsPropID_SaveTo, kEdsSaveTo_Host), EDS_ERR_OK);
         EXPECT_EQ(sdk_->EdsSetCapacity(camera_.get(), EdsCapacity{0x7FFFFFFF, 512, 1}), EDS_ERR_OK);
         const size_t before = items();
-        EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_TakePicture, 0), EDS_ERR_OK);
+        EXPECT_EQ(send(kEdsCameraCommand_TakePicture), EDS_ERR_OK);
         EXPECT_TRUE(waitForItems(before + 1));
         std::lock_guard lock(log_.mutex);
         return log_.items.size() > before ? log_.items.back() : nullptr;

@@ -65,7 +65,6 @@ protected:
         return bytes;
     }
 
-    dispatch::ManualClock &clock_ = simulatorClock();
     SimulatorControl *control_ = nullptr;
 };
 
@@ -157,7 +156,7 @@ TEST_F(Simulator, ShotsAreRealFilesNamedInOrderAndSizedAsAsked) {
     // Saved to the card only: counted, but the host is not offered it.
     ASSERT_TRUE(control_->setShotFormat("JPG", 0));
     ASSERT_EQ(setUInt32(kEdsPropID_SaveTo, kEdsSaveTo_Camera), EDS_ERR_OK);
-    ASSERT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_TakePicture, 0), EDS_ERR_OK);
+    ASSERT_EQ(send(kEdsCameraCommand_TakePicture), EDS_ERR_OK);
     const QByteArray third = download(shootToHost(), &info);
     EXPECT_EQ(control_->shotCount(), 4u);
     EXPECT_EQ(items(), 3u);
@@ -207,43 +206,36 @@ TEST_F(Simulator, StampedShotsShareOnePictureAndAreToldApartByTheirNumber) {
 TEST_F(Simulator, ShutterButtonBulbAndInjectedRefusals) {
     openFirstCamera();
     ASSERT_EQ(setUInt32(kEdsPropID_SaveTo, kEdsSaveTo_Host), EDS_ERR_OK);
-    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_BulbStart, 0),
-              0xA005u); // manual, not bulb
-    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_PressShutterButton, 2),
-              EDS_ERR_INVALID_PARAMETER);
+    EXPECT_EQ(send(kEdsCameraCommand_BulbStart), 0xA005u); // manual, not bulb
+    EXPECT_EQ(send(kEdsCameraCommand_PressShutterButton, 2), EDS_ERR_INVALID_PARAMETER);
 
     // Fully pressed: one shot; a take-picture meanwhile is refused as busy.
-    ASSERT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_PressShutterButton,
-                                   kEdsCameraCommand_ShutterButton_Halfway),
+    ASSERT_EQ(send(kEdsCameraCommand_PressShutterButton, kEdsCameraCommand_ShutterButton_Halfway),
               EDS_ERR_OK);
-    ASSERT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_PressShutterButton,
-                                   kEdsCameraCommand_ShutterButton_Completely_NonAF),
+    ASSERT_EQ(send(kEdsCameraCommand_PressShutterButton, kEdsCameraCommand_ShutterButton_Completely_NonAF),
               EDS_ERR_OK);
-    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_TakePicture, 0), EDS_ERR_DEVICE_BUSY);
-    ASSERT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_PressShutterButton,
-                                   kEdsCameraCommand_ShutterButton_OFF),
-              EDS_ERR_OK);
+    EXPECT_EQ(send(kEdsCameraCommand_TakePicture), EDS_ERR_DEVICE_BUSY);
+    ASSERT_EQ(send(kEdsCameraCommand_PressShutterButton, kEdsCameraCommand_ShutterButton_OFF), EDS_ERR_OK);
     EXPECT_EQ(control_->shotCount(), 1u);
 
     // Bulb: the exposure is one shot, made when it ends.
     ASSERT_EQ(setUInt32(kEdsPropID_AEMode, 4), EDS_ERR_OK);
-    ASSERT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_BulbStart, 0), EDS_ERR_OK);
-    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_BulbStart, 0), EDS_ERR_DEVICE_BUSY);
+    ASSERT_EQ(send(kEdsCameraCommand_BulbStart), EDS_ERR_OK);
+    EXPECT_EQ(send(kEdsCameraCommand_BulbStart), EDS_ERR_DEVICE_BUSY);
     EXPECT_EQ(control_->shotCount(), 1u);
-    clock_.advanceSeconds(30);
-    ASSERT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_BulbEnd, 0), EDS_ERR_OK);
+    simulatorClock().advanceSeconds(30);
+    ASSERT_EQ(send(kEdsCameraCommand_BulbEnd), EDS_ERR_OK);
     EXPECT_EQ(control_->shotCount(), 2u);
     EXPECT_TRUE(
         test::processEventsUntil([&] { return log_.count('s', kEdsStateEvent_BulbExposureTime, 30) == 1; }));
     // The half press focused (AF on) once, and reported it.
     EXPECT_EQ(log_.count('s', kEdsStateEvent_AfResult), 1u);
-    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_BulbEnd, 0), 0xA005u);
+    EXPECT_EQ(send(kEdsCameraCommand_BulbEnd), 0xA005u);
 
     // A refusal aimed at one command leaves the others alone.
     ASSERT_TRUE(control_->injectError("TakePicture", EDS_ERR_TAKE_PICTURE_AF_NG, 1));
-    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_ExtendShutDownTimer, 0), EDS_ERR_OK);
-    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_TakePicture, 0),
-              EDS_ERR_TAKE_PICTURE_AF_NG);
+    EXPECT_EQ(send(kEdsCameraCommand_ExtendShutDownTimer), EDS_ERR_OK);
+    EXPECT_EQ(send(kEdsCameraCommand_TakePicture), EDS_ERR_TAKE_PICTURE_AF_NG);
     EXPECT_EQ(control_->shotCount(), 2u);
     // The prefix may be left out; a count of 0 withdraws an injection.
     ASSERT_TRUE(control_->injectError("OpenSession", EDS_ERR_DEVICE_BUSY, 5));
