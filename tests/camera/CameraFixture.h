@@ -117,33 +117,41 @@ protected:
         return list;
     }
 
-    // The first listed camera, loaded.
-    CameraPtr loadFirstCamera() {
-        const auto list = waitForCameras(1);
-        if (list.isEmpty())
-            return nullptr;
-        CameraPtr camera = list.first();
-        if (!camera->load())
-            return nullptr;
-        // Loading switches saving to the host; the body answers with a change
-        // event that reads the value again. Waiting for it keeps that read from
-        // meeting an error a test injects next.
-        const bool settled = waitFor([&] {
-            for (const auto &p : named(kOKVA_CanonCameraPropertyDidChange))
-                if (p.note.userInfo.value(kOKVA_CanonCameraPropertyName).toString() ==
-                    QLatin1String("SaveTo"))
-                    return true;
-            return false;
-        });
-        return settled ? camera : nullptr;
-    }
-
     std::shared_ptr<eds::EdsSdk> simulator;
     std::shared_ptr<eds::EdsSdk> sdk;
     eds::SimulatorControl *control = nullptr;
     NotificationCenter::Token token = 0;
     std::mutex m;
     std::vector<Posted> posted;
+};
+
+// The same, with the first listed camera loaded before the test begins.
+class LoadedCameraFixture : public CameraFixture {
+protected:
+    void SetUp() override {
+        CameraFixture::SetUp();
+        ASSERT_FALSE(HasFatalFailure());
+        const auto list = waitForCameras(1);
+        ASSERT_EQ(list.size(), 1);
+        camera = list.first();
+        ASSERT_TRUE(camera->load());
+        // Loading switches saving to the host; the body answers with a change
+        // event that reads the value again. Waiting for it keeps that read from
+        // meeting an error a test injects next.
+        ASSERT_TRUE(waitFor([&] {
+            for (const auto &p : named(kOKVA_CanonCameraPropertyDidChange))
+                if (p.note.userInfo.value(kOKVA_CanonCameraPropertyName).toString() ==
+                    QLatin1String("SaveTo"))
+                    return true;
+            return false;
+        }));
+    }
+    void TearDown() override {
+        camera.reset(); // before the simulator goes
+        CameraFixture::TearDown();
+    }
+
+    CameraPtr camera;
 };
 
 // A delegate whose answer the test sets.

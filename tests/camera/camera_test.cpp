@@ -39,36 +39,6 @@ std::optional<Posted> lastChange(const std::vector<Posted> &all, const QString &
 
 // --- discovery -------------------------------------------------------------------------
 
-using Discovery = CameraFixture;
-
-TEST_F(Discovery, StartUpListsTheCameraAndAnUpdateThatFindsOnlyListedCamerasEmptiesTheList) {
-    ASSERT_TRUE(waitFor([&] { return count(kOKVA_CanonCameraListDidUpdate) == 1; }));
-    const Posted update = named(kOKVA_CanonCameraListDidUpdate).front();
-    EXPECT_TRUE(update.onMain);
-    EXPECT_EQ(update.note.object, OKVA_CanonCamera::classObject());
-
-    const auto list = waitForCameras(1);
-    ASSERT_EQ(list.size(), 1);
-    EXPECT_EQ(list[0]->description(), QString::fromUtf8(kSimulatorDefaultModel));
-    EXPECT_FALSE(list[0]->isLegacyModel());
-    EXPECT_FALSE(list[0]->isLoaded());
-
-    // While the list is being changed, asking for it answers nothing.
-    auto &listLock = CameraClassState::get().listLock;
-    ASSERT_TRUE(listLock.tryLock());
-    EXPECT_FALSE(OKVA_CanonCamera::cameras().has_value());
-    listLock.unlock();
-
-    // The same body again is not new: the list empties and nobody is told.
-    OKVA_CanonCamera::updateCameraList();
-    EXPECT_TRUE(waitFor([&] {
-        auto c = OKVA_CanonCamera::cameras();
-        return c && c->isEmpty();
-    }));
-    settle();
-    EXPECT_EQ(count(kOKVA_CanonCameraListDidUpdate), 1u);
-}
-
 // Counts camera-list reads, i.e. list updates that ran.
 class CountingSdk : public ForwardingSdk {
 public:
@@ -80,7 +50,7 @@ public:
     std::atomic<int> listReads{0};
 };
 
-class DiscoveryCounted : public CameraFixture {
+class Discovery : public CameraFixture {
 protected:
     std::shared_ptr<EdsSdk> wrap(std::shared_ptr<EdsSdk> sim) override {
         counting = std::make_shared<CountingSdk>(sim);
@@ -89,15 +59,26 @@ protected:
     std::shared_ptr<CountingSdk> counting;
 };
 
-TEST_F(DiscoveryCounted, RequestsDuringAnUpdateAreSkippedAndCaughtUpExactlyOnce) {
-    waitForCameras(1);
+TEST_F(Discovery, StartUpListsTheCameraUpdatesDuringAnUpdateAreCaughtUpOnceAndListOnlyNewCameras) {
+    ASSERT_TRUE(waitFor([&] { return count(kOKVA_CanonCameraListDidUpdate) == 1; }));
+    const Posted update = named(kOKVA_CanonCameraListDidUpdate).front();
+    EXPECT_TRUE(update.onMain);
+    EXPECT_EQ(update.note.object, OKVA_CanonCamera::classObject());
+
+    const auto list = waitForCameras(1);
+    ASSERT_EQ(list.size(), 1);
+    EXPECT_EQ(list[0]->description(), QString::fromUtf8(kSimulatorDefaultModel));
+    EXPECT_FALSE(list[0]->isLegacyModel());
+    EXPECT_FALSE(list[0]->isLoaded());
     ASSERT_TRUE(waitFor([&] { return CameraClassState::get().updateLock.tryLock(); }));
     CameraClassState::get().updateLock.unlock();
     ASSERT_EQ(counting->listReads.load(), 1);
 
-    // Holding the list lock keeps the next update inside its run.
+    // While the list is being changed, asking for it answers nothing; and
+    // holding its lock keeps the next update inside its run.
     auto &listLock = CameraClassState::get().listLock;
     ASSERT_TRUE(listLock.tryLock());
+    EXPECT_FALSE(OKVA_CanonCamera::cameras().has_value());
     OKVA_CanonCamera::updateCameraList();
     ASSERT_TRUE(waitFor([&] { return counting->listReads.load() == 2; }));
     for (int i = 0; i < 3; ++i)
@@ -109,6 +90,13 @@ TEST_F(DiscoveryCounted, RequestsDuringAnUpdateAreSkippedAndCaughtUpExactlyOnce)
     settle();
     EXPECT_EQ(counting->listReads.load(), 3);
     EXPECT_FALSE(CameraClassState::get().missedUpdate.load());
+    // The update held back found the listed body again, which is not new: it
+    // emptied the list and told nobody. So the catch-up found the body new.
+    EXPECT_TRUE(waitFor([&] {
+        auto c = OKVA_CanonCamera::cameras();
+        return c && c->size() == 1;
+    }));
+    EXPECT_EQ(count(kOKVA_CanonCameraListDidUpdate), 2u);
 }
 
 // --- session and properties -----------------------------------------------------------
@@ -156,6 +144,13 @@ TEST_F(Session, LoadOpensOneSessionAndReadsTheSettingsInOrderUnloadHandsTheCamer
     ASSERT_TRUE(owner);
     EXPECT_EQ(owner->note.userInfoOrder, kPropertyKeys.mid(0, 3)); // an empty text is still a value
 
+    // A modern body is never asked for its UI lock: a failing status command
+    // would break every read and write if it were sent.
+    ASSERT_TRUE(control->injectError("EdsSendStatusCommand", EDS_ERR_DEVICE_BUSY, 100));
+    EXPECT_TRUE(camera->waitForCameraLock(3.0));
+    EXPECT_EQ(camera->valueForPropertyID(kEdsPropID_ISOSpeed, 0).toUInt(), 0x48u);
+    EXPECT_TRUE(camera->setValue(0x50u, kEdsPropID_ISOSpeed, 0));
+
     // Loading the current camera again opens nothing.
     EXPECT_TRUE(camera->load());
     EXPECT_EQ(count(kOKVA_CanonCameraDidLoad), 1u);
@@ -170,31 +165,26 @@ TEST_F(Session, LoadOpensOneSessionAndReadsTheSettingsInOrderUnloadHandsTheCamer
     EXPECT_FALSE(camera->unload());
 }
 
-TEST_F(Session, LoadingASecondCameraUnloadsTheFirst) {
-    const auto list = waitForCameras(1);
-    ASSERT_EQ(list.size(), 1);
-    CameraPtr first = list[0];
-    ASSERT_TRUE(first->load());
+using SecondCamera = LoadedCameraFixture;
+
+TEST_F(SecondCamera, LoadingItUnloadsTheFirst) {
     // The update after the plug lists only the camera it had not seen.
     control->plug("Canon EOS R5");
-    const auto added = waitForCameras(1);
     ASSERT_TRUE(waitFor([&] {
         auto c = OKVA_CanonCamera::cameras();
         return c && c->size() == 1 && c->first()->description() == "Canon EOS R5";
     }));
     CameraPtr second = OKVA_CanonCamera::cameras()->first();
-    EXPECT_FALSE(first->isEqual(second));
+    EXPECT_FALSE(camera->isEqual(second));
     ASSERT_TRUE(second->load());
-    EXPECT_FALSE(first->isLoaded());
+    EXPECT_FALSE(camera->isLoaded());
     EXPECT_EQ(OKVA_CanonCamera::currentCamera(), second);
     EXPECT_EQ(count(kOKVA_CanonCameraDidUnload), 1u);
 }
 
-using Properties = CameraFixture;
+using Properties = LoadedCameraFixture;
 
 TEST_F(Properties, BodyChangesReachTheMainThreadWithValueAndSupportedValues) {
-    CameraPtr camera = loadFirstCamera();
-    ASSERT_TRUE(camera);
     clearPosted();
 
     ASSERT_EQ(control->setProperty(kEdsPropID_Av, 0x38), EDS_ERR_OK);
@@ -229,8 +219,6 @@ TEST_F(Properties, BodyChangesReachTheMainThreadWithValueAndSupportedValues) {
 }
 
 TEST_F(Properties, EqualDisplayTextsCollapseTextsAreWrittenAsTheirNumbersAndTheClockRoundTrips) {
-    CameraPtr camera = loadFirstCamera();
-    ASSERT_TRUE(camera);
     // 0 and 0x99 both read "Auto"; the later one stays.
     ASSERT_EQ(control->setSupportedValues(kEdsPropID_ISOSpeed, {0x48, 0, 0x50, 0x99}), EDS_ERR_OK);
     const auto iso = camera->supportedValuesForPropertyID(kEdsPropID_ISOSpeed);
@@ -247,8 +235,6 @@ TEST_F(Properties, EqualDisplayTextsCollapseTextsAreWrittenAsTheirNumbersAndTheC
     EXPECT_FALSE(camera->setStringValue("1/7", kEdsPropID_Tv));
     EXPECT_EQ(control->property(kEdsPropID_Tv).toUInt(), 0x70u);
 
-    EXPECT_TRUE(camera->setStringValue("Studio Nord", kEdsPropID_OwnerName));
-    EXPECT_EQ(control->property(kEdsPropID_OwnerName).toString(), "Studio Nord");
     EXPECT_TRUE(camera->setStringValue(QString::fromUtf8("© Lumetra"), kEdsPropID_Copyright));
     EXPECT_EQ(control->property(kEdsPropID_Copyright).toString(), QString::fromUtf8("© Lumetra"));
 
@@ -264,8 +250,6 @@ TEST_F(Properties, EqualDisplayTextsCollapseTextsAreWrittenAsTheirNumbersAndTheC
 }
 
 TEST_F(Properties, FailedReadsGiveNothingAndPostNothing) {
-    CameraPtr camera = loadFirstCamera();
-    ASSERT_TRUE(camera);
     clearPosted();
     ASSERT_TRUE(control->injectError("EdsGetPropertyData", EDS_ERR_DEVICE_BUSY, 1));
     EXPECT_FALSE(camera->valueForPropertyID(kEdsPropID_Av, 0).isValid());
@@ -287,15 +271,13 @@ TEST_F(Properties, FailedReadsGiveNothingAndPostNothing) {
 
 // --- legacy models ---------------------------------------------------------------------
 
-class LegacyModel : public CameraFixture {
+class LegacyModel : public LoadedCameraFixture {
 protected:
     int initialCameras() const override { return 0; }
     void beforeInitialize() override { control->plug("Canon EOS 30D"); }
 };
 
 TEST_F(LegacyModel, PropertyAccessAndCommandsGoThroughTheCameraUiLock) {
-    CameraPtr camera = loadFirstCamera();
-    ASSERT_TRUE(camera);
     EXPECT_TRUE(camera->isLegacyModel());
     // The body answers only while its controls are locked, so values read at
     // load prove the lock was taken (and given back: the next read works too).
@@ -321,24 +303,11 @@ TEST_F(LegacyModel, PropertyAccessAndCommandsGoThroughTheCameraUiLock) {
     EXPECT_EQ(control->property(kEdsPropID_Evf_OutputDevice).toUInt(), 0u);
 }
 
-TEST_F(Session, ModernBodiesNeverAskForTheUiLock) {
-    CameraPtr camera = loadFirstCamera();
-    ASSERT_TRUE(camera);
-    ASSERT_FALSE(camera->isLegacyModel());
-    // A failing status command would break every read if it were sent.
-    ASSERT_TRUE(control->injectError("EdsSendStatusCommand", EDS_ERR_DEVICE_BUSY, 100));
-    EXPECT_TRUE(camera->waitForCameraLock(3.0));
-    EXPECT_EQ(camera->valueForPropertyID(kEdsPropID_ISOSpeed, 0).toUInt(), 0x48u);
-    EXPECT_TRUE(camera->setValue(0x50u, kEdsPropID_ISOSpeed, 0));
-}
-
 // --- commands ---------------------------------------------------------------------------------
 
-using Commands = CameraFixture;
+using Commands = LoadedCameraFixture;
 
-TEST_F(Commands, EachPerformSendsOneQueuedCommand) {
-    CameraPtr camera = loadFirstCamera();
-    ASSERT_TRUE(camera);
+TEST_F(Commands, EachPerformSendsOneQueuedCommandAFailedOnePostsItsErrorTheDirectPathOnlyLogs) {
     camera->takePicture();
     camera->takePicture();
     auto queued = camera->queuedCommands();
@@ -360,13 +329,9 @@ TEST_F(Commands, EachPerformSendsOneQueuedCommand) {
     EXPECT_EQ(queued->at(1).value(kCommandDescription).toString(), "Press Shutter Button halfway");
     EXPECT_EQ(queued->at(1).value(kCommandParam).toULongLong(), 1u);
     EXPECT_EQ(queued->at(2).value(kCommandDescription).toString(), "Release Shutter Button");
-}
 
-TEST_F(Commands, AFailedQueuedCommandPostsItsErrorTheDirectPathOnlyLogs) {
-    CameraPtr camera = loadFirstCamera();
-    ASSERT_TRUE(camera);
+    // The second picture fails: the error is posted with the command.
     ASSERT_TRUE(control->injectError("TakePicture", EDS_ERR_TAKE_PICTURE_AF_NG, 1));
-    camera->takePicture();
     camera->performNextQueuedCameraCommand();
     ASSERT_TRUE(waitFor([&] { return count(kOKVA_CanonCameraCommandError) == 1; }));
     const Posted failed = named(kOKVA_CanonCameraCommandError)[0];
@@ -378,19 +343,17 @@ TEST_F(Commands, AFailedQueuedCommandPostsItsErrorTheDirectPathOnlyLogs) {
     EXPECT_EQ(command.value(kCommandDescription).toString(), "Take a picture");
     const auto error = failed.note.userInfo.value(kOKVA_CanonCameraCommandErrorKey).value<ErrorValue>();
     EXPECT_EQ(error, (ErrorValue{"EdsError", EDS_ERR_TAKE_PICTURE_AF_NG, "take picture af ng"}));
-    EXPECT_EQ(control->shotCount(), 0u);
+    EXPECT_EQ(control->shotCount(), 1u);
 
     ASSERT_TRUE(control->injectError("TakePicture", EDS_ERR_DEVICE_BUSY, 1));
     EXPECT_EQ(camera->performCameraCommand(kEdsCameraCommand_TakePicture, 0), EDS_ERR_DEVICE_BUSY);
     EXPECT_EQ(camera->performCameraCommand(kEdsCameraCommand_TakePicture, 0), EDS_ERR_OK);
-    ASSERT_TRUE(waitFor([&] { return count(kOKVA_CanonCameraPhotoDataAvailable) == 1; }));
+    ASSERT_TRUE(waitFor([&] { return count(kOKVA_CanonCameraPhotoDataAvailable) == 2; }));
     settle();
     EXPECT_EQ(count(kOKVA_CanonCameraCommandError), 1u);
 }
 
 TEST_F(Commands, LensDriveAndZoomTakeOnlyTheirValues) {
-    CameraPtr camera = loadFirstCamera();
-    ASSERT_TRUE(camera);
     // Every lens drive that reaches the body fails, so each one sent is seen.
     ASSERT_TRUE(control->injectError("DriveLensEvf", 0xA005, 100));
     for (EdsUInt32 bad : {0u, 4u, 0x8000u, 0x8004u})
@@ -414,11 +377,9 @@ TEST_F(Commands, LensDriveAndZoomTakeOnlyTheirValues) {
 
 // --- download ----------------------------------------------------------------------------------
 
-using Download = CameraFixture;
+using Download = LoadedCameraFixture;
 
-TEST_F(Download, AShotArrivesOffTheMainThreadAfterProgressOnTheMainThread) {
-    CameraPtr camera = loadFirstCamera();
-    ASSERT_TRUE(camera);
+TEST_F(Download, AShotArrivesOffTheMainThreadAfterProgressACancelledOrFailedOnePostsNothing) {
     TestDelegate delegate;
     camera->setDelegate(&delegate);
     ASSERT_TRUE(control->pressShutter());
@@ -429,10 +390,8 @@ TEST_F(Download, AShotArrivesOffTheMainThreadAfterProgressOnTheMainThread) {
     EXPECT_EQ(shot.note.userInfoOrder,
               (QStringList{kOKVA_CanonCameraPhotoData, kOKVA_CanonCameraPhotoFilename}));
     EXPECT_EQ(shot.note.userInfo.value(kOKVA_CanonCameraPhotoFilename).toString(), "IMG_0001.JPG");
+    // The bytes are the body's own (CameraUnderLoad checks them); here, a picture.
     const QByteArray data = shot.note.userInfo.value(kOKVA_CanonCameraPhotoData).toByteArray();
-    ASSERT_GT(data.size(), 4);
-    EXPECT_TRUE(data.startsWith("\xFF\xD8"));
-    EXPECT_TRUE(data.endsWith("\xFF\xD9"));
     EXPECT_FALSE(QImage::fromData(data).isNull());
 
     const auto progress = named(kOKVA_CanonCameraDownloadProgress);
@@ -445,13 +404,31 @@ TEST_F(Download, AShotArrivesOffTheMainThreadAfterProgressOnTheMainThread) {
         previous = percent;
     }
     EXPECT_EQ(previous, 100u);
-    EXPECT_EQ(delegate.asked.load(), int(progress.size()));
+    const int asked = delegate.asked.load();
+    EXPECT_EQ(asked, int(progress.size()));
+
+    // A transfer the delegate cancels is asked about once and posts nothing.
+    delegate.cancel = true;
+    ASSERT_TRUE(control->pressShutter());
+    ASSERT_TRUE(waitFor([&] { return delegate.asked.load() > asked; }));
     camera->setDelegate(nullptr);
+
+    // One transfer fails; one shot's size cannot be read, so it must not be
+    // taken as an empty file (nor freed on the camera as if downloaded).
+    ASSERT_TRUE(control->injectError("EdsDownload", EDS_ERR_COMM_DISCONNECTED, 1));
+    ASSERT_TRUE(control->injectError("EdsGetDirectoryItemInfo", EDS_ERR_COMM_DISCONNECTED, 1));
+    for (int shot = 0; shot < 3; ++shot)
+        ASSERT_TRUE(control->pressShutter());
+    ASSERT_TRUE(waitFor([&] { return count(kOKVA_CanonCameraPhotoDataAvailable) == 2; }));
+    settle();
+    ASSERT_EQ(count(kOKVA_CanonCameraPhotoDataAvailable), 2u);
+    EXPECT_EQ(
+        named(kOKVA_CanonCameraPhotoDataAvailable)[1].note.userInfo.value(kOKVA_CanonCameraPhotoFilename),
+        "IMG_0005.JPG");
+    EXPECT_EQ(delegate.asked.load(), asked + 1);
 }
 
 TEST_F(Download, AShotWhoseSaveStallsHoldsBackNoCameraEvents) {
-    CameraPtr camera = loadFirstCamera();
-    ASSERT_TRUE(camera);
     // A save folder that does not answer: the shot's observer waits until released.
     std::mutex m;
     std::condition_variable cv;
@@ -480,34 +457,7 @@ TEST_F(Download, AShotWhoseSaveStallsHoldsBackNoCameraEvents) {
     EXPECT_TRUE(delivered) << "the unplug waited for the stalled save";
 }
 
-TEST_F(Download, ACancelledOrFailedTransferPostsNothingAndTheNextShotArrives) {
-    CameraPtr camera = loadFirstCamera();
-    ASSERT_TRUE(camera);
-    TestDelegate delegate;
-    delegate.cancel = true;
-    camera->setDelegate(&delegate);
-    ASSERT_TRUE(control->pressShutter());
-    ASSERT_TRUE(waitFor([&] { return delegate.asked.load() >= 1; }));
-    camera->setDelegate(nullptr);
-
-    // One transfer fails; one shot's size cannot be read, so it must not be
-    // taken as an empty file (nor freed on the camera as if downloaded).
-    ASSERT_TRUE(control->injectError("EdsDownload", EDS_ERR_COMM_DISCONNECTED, 1));
-    ASSERT_TRUE(control->injectError("EdsGetDirectoryItemInfo", EDS_ERR_COMM_DISCONNECTED, 1));
-    for (int shot = 0; shot < 3; ++shot)
-        ASSERT_TRUE(control->pressShutter());
-    ASSERT_TRUE(waitFor([&] { return count(kOKVA_CanonCameraPhotoDataAvailable) == 1; }));
-    settle();
-    ASSERT_EQ(count(kOKVA_CanonCameraPhotoDataAvailable), 1u);
-    EXPECT_EQ(
-        named(kOKVA_CanonCameraPhotoDataAvailable)[0].note.userInfo.value(kOKVA_CanonCameraPhotoFilename),
-        "IMG_0004.JPG");
-    EXPECT_EQ(delegate.asked.load(), 1); // the cancelled transfer asked once
-}
-
 TEST_F(Download, ABusyBodyIsAskedAgainAndAShotGivenUpIsLoggedByName) {
-    CameraPtr camera = loadFirstCamera();
-    ASSERT_TRUE(camera);
     LogCapture log;
     // Three failures: the fourth try brings the shot.
     ASSERT_TRUE(control->injectError("EdsDownload", EDS_ERR_DEVICE_BUSY, 3));
@@ -527,11 +477,9 @@ TEST_F(Download, ABusyBodyIsAskedAgainAndAShotGivenUpIsLoggedByName) {
 
 // --- disappearance -----------------------------------------------------------------------------
 
-using Disappearance = CameraFixture;
+using Disappearance = LoadedCameraFixture;
 
-TEST_F(Disappearance, UnplugTellsTheMainThreadAndAPlugLoadsAgain) {
-    CameraPtr camera = loadFirstCamera();
-    ASSERT_TRUE(camera);
+TEST_F(Disappearance, UnplugTellsTheMainThreadAPlugLoadsAgainAndAListUpdateSwallowsNoLaterUnplug) {
     clearPosted();
 
     // What the station does: let the vanished camera go, load a new one when listed.
@@ -554,7 +502,6 @@ TEST_F(Disappearance, UnplugTellsTheMainThreadAndAPlugLoadsAgain) {
     EXPECT_EQ(gone.camera(), camera);
     EXPECT_FALSE(camera->isLoaded());
     ASSERT_TRUE(waitFor([&] { return count(kOKVA_CanonCameraListDidUpdate) >= 1; }));
-    EXPECT_EQ(named(kOKVA_CanonCameraListDidUpdate)[0].note.object, OKVA_CanonCamera::classObject());
     EXPECT_EQ(OKVA_CanonCamera::currentCamera(), nullptr);
 
     ASSERT_EQ(control->plug(""), 1);
@@ -570,14 +517,9 @@ TEST_F(Disappearance, UnplugTellsTheMainThreadAndAPlugLoadsAgain) {
     ASSERT_TRUE(control->pressShutter());
     ASSERT_TRUE(waitFor([&] { return count(kOKVA_CanonCameraPhotoDataAvailable) == 1; }));
     EXPECT_EQ(named(kOKVA_CanonCameraPhotoDataAvailable)[0].camera(), again);
-    center.removeObserver(onUnload);
-    center.removeObserver(onList);
-}
 
-TEST_F(Disappearance, AListUpdateWhileLoadedDoesNotSwallowTheDisappearance) {
-    CameraPtr camera = loadFirstCamera();
-    ASSERT_TRUE(camera);
-    // The update makes a second object for the same body and drops it again.
+    // An update now makes a second object for the same body and drops it
+    // again; that does not swallow the next disappearance.
     OKVA_CanonCamera::updateCameraList();
     ASSERT_TRUE(waitFor([&] {
         auto c = OKVA_CanonCamera::cameras();
@@ -586,8 +528,10 @@ TEST_F(Disappearance, AListUpdateWhileLoadedDoesNotSwallowTheDisappearance) {
     clearPosted();
     ASSERT_TRUE(control->unplug());
     ASSERT_TRUE(waitFor([&] { return count(kOKVA_CanonCameraDidUnload) == 1; }));
-    EXPECT_EQ(named(kOKVA_CanonCameraDidUnload)[0].camera(), camera);
-    EXPECT_FALSE(camera->isLoaded());
+    EXPECT_EQ(named(kOKVA_CanonCameraDidUnload)[0].camera(), again);
+    EXPECT_FALSE(again->isLoaded());
+    center.removeObserver(onUnload);
+    center.removeObserver(onList);
 }
 
 // A camera-list update that runs while the session is being opened, as one
@@ -605,7 +549,7 @@ public:
     }
 };
 
-class DisappearanceAfterLoadRace : public CameraFixture {
+class DisappearanceAfterLoadRace : public LoadedCameraFixture {
 protected:
     std::shared_ptr<EdsSdk> wrap(std::shared_ptr<EdsSdk> sim) override {
         return std::make_shared<UpdateWhileOpeningSdk>(sim);
@@ -613,8 +557,6 @@ protected:
 };
 
 TEST_F(DisappearanceAfterLoadRace, AListUpdateDuringLoadDoesNotSwallowTheDisappearance) {
-    CameraPtr camera = loadFirstCamera();
-    ASSERT_TRUE(camera);
     clearPosted();
     ASSERT_TRUE(control->unplug());
     ASSERT_TRUE(waitFor([&] { return count(kOKVA_CanonCameraDidUnload) == 1; }));
@@ -624,12 +566,10 @@ TEST_F(DisappearanceAfterLoadRace, AListUpdateDuringLoadDoesNotSwallowTheDisappe
 
 // --- live view ------------------------------------------------------------------------------------
 
-using LiveView = CameraFixture;
+using LiveView = LoadedCameraFixture;
 
 TEST_F(LiveView, BeginStreamsDecodedFramesAndEndStopsTheLoop) {
     control->setLiveViewRate(60);
-    CameraPtr camera = loadFirstCamera();
-    ASSERT_TRUE(camera);
     clearPosted();
     camera->liveViewBegin();
     EXPECT_EQ(control->property(kEdsPropID_Evf_Mode).toUInt(), kEdsEvfMode_Enabled);

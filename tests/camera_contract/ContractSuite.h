@@ -107,16 +107,14 @@ TEST_P(EdsContract, DownloadDeliversTheExactBytesWithProgressTo100) {
     EdsBaseRef item = shootToHost();
     ASSERT_NE(item, nullptr);
     EdsDirectoryItemInfo info{};
-    ASSERT_EQ(sdk_->EdsGetDirectoryItemInfo(item, &info), EDS_ERR_OK);
+    Progress progress;
+    QByteArray first, again;
+    ASSERT_EQ(transfer(item, first, &progress, 0, &info), EDS_ERR_OK);
     const QString fileName = QString::fromUtf8(info.szFileName);
     EXPECT_TRUE(fileName.endsWith(".JPG", Qt::CaseInsensitive) ||
                 fileName.endsWith(".CR2", Qt::CaseInsensitive))
         << fileName.toStdString();
-    ASSERT_GT(info.size, 0u);
-
-    Progress progress;
-    const QByteArray first = download(item, &progress);
-    ASSERT_EQ(first.size(), qsizetype(info.size));
+    ASSERT_GT(first.size(), 0); // sized as the item says
     {
         std::lock_guard lock(progress.mutex);
         ASSERT_FALSE(progress.percents.empty());
@@ -134,29 +132,22 @@ TEST_P(EdsContract, DownloadDeliversTheExactBytesWithProgressTo100) {
         EXPECT_FALSE(QImage::fromData(first).isNull());
     }
     // A second transfer of the same item gives the same bytes.
-    EXPECT_EQ(download(item, nullptr), first);
+    ASSERT_EQ(transfer(item, again), EDS_ERR_OK);
+    EXPECT_EQ(again, first);
     EXPECT_EQ(sdk_->EdsDownloadComplete(item), EDS_ERR_OK);
 
     // A download into a stream too small for it fails with a code and writes nothing past it.
     EdsBaseRef second = shootToHost();
     ASSERT_NE(second, nullptr);
-    ASSERT_EQ(sdk_->EdsGetDirectoryItemInfo(second, &info), EDS_ERR_OK);
     QByteArray small(16 + 8, '\x5A');
-    EdsStreamHandle stream;
-    ASSERT_EQ(sdk_->EdsCreateMemoryStreamFromPointer(small.data(), 16, stream.receive(*sdk_)), EDS_ERR_OK);
-    EXPECT_NE(sdk_->EdsDownload(second, info.size, stream.get()), EDS_ERR_OK);
+    EXPECT_NE(transfer(second, small, nullptr, 16), EDS_ERR_OK);
     EXPECT_EQ(small.mid(16), QByteArray(8, '\x5A'));
 
     // Cancelling from the progress callback stops the transfer with a code.
     Progress cancelling;
     cancelling.cancelAt = 1;
-    QByteArray bytes(qsizetype(info.size), '\0');
-    EdsStreamHandle s2;
-    ASSERT_EQ(sdk_->EdsCreateMemoryStreamFromPointer(bytes.data(), info.size, s2.receive(*sdk_)), EDS_ERR_OK);
-    ASSERT_EQ(sdk_->EdsSetProgressCallback(s2.get(), &Progress::callback, kEdsProgressOption_Periodically,
-                                           &cancelling),
-              EDS_ERR_OK);
-    EXPECT_EQ(sdk_->EdsDownload(second, info.size, s2.get()), EDS_ERR_OPERATION_CANCELLED);
+    QByteArray bytes;
+    EXPECT_EQ(transfer(second, bytes, &cancelling), EDS_ERR_OPERATION_CANCELLED);
     EXPECT_EQ(sdk_->EdsDownloadComplete(second), EDS_ERR_OK);
 }
 
@@ -165,9 +156,8 @@ TEST_P(EdsContract, InjectedErrorsComeBackAsCodesForTheirCount) {
         GTEST_SKIP() << GetParam().name << " cannot inject errors";
     openFirstCamera();
     ASSERT_TRUE(GetParam().injectError(*sdk_, "EdsSendCommand", EDS_ERR_TAKE_PICTURE_AF_NG, 1));
-    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_ExtendShutDownTimer, 0),
-              EDS_ERR_TAKE_PICTURE_AF_NG);
-    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_ExtendShutDownTimer, 0), EDS_ERR_OK);
+    EXPECT_EQ(send(kEdsCameraCommand_ExtendShutDownTimer), EDS_ERR_TAKE_PICTURE_AF_NG);
+    EXPECT_EQ(send(kEdsCameraCommand_ExtendShutDownTimer), EDS_ERR_OK);
 
     ASSERT_TRUE(GetParam().injectError(*sdk_, "EdsGetPropertyData", EDS_ERR_DEVICE_BUSY, 2));
     EdsUInt32 v = 0;
@@ -184,13 +174,8 @@ TEST_P(EdsContract, InjectedErrorsComeBackAsCodesForTheirCount) {
     ASSERT_TRUE(GetParam().injectError(*sdk_, "EdsDownload", EDS_ERR_STREAM_WRITE_ERROR, 1));
     EdsBaseRef item = shootToHost();
     ASSERT_NE(item, nullptr);
-    EdsDirectoryItemInfo info{};
-    ASSERT_EQ(sdk_->EdsGetDirectoryItemInfo(item, &info), EDS_ERR_OK);
-    QByteArray bytes(qsizetype(info.size), '\0');
-    EdsStreamHandle stream;
-    ASSERT_EQ(sdk_->EdsCreateMemoryStreamFromPointer(bytes.data(), info.size, stream.receive(*sdk_)),
-              EDS_ERR_OK);
-    EXPECT_EQ(sdk_->EdsDownload(item, info.size, stream.get()), EDS_ERR_STREAM_WRITE_ERROR);
+    QByteArray bytes;
+    EXPECT_EQ(transfer(item, bytes), EDS_ERR_STREAM_WRITE_ERROR);
     EXPECT_EQ(sdk_->EdsDownloadComplete(item), EDS_ERR_OK);
 }
 
@@ -204,7 +189,7 @@ TEST_P(EdsContract, UnplugDuringASessionReportsShutdownAndLaterCallsFail) {
         EXPECT_NE(e.thread, std::this_thread::get_id());
     EdsUInt32 v = 0;
     EXPECT_NE(sdk_->EdsGetPropertyData(camera_.get(), kEdsPropID_Av, 0, 4, &v), EDS_ERR_OK);
-    EXPECT_NE(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_TakePicture, 0), EDS_ERR_OK);
+    EXPECT_NE(send(kEdsCameraCommand_TakePicture), EDS_ERR_OK);
     // The gone camera is no longer listed, and closing its session still works.
     EdsCameraListHandle list;
     ASSERT_EQ(sdk_->EdsGetCameraList(list.receive(*sdk_)), EDS_ERR_OK);
@@ -227,8 +212,9 @@ TEST_P(EdsContract, LiveViewGivesMovingJpegFramesWithNotReadyBetween) {
     EXPECT_TRUE(test::processEventsUntil(
         [&] { return log_.count('p', kEdsPropertyEvent_PropertyChanged, kEdsPropID_Evf_OutputDevice) > 0; }));
 
+    // A frame into `out`, asked for up to `tries` times while none is ready.
     constexpr size_t kStreamSize = 0x200000;
-    auto frame = [&](QByteArray *out) -> EdsError {
+    auto frame = [&](QByteArray *out, int tries = 2000) -> EdsError {
         QByteArray buffer(qsizetype(kStreamSize), '\0');
         EdsStreamHandle stream;
         EdsEvfImageHandle image;
@@ -236,7 +222,7 @@ TEST_P(EdsContract, LiveViewGivesMovingJpegFramesWithNotReadyBetween) {
                   EDS_ERR_OK);
         EXPECT_EQ(sdk_->EdsCreateEvfImageRef(stream.get(), image.receive(*sdk_)), EDS_ERR_OK);
         EdsError e = EDS_ERR_OBJECT_NOTREADY;
-        for (int tries = 0; tries < 2000 && e == EDS_ERR_OBJECT_NOTREADY; ++tries) {
+        for (; tries > 0 && e == EDS_ERR_OBJECT_NOTREADY; --tries) {
             e = sdk_->EdsDownloadEvfImage(camera_.get(), image.get());
             if (e == EDS_ERR_OBJECT_NOTREADY && GetParam().nextFrame)
                 GetParam().nextFrame();
@@ -255,13 +241,7 @@ TEST_P(EdsContract, LiveViewGivesMovingJpegFramesWithNotReadyBetween) {
 
     // Without the host bit there are no frames.
     ASSERT_EQ(setUInt32(kEdsPropID_Evf_OutputDevice, device & ~kEdsEvfOutputDevice_PC), EDS_ERR_OK);
-    QByteArray buffer(qsizetype(kStreamSize), '\0');
-    EdsStreamHandle stream;
-    EdsEvfImageHandle image;
-    ASSERT_EQ(sdk_->EdsCreateMemoryStreamFromPointer(buffer.data(), kStreamSize, stream.receive(*sdk_)),
-              EDS_ERR_OK);
-    ASSERT_EQ(sdk_->EdsCreateEvfImageRef(stream.get(), image.receive(*sdk_)), EDS_ERR_OK);
-    EXPECT_NE(sdk_->EdsDownloadEvfImage(camera_.get(), image.get()), EDS_ERR_OK);
+    EXPECT_NE(frame(&a, 1), EDS_ERR_OK);
 }
 
 TEST_P(EdsContract, RetainAndReleaseReportCounts) {

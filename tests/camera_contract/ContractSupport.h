@@ -125,22 +125,24 @@ protected:
     }
 
     void TearDown() override {
-        if (camera_) {
-            sdk_->EdsSetCameraStateEventHandler(camera_.get(), kEdsStateEvent_All, nullptr, nullptr);
-            sdk_->EdsSetPropertyEventHandler(camera_.get(), kEdsPropertyEvent_All, nullptr, nullptr);
-            sdk_->EdsSetObjectEventHandler(camera_.get(), kEdsObjectEvent_All, nullptr, nullptr);
-            if (sessionOpen_)
-                sdk_->EdsCloseSession(camera_.get());
+        if (sdk_) { // unless the test ended it itself
+            if (camera_) {
+                sdk_->EdsSetCameraStateEventHandler(camera_.get(), kEdsStateEvent_All, nullptr, nullptr);
+                sdk_->EdsSetPropertyEventHandler(camera_.get(), kEdsPropertyEvent_All, nullptr, nullptr);
+                sdk_->EdsSetObjectEventHandler(camera_.get(), kEdsObjectEvent_All, nullptr, nullptr);
+                if (sessionOpen_)
+                    sdk_->EdsCloseSession(camera_.get());
+            }
+            for (EdsBaseRef item : log_.items)
+                sdk_->EdsRelease(item);
+            log_.items.clear();
+            camera_.reset();
+            if (backend().callerReferences) {
+                EXPECT_EQ(backend().callerReferences(*sdk_), 0) << "references were not balanced";
+            }
+            sdk_->EdsTerminateSDK();
+            sdk_.reset();
         }
-        for (EdsBaseRef item : log_.items)
-            sdk_->EdsRelease(item);
-        log_.items.clear();
-        camera_.reset();
-        if (backend().callerReferences) {
-            EXPECT_EQ(backend().callerReferences(*sdk_), 0) << "references were not balanced";
-        }
-        sdk_->EdsTerminateSDK();
-        sdk_.reset();
         if (backend().done)
             backend().done();
     }
@@ -169,6 +171,9 @@ protected:
     EdsError setUInt32(EdsPropertyID id, EdsUInt32 value) {
         return sdk_->EdsSetPropertyData(camera_.get(), id, 0, sizeof value, &value);
     }
+    EdsError send(EdsCameraCommand command, EdsInt32 param = 0) {
+        return sdk_->EdsSendCommand(camera_.get(), command, param);
+    }
     EdsUInt32 getUInt32(EdsPropertyID id) {
         EdsUInt32 value = 0xDEADBEEF;
         EXPECT_EQ(sdk_->EdsGetPropertyData(camera_.get(), id, 0, sizeof value, &value), EDS_ERR_OK);
@@ -180,7 +185,7 @@ protected:
         EXPECT_EQ(setUInt32(kEdsPropID_SaveTo, kEdsSaveTo_Host), EDS_ERR_OK);
         EXPECT_EQ(sdk_->EdsSetCapacity(camera_.get(), EdsCapacity{0x7FFFFFFF, 512, 1}), EDS_ERR_OK);
         const size_t before = items();
-        EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_TakePicture, 0), EDS_ERR_OK);
+        EXPECT_EQ(send(kEdsCameraCommand_TakePicture), EDS_ERR_OK);
         EXPECT_TRUE(waitForItems(before + 1));
         std::lock_guard lock(log_.mutex);
         return log_.items.size() > before ? log_.items.back() : nullptr;
@@ -193,23 +198,26 @@ protected:
         return test::processEventsUntil([&] { return items() >= n; }, std::chrono::seconds(30));
     }
 
-    QByteArray download(EdsBaseRef item, Progress *progress = nullptr,
-                        EdsDirectoryItemInfo *itemInfo = nullptr) {
+    // Downloads `item` into `bytes`, sized for it unless `room` gives the
+    // stream fewer bytes; the SDK's answer.
+    EdsError transfer(EdsBaseRef item, QByteArray &bytes, Progress *progress = nullptr, EdsUInt64 room = 0,
+                      EdsDirectoryItemInfo *itemInfo = nullptr) {
         EdsDirectoryItemInfo own{};
         EdsDirectoryItemInfo &info = itemInfo ? *itemInfo : own;
         EXPECT_EQ(sdk_->EdsGetDirectoryItemInfo(item, &info), EDS_ERR_OK);
-        QByteArray bytes(qsizetype(info.size), '\0');
+        if (!room) {
+            room = info.size;
+            bytes = QByteArray(qsizetype(room), '\0');
+        }
         EdsStreamHandle stream;
-        EXPECT_EQ(sdk_->EdsCreateMemoryStreamFromPointer(bytes.data(), info.size, stream.receive(*sdk_)),
+        EXPECT_EQ(sdk_->EdsCreateMemoryStreamFromPointer(bytes.data(), room, stream.receive(*sdk_)),
                   EDS_ERR_OK);
         if (progress) {
             EXPECT_EQ(sdk_->EdsSetProgressCallback(stream.get(), &Progress::callback,
                                                    kEdsProgressOption_Periodically, progress),
                       EDS_ERR_OK);
         }
-        const EdsError e = sdk_->EdsDownload(item, info.size, stream.get());
-        EXPECT_EQ(e, EDS_ERR_OK);
-        return e == EDS_ERR_OK ? bytes : QByteArray();
+        return sdk_->EdsDownload(item, info.size, stream.get());
     }
 
     std::unique_ptr<EdsSdk> sdk_;

@@ -53,20 +53,15 @@ TEST(EdsdkLoader, MissingLibraryIsRefusedWithTheReasonAndTheBackendIsNotAvailabl
     EXPECT_EQ(text.find("EDSDK loaded"), std::string::npos) << text;
 
     // The chooser says the same for an explicit request.
-    std::string chosenWhy;
-    EXPECT_EQ(createSdk("edsdk", &chosenWhy), nullptr);
-    EXPECT_NE(chosenWhy.find("not available"), std::string::npos) << chosenWhy;
+    EXPECT_EQ(createSdk("edsdk", &why), nullptr);
+    EXPECT_NE(why.find("not available"), std::string::npos) << why;
 }
 
-TEST(EdsdkLoader, LibraryLackingAFunctionOrNoLibraryAtAllIsRefused) {
-    test::LogCapture log;
+TEST(EdsdkLoader, LibraryLackingAFunctionIsRefusedAlsoWhenFoundThroughTheFolder) {
     std::string why;
     EXPECT_EQ(EdsdkLibrary::openFile(BRIX_EDSDK_INCOMPLETE_LIBRARY, &why), nullptr);
+    // The log line naming it is checked with the station (StationOnTheSimulator).
     EXPECT_NE(why.find("EdsDownloadEvfImage"), std::string::npos) << why;
-    EXPECT_NE(log.text().toStdString().find(std::string("EDSDK at ") + BRIX_EDSDK_INCOMPLETE_LIBRARY +
-                                            " lacks the function EdsDownloadEvfImage; not used"),
-              std::string::npos)
-        << log.text().toStdString();
 
     // Found through BRIX_EDSDK_PATH as a folder, it is refused the same way
     // and the search goes on (to nothing, here).
@@ -78,14 +73,6 @@ TEST(EdsdkLoader, LibraryLackingAFunctionOrNoLibraryAtAllIsRefused) {
                        ": the function EdsDownloadEvfImage is missing"),
               std::string::npos)
         << why;
-
-    // A file that is no library at all is refused too.
-    const QString path = dir.filePath("not-elf.so");
-    ASSERT_TRUE(test::writeFile(path, "this is not an ELF object"));
-    EXPECT_EQ(EdsdkLibrary::openFile(path.toStdString(), &why), nullptr);
-    EXPECT_NE(log.text().toStdString().find("EDSDK could not be loaded from " + path.toStdString()),
-              std::string::npos)
-        << log.text().toStdString();
 }
 
 #ifdef BRIX_EDSDK_SIM_LIBRARY
@@ -93,40 +80,20 @@ TEST(EdsdkLoader, LibraryLackingAFunctionOrNoLibraryAtAllIsRefused) {
 using brix::test::SimLibrary;
 
 namespace brix::eds::contract {
-namespace {
 
-Backend edsdkBackend() {
-    Backend b;
-    b.name = "Edsdk";
-    b.make = [] {
-        // Live-view frames come when nextFrame says; the pump keeps real time.
-        SimLibrary::useManualClock(true);
-        return SimLibrary::makeSdk();
-    };
-    b.unplug = [](EdsSdk &) { return SimLibrary::control()->unplug(); };
-    b.injectError = [](EdsSdk &, const std::string &op, EdsError code, unsigned count) {
-        return SimLibrary::control()->injectError(op, code, count);
-    };
-    b.callerReferences = [](EdsSdk &) { return SimLibrary::control()->callerReferenceCount(); };
-    b.nextFrame = [] { SimLibrary::advanceClock(0.1); };
-    b.done = [] { SimLibrary::useManualClock(false); };
-    return b;
-}
-
-} // namespace
-
-INSTANTIATE_TEST_SUITE_P(Edsdk, EdsContract, ::testing::Values(edsdkBackend()),
+INSTANTIATE_TEST_SUITE_P(Edsdk, EdsContract, ::testing::Values(SimLibrary::backend()),
                          [](const ::testing::TestParamInfo<Backend> &info) { return info.param.name; });
 
 } // namespace brix::eds::contract
 
 namespace {
 
-// Installs a manual clock for one test; the pump then ticks only when told.
-class ManualTime {
-public:
-    ManualTime() { dispatch::setClock(&clock); }
-    ~ManualTime() { dispatch::setClock(nullptr); }
+// A session whose event pump ticks only when the test says: the manual clock
+// is in place before the session starts the pump, and until it has ended.
+class EdsdkSession : public test::SimLibrarySession {
+protected:
+    EdsdkSession() { dispatch::setClock(&clock); }
+    ~EdsdkSession() override { dispatch::setClock(nullptr); }
     // One pump period, once the library holds `events` events.
     void pumpOnce(unsigned events = 1) {
         ASSERT_TRUE(test::processEventsUntil([&] { return SimLibrary::pendingEvents() >= events; }));
@@ -177,15 +144,10 @@ TEST(EdsdkBackend, IsFoundThroughTheFolderInTheEnvironmentAndSaysWhereItLoadedFr
     EXPECT_STREQ(automatic->backendName(), "edsdk");
 }
 
-TEST(EdsdkBackend, EventsArriveOnlyThroughThePumpOnTheEventQueue) {
-    ManualTime time;
-    auto sdk = SimLibrary::makeSdk();
-    ASSERT_NE(sdk, nullptr);
-    ASSERT_EQ(sdk->EdsInitializeSDK(), EDS_ERR_OK);
+TEST_F(EdsdkSession, EventsArriveOnlyThroughThePumpOnTheEventQueue) {
     AddedProbe probe;
-    ASSERT_EQ(sdk->EdsSetCameraAddedHandler(&onAdded, &probe), EDS_ERR_OK);
+    ASSERT_EQ(sdk_->EdsSetCameraAddedHandler(&onAdded, &probe), EDS_ERR_OK);
     SimulatorControl *control = SimLibrary::control();
-    ASSERT_NE(control, nullptr);
 
     const int before = control->attachedCount();
     EXPECT_EQ(control->plug("Canon EOS R6", -1), before + 1);
@@ -193,18 +155,18 @@ TEST(EdsdkBackend, EventsArriveOnlyThroughThePumpOnTheEventQueue) {
     ASSERT_TRUE(test::processEventsUntil([] { return SimLibrary::pendingEvents() >= 1; }));
     EXPECT_EQ(probe.calls.load(), 0);
     // ...which the pump makes one period later.
-    time.clock.advance(kEdsdkEventPeriod);
+    clock.advance(kEdsdkEventPeriod);
     ASSERT_TRUE(test::processEventsUntil([&] { return probe.calls.load() == 1; }));
     EXPECT_EQ(probe.label, kEdsdkEventQueueLabel);
 
     // The pump keeps ticking.
     control->plug("Canon EOS R5", -1);
-    time.pumpOnce();
+    pumpOnce();
     ASSERT_TRUE(test::processEventsUntil([&] { return probe.calls.load() == 2; }));
 
-    EXPECT_EQ(sdk->EdsTerminateSDK(), EDS_ERR_OK);
+    EXPECT_EQ(sdk_->EdsTerminateSDK(), EDS_ERR_OK);
     // After termination the pump stops asking: nothing more is delivered.
-    time.clock.advance(kEdsdkEventPeriod * 10);
+    clock.advance(kEdsdkEventPeriod * 10);
     EXPECT_EQ(probe.calls.load(), 2);
 }
 
@@ -227,34 +189,31 @@ EdsError onProperty(EdsPropertyEvent, EdsPropertyID, EdsUInt32, EdsVoid *context
 
 } // namespace
 
-TEST(EdsdkBackend, EventsQueuedForAHandlerThatIsClearedAreDropped) {
-    ManualTime time;
-    SimLibrary::Session session;
-    ASSERT_TRUE(session.open());
-    EdsSdk *sdk = session.sdk.get();
-    SimulatorControl *control = session.control;
-    EdsCameraRef camera = session.camera;
-
+TEST_F(EdsdkSession, EventsQueuedForAHandlerThatIsClearedAreDropped) {
+    openFirstCamera();
     PropertyProbe probe;
     std::promise<void> release;
     probe.release = release.get_future().share();
-    ASSERT_EQ(sdk->EdsSetPropertyEventHandler(camera, kEdsPropertyEvent_All, &onProperty, &probe),
+    ASSERT_EQ(sdk_->EdsSetPropertyEventHandler(camera_.get(), kEdsPropertyEvent_All, &onProperty, &probe),
               EDS_ERR_OK);
     AddedProbe marker;
-    ASSERT_EQ(sdk->EdsSetCameraAddedHandler(&onAdded, &marker), EDS_ERR_OK);
+    ASSERT_EQ(sdk_->EdsSetCameraAddedHandler(&onAdded, &marker), EDS_ERR_OK);
 
     // Two changes on the body, both handed to the event queue by one pump tick.
+    SimulatorControl *control = SimLibrary::control();
+    const unsigned waiting = SimLibrary::pendingEvents();
     EXPECT_EQ(control->setStringProperty(kEdsPropID_OwnerName, "first"), EDS_ERR_OK);
     EXPECT_EQ(control->setStringProperty(kEdsPropID_OwnerName, "second"), EDS_ERR_OK);
-    time.pumpOnce(2);
+    pumpOnce(waiting + 2);
     // The first is being handled; the second waits behind it.
     ASSERT_EQ(probe.entered.get_future().wait_for(std::chrono::seconds(10)), std::future_status::ready);
     // Clearing does not wait for the handler that runs...
-    EXPECT_EQ(sdk->EdsSetPropertyEventHandler(camera, kEdsPropertyEvent_All, nullptr, nullptr), EDS_ERR_OK);
+    EXPECT_EQ(sdk_->EdsSetPropertyEventHandler(camera_.get(), kEdsPropertyEvent_All, nullptr, nullptr),
+              EDS_ERR_OK);
     release.set_value();
     // ...and the waiting event is dropped: a later event arrives, the property handler is not called again.
     control->plug("", -1);
-    time.pumpOnce();
+    pumpOnce();
     ASSERT_TRUE(test::processEventsUntil([&] { return marker.calls.load() == 1; }));
     EXPECT_EQ(probe.calls.load(), 1);
 }

@@ -52,9 +52,6 @@ protected:
         control_ = simulatorControl(*sdk_);
         ASSERT_NE(control_, nullptr);
     }
-    void open(int index = 0) { openFirstCamera(index); }
-    EdsError set(EdsPropertyID id, EdsUInt32 v) { return setUInt32(id, v); }
-    EdsUInt32 get(EdsPropertyID id) { return getUInt32(id); }
     std::vector<EdsInt32> desc(EdsPropertyID id) {
         EdsPropertyDesc d{};
         EXPECT_EQ(sdk_->EdsGetPropertyDesc(camera_.get(), id, &d), EDS_ERR_OK);
@@ -62,12 +59,12 @@ protected:
     }
     // A download as the station makes it: the body lets the shot go once told.
     QByteArray download(EdsBaseRef item, EdsDirectoryItemInfo *info) {
-        QByteArray bytes = SdkSession::download(item, nullptr, info);
+        QByteArray bytes;
+        EXPECT_EQ(transfer(item, bytes, nullptr, 0, info), EDS_ERR_OK);
         EXPECT_EQ(sdk_->EdsDownloadComplete(item), EDS_ERR_OK);
         return bytes;
     }
 
-    dispatch::ManualClock &clock_ = simulatorClock();
     SimulatorControl *control_ = nullptr;
 };
 
@@ -83,17 +80,18 @@ INSTANTIATE_TEST_SUITE_P(Simulator, EdsContract, ::testing::Values(simulatorBack
 } // namespace brix::eds::contract
 
 TEST_F(Simulator, TheAEModeDecidesWhichExposureSettingsTheHostMayChange) {
-    open();
-    EXPECT_EQ(get(kEdsPropID_AEMode), 3u); // manual: everything is the host's
+    openFirstCamera();
+    // Manual: everything is the host's.
+    EXPECT_EQ(getUInt32(kEdsPropID_AEMode), 3u);
     EXPECT_TRUE(contains(desc(kEdsPropID_Av), 0x30));
     EXPECT_TRUE(contains(desc(kEdsPropID_Tv), 0xA0));
     EXPECT_FALSE(contains(desc(kEdsPropID_Tv), 0x0C));
 
     // Program AE: the body picks aperture and speed.
-    ASSERT_EQ(set(kEdsPropID_AEMode, 0), EDS_ERR_OK);
+    ASSERT_EQ(setUInt32(kEdsPropID_AEMode, 0), EDS_ERR_OK);
     EXPECT_TRUE(desc(kEdsPropID_Av).empty());
     EXPECT_TRUE(desc(kEdsPropID_Tv).empty());
-    EXPECT_EQ(set(kEdsPropID_Av, 0x30), EDS_ERR_INVALID_PARAMETER);
+    EXPECT_EQ(setUInt32(kEdsPropID_Av, 0x30), EDS_ERR_INVALID_PARAMETER);
     ASSERT_TRUE(test::processEventsUntil([&] {
         return log_.count('p', kEdsPropertyEvent_PropertyDescChanged, kEdsPropID_Av) == 1 &&
                log_.count('p', kEdsPropertyEvent_PropertyDescChanged, kEdsPropID_Tv) == 1;
@@ -101,16 +99,16 @@ TEST_F(Simulator, TheAEModeDecidesWhichExposureSettingsTheHostMayChange) {
     EXPECT_EQ(log_.count('p', kEdsPropertyEvent_PropertyDescChanged, kEdsPropID_ISOSpeed), 0u);
 
     // Bulb: the speed is bulb and nothing else.
-    ASSERT_EQ(set(kEdsPropID_AEMode, 4), EDS_ERR_OK);
+    ASSERT_EQ(setUInt32(kEdsPropID_AEMode, 4), EDS_ERR_OK);
     EXPECT_EQ(desc(kEdsPropID_Tv), std::vector<EdsInt32>{0x0C});
-    EXPECT_EQ(get(kEdsPropID_Tv), 0x0Cu);
+    EXPECT_EQ(getUInt32(kEdsPropID_Tv), 0x0Cu);
     ASSERT_TRUE(test::processEventsUntil(
         [&] { return log_.count('p', kEdsPropertyEvent_PropertyChanged, kEdsPropID_Tv) == 1; }));
 
     // Back to manual: the speed leaves bulb for an allowed one.
-    ASSERT_EQ(set(kEdsPropID_AEMode, 3), EDS_ERR_OK);
-    EXPECT_NE(get(kEdsPropID_Tv), 0x0Cu);
-    EXPECT_TRUE(contains(desc(kEdsPropID_Tv), EdsInt32(get(kEdsPropID_Tv))));
+    ASSERT_EQ(setUInt32(kEdsPropID_AEMode, 3), EDS_ERR_OK);
+    EXPECT_NE(getUInt32(kEdsPropID_Tv), 0x0Cu);
+    EXPECT_TRUE(contains(desc(kEdsPropID_Tv), EdsInt32(getUInt32(kEdsPropID_Tv))));
 
     // The dial turned on the body to full auto takes ISO and colour away too.
     ASSERT_EQ(control_->setProperty(kEdsPropID_AEMode, 9), EDS_ERR_OK);
@@ -118,7 +116,7 @@ TEST_F(Simulator, TheAEModeDecidesWhichExposureSettingsTheHostMayChange) {
     EXPECT_TRUE(desc(kEdsPropID_WhiteBalance).empty());
     EXPECT_FALSE(desc(kEdsPropID_ImageQuality).empty());
     EXPECT_EQ(control_->property(kEdsPropID_AEMode).toUInt(), 9u);
-    EXPECT_EQ(set(kEdsPropID_AEMode, 7), EDS_ERR_INVALID_PARAMETER); // not on this dial
+    EXPECT_EQ(setUInt32(kEdsPropID_AEMode, 7), EDS_ERR_INVALID_PARAMETER); // not on this dial
 
     // Values set from outside replace a description and say so.
     ASSERT_EQ(control_->setSupportedValues(kEdsPropID_DriveMode, {0, 0x11}), EDS_ERR_OK);
@@ -126,20 +124,17 @@ TEST_F(Simulator, TheAEModeDecidesWhichExposureSettingsTheHostMayChange) {
     EXPECT_TRUE(test::processEventsUntil(
         [&] { return log_.count('p', kEdsPropertyEvent_PropertyDescChanged, kEdsPropID_DriveMode) == 1; }));
     // Read-only values are the body's.
-    EXPECT_EQ(set(kEdsPropID_BatteryLevel, 10), EDS_ERR_NOT_SUPPORTED);
+    EXPECT_EQ(setUInt32(kEdsPropID_BatteryLevel, 10), EDS_ERR_NOT_SUPPORTED);
     ASSERT_EQ(control_->setProperty(kEdsPropID_BatteryLevel, 0xFFFFFFFF), EDS_ERR_OK);
-    EXPECT_EQ(get(kEdsPropID_BatteryLevel), 0xFFFFFFFFu);
+    EXPECT_EQ(getUInt32(kEdsPropID_BatteryLevel), 0xFFFFFFFFu);
 }
 
 TEST_F(Simulator, ShotsAreRealFilesNamedInOrderAndSizedAsAsked) {
-    open();
-    ASSERT_EQ(set(kEdsPropID_SaveTo, kEdsSaveTo_Host), EDS_ERR_OK);
+    openFirstCamera();
     constexpr uint64_t k30MB = 30ull * 1024 * 1024;
     ASSERT_TRUE(control_->setShotFormat("jpg", k30MB));
-    ASSERT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_TakePicture, 0), EDS_ERR_OK);
-    ASSERT_TRUE(waitForItems(1));
     EdsDirectoryItemInfo info{};
-    QByteArray jpeg = download(log_.items[0], &info);
+    QByteArray jpeg = download(shootToHost(), &info);
     EXPECT_STREQ(info.szFileName, "IMG_0001.JPG");
     ASSERT_EQ(uint64_t(jpeg.size()), k30MB);
     EXPECT_EQ(jpeg.right(2), QByteArray("\xFF\xD9"));
@@ -160,20 +155,18 @@ TEST_F(Simulator, ShotsAreRealFilesNamedInOrderAndSizedAsAsked) {
 
     // Saved to the card only: counted, but the host is not offered it.
     ASSERT_TRUE(control_->setShotFormat("JPG", 0));
-    ASSERT_EQ(set(kEdsPropID_SaveTo, kEdsSaveTo_Camera), EDS_ERR_OK);
-    ASSERT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_TakePicture, 0), EDS_ERR_OK);
-    ASSERT_EQ(set(kEdsPropID_SaveTo, kEdsSaveTo_Host), EDS_ERR_OK);
-    ASSERT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_TakePicture, 0), EDS_ERR_OK);
-    ASSERT_TRUE(waitForItems(3));
+    ASSERT_EQ(setUInt32(kEdsPropID_SaveTo, kEdsSaveTo_Camera), EDS_ERR_OK);
+    ASSERT_EQ(send(kEdsCameraCommand_TakePicture), EDS_ERR_OK);
+    const QByteArray third = download(shootToHost(), &info);
     EXPECT_EQ(control_->shotCount(), 4u);
-    const QByteArray third = download(log_.items[2], &info);
+    EXPECT_EQ(items(), 3u);
     EXPECT_EQ(third.size(), qsizetype(info.size));
     EXPECT_STREQ(info.szFileName, "IMG_0004.JPG"); // the card's counter went on
 }
 
 TEST_F(Simulator, StampedShotsShareOnePictureAndAreToldApartByTheirNumber) {
-    open();
-    ASSERT_EQ(set(kEdsPropID_SaveTo, kEdsSaveTo_Host), EDS_ERR_OK);
+    openFirstCamera();
+    ASSERT_EQ(setUInt32(kEdsPropID_SaveTo, kEdsSaveTo_Host), EDS_ERR_OK);
     control_->setStampedShots(true);
     ASSERT_TRUE(control_->setShotFormat("JPG", 2'000'000));
     for (int i = 0; i < 3; ++i)
@@ -211,45 +204,38 @@ TEST_F(Simulator, StampedShotsShareOnePictureAndAreToldApartByTheirNumber) {
 }
 
 TEST_F(Simulator, ShutterButtonBulbAndInjectedRefusals) {
-    open();
-    ASSERT_EQ(set(kEdsPropID_SaveTo, kEdsSaveTo_Host), EDS_ERR_OK);
-    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_BulbStart, 0),
-              0xA005u); // manual, not bulb
-    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_PressShutterButton, 2),
-              EDS_ERR_INVALID_PARAMETER);
+    openFirstCamera();
+    ASSERT_EQ(setUInt32(kEdsPropID_SaveTo, kEdsSaveTo_Host), EDS_ERR_OK);
+    EXPECT_EQ(send(kEdsCameraCommand_BulbStart), 0xA005u); // manual, not bulb
+    EXPECT_EQ(send(kEdsCameraCommand_PressShutterButton, 2), EDS_ERR_INVALID_PARAMETER);
 
     // Fully pressed: one shot; a take-picture meanwhile is refused as busy.
-    ASSERT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_PressShutterButton,
-                                   kEdsCameraCommand_ShutterButton_Halfway),
+    ASSERT_EQ(send(kEdsCameraCommand_PressShutterButton, kEdsCameraCommand_ShutterButton_Halfway),
               EDS_ERR_OK);
-    ASSERT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_PressShutterButton,
-                                   kEdsCameraCommand_ShutterButton_Completely_NonAF),
+    ASSERT_EQ(send(kEdsCameraCommand_PressShutterButton, kEdsCameraCommand_ShutterButton_Completely_NonAF),
               EDS_ERR_OK);
-    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_TakePicture, 0), EDS_ERR_DEVICE_BUSY);
-    ASSERT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_PressShutterButton,
-                                   kEdsCameraCommand_ShutterButton_OFF),
-              EDS_ERR_OK);
+    EXPECT_EQ(send(kEdsCameraCommand_TakePicture), EDS_ERR_DEVICE_BUSY);
+    ASSERT_EQ(send(kEdsCameraCommand_PressShutterButton, kEdsCameraCommand_ShutterButton_OFF), EDS_ERR_OK);
     EXPECT_EQ(control_->shotCount(), 1u);
 
     // Bulb: the exposure is one shot, made when it ends.
-    ASSERT_EQ(set(kEdsPropID_AEMode, 4), EDS_ERR_OK);
-    ASSERT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_BulbStart, 0), EDS_ERR_OK);
-    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_BulbStart, 0), EDS_ERR_DEVICE_BUSY);
+    ASSERT_EQ(setUInt32(kEdsPropID_AEMode, 4), EDS_ERR_OK);
+    ASSERT_EQ(send(kEdsCameraCommand_BulbStart), EDS_ERR_OK);
+    EXPECT_EQ(send(kEdsCameraCommand_BulbStart), EDS_ERR_DEVICE_BUSY);
     EXPECT_EQ(control_->shotCount(), 1u);
-    clock_.advanceSeconds(30);
-    ASSERT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_BulbEnd, 0), EDS_ERR_OK);
+    simulatorClock().advanceSeconds(30);
+    ASSERT_EQ(send(kEdsCameraCommand_BulbEnd), EDS_ERR_OK);
     EXPECT_EQ(control_->shotCount(), 2u);
     EXPECT_TRUE(
         test::processEventsUntil([&] { return log_.count('s', kEdsStateEvent_BulbExposureTime, 30) == 1; }));
     // The half press focused (AF on) once, and reported it.
     EXPECT_EQ(log_.count('s', kEdsStateEvent_AfResult), 1u);
-    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_BulbEnd, 0), 0xA005u);
+    EXPECT_EQ(send(kEdsCameraCommand_BulbEnd), 0xA005u);
 
     // A refusal aimed at one command leaves the others alone.
     ASSERT_TRUE(control_->injectError("TakePicture", EDS_ERR_TAKE_PICTURE_AF_NG, 1));
-    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_ExtendShutDownTimer, 0), EDS_ERR_OK);
-    EXPECT_EQ(sdk_->EdsSendCommand(camera_.get(), kEdsCameraCommand_TakePicture, 0),
-              EDS_ERR_TAKE_PICTURE_AF_NG);
+    EXPECT_EQ(send(kEdsCameraCommand_ExtendShutDownTimer), EDS_ERR_OK);
+    EXPECT_EQ(send(kEdsCameraCommand_TakePicture), EDS_ERR_TAKE_PICTURE_AF_NG);
     EXPECT_EQ(control_->shotCount(), 2u);
     // The prefix may be left out; a count of 0 withdraws an injection.
     ASSERT_TRUE(control_->injectError("OpenSession", EDS_ERR_DEVICE_BUSY, 5));

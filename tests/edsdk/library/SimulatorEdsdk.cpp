@@ -115,13 +115,6 @@ EdsError queueObject(EdsObjectEvent event, EdsBaseRef ref, EdsVoid *context) {
     return EDS_ERR_OK;
 }
 
-void releaseQueued(EdsSdk &s, std::deque<Event> &events) {
-    for (const Event &e : events)
-        if (e.ref)
-            s.EdsRelease(e.ref);
-    events.clear();
-}
-
 brix::dispatch::ManualClock &manualClock() {
     static auto *clock = new brix::dispatch::ManualClock;
     return *clock;
@@ -174,7 +167,9 @@ EdsError EdsTerminateSDK(void) {
     }
     if (!s)
         return kNotInitialised;
-    releaseQueued(*s, events);
+    for (const Event &e : events) // the references they held
+        if (e.ref)
+            s->EdsRelease(e.ref);
     return s->EdsTerminateSDK();
 }
 
