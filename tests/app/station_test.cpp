@@ -38,26 +38,6 @@ TEST(CommandLine, KeepsUnknownArgumentsChecksTheBackendAndPrintsHelp) {
     EXPECT_TRUE(help.out.contains("--headless"));
 }
 
-// The station writes its whole error stream into the rotating log under the
-// XDG state folder, which starts with the machine report.
-TEST(Station, HeadlessStaysUpUntilSigtermThenEndsCleanly) {
-    test::StationProcess station;
-    ASSERT_TRUE(station.start({"--headless"}, QProcess::SeparateChannels));
-    // Up and running: it logged its start and is still alive a moment later.
-    ASSERT_TRUE(station.waitForLog("starting")) << station.log().toStdString();
-    const QString text = station.log();
-    EXPECT_TRUE(text.left(text.indexOf('\n'))
-                    .endsWith("[Q com.apple.main-thread] +[Logger setLogFile:] file://" +
-                              test::StationProcess::logPath()))
-        << text.toStdString();
-    EXPECT_TRUE(text.contains("    | Physical memory: ")) << text.toStdString();
-    EXPECT_FALSE(station.process().waitForFinished(300));
-    EXPECT_EQ(station.terminate(), 0);
-    EXPECT_TRUE(station.process().readAllStandardError().isEmpty());
-    EXPECT_TRUE(station.log().contains("Caught Terminated ... terminating.")) << station.log().toStdString();
-    EXPECT_TRUE(station.log().contains("ended with status 0")) << station.log().toStdString();
-}
-
 namespace ia = brix::interapp;
 
 using test::Sibling;
@@ -83,14 +63,6 @@ TEST(InterApp, SwitchedOffSendersSendNothingWhileTheOthersWork) {
     EXPECT_EQ(sibling.received[2].userInfo.value("editableTextPackages").toList().size(), 1);
 }
 
-TEST(HotFolder, SplittingKeepsItsSinglePassRule) {
-    EXPECT_TRUE(hotfolder::splitCommandOutput(" \n  \r\n").isEmpty());
-    EXPECT_EQ(hotfolder::splitCommandOutput("/a.jpg\r/b.jpg\r"),
-              hotfolder::splitCommandOutput("/a.jpg\n/b.jpg\n"));
-    EXPECT_EQ(hotfolder::splitCommandOutput("/a.jpg\n\n\n/b.jpg"), (QStringList{"/a.jpg", "", "/b.jpg"}));
-    EXPECT_EQ(hotfolder::commandForFolder("/s f"), "find \"/s f\" -d 1  -name '*.jpg'");
-}
-
 TEST(HotFolder, ListsJpegsDirectlyInTheFolderAndSendsThemInOneMessage) {
     const QString folder = test::testHome() + "/Shots";
     QDir().mkpath(folder + "/sub");
@@ -110,6 +82,13 @@ TEST(HotFolder, ListsJpegsDirectlyInTheFolderAndSendsThemInOneMessage) {
     // A path naming a file, and a value that is not text, send nothing.
     EXPECT_TRUE(hotfolder::sendAllItemsInHotFolder(folder + "/a.jpg").isEmpty());
     EXPECT_TRUE(hotfolder::sendAllItemsInHotFolder(QVariant(42)).isEmpty());
+
+    // Splitting the listing: blank output is no file, CR ends a line as LF
+    // does, and a run of line ends leaves one empty entry.
+    EXPECT_TRUE(hotfolder::splitCommandOutput(" \n  \r\n").isEmpty());
+    EXPECT_EQ(hotfolder::splitCommandOutput("/a.jpg\r/b.jpg\r"),
+              hotfolder::splitCommandOutput("/a.jpg\n/b.jpg\n"));
+    EXPECT_EQ(hotfolder::splitCommandOutput("/a.jpg\n\n\n/b.jpg"), (QStringList{"/a.jpg", "", "/b.jpg"}));
 }
 
 TEST(HotFolder, ScanTimerStartsThenSuspendsAndResumesInTurnOnTheCameraQueue) {
@@ -372,41 +351,46 @@ TEST_F(KeepAlive, HungStationIsKilledAndRelaunched) {
     EXPECT_TRUE(shotIsSavedAndAnnounced());
 }
 
-// Without a session bus the lock file keeps a second copy out; a lock left by
-// a killed copy does not.
-TEST_F(KeepAlive, WithoutABusTheLockFileServesAndAStaleOneNeverBlocks) {
+// Alone: without a session bus the lock file keeps a second copy out, and a
+// lock left by a killed copy does not; without the watchdog beside it the
+// station says so once and runs unmonitored. Its whole error stream goes into
+// the rotating log under the XDG state folder, which starts with the machine
+// report, and SIGTERM still ends it normally.
+TEST_F(KeepAlive, AloneTheLockFileServesAStaleOneNeverBlocksAndSigtermEndsItCleanly) {
     env_.insert("DBUS_SESSION_BUS_ADDRESS", "unix:path=" + home_ + "/no-bus");
     env_.insert("BRIX_CAMERA_BACKEND", "none-here"); // no camera is needed for this
     const QString lock = home_ + "/run/com.lumetra.BrixCanonCapture.lock";
     ASSERT_TRUE(test::writeFile(lock, "99999999\n"));
-    startFirst();
+    const QString copy = home_ + "/bin/BrixCanonCapture";
+    ASSERT_TRUE(QDir().mkpath(home_ + "/bin"));
+    ASSERT_TRUE(QFile::copy(BRIX_EXECUTABLE, copy));
+    first_.setProcessEnvironment(env_);
+    first_.start(copy, {"--headless"});
+    ASSERT_TRUE(waitForLog("missing watchdog! Unexpected termination will not be monitored."))
+        << log().toStdString();
     ASSERT_TRUE(waitForLog("myappinfo = ")) << log().toStdString();
+    EXPECT_TRUE(ours("watchdog").isEmpty());
+    const QString text = log();
+    EXPECT_TRUE(text.left(text.indexOf('\n'))
+                    .endsWith("[Q com.apple.main-thread] +[Logger setLogFile:] file://" +
+                              test::StationProcess::logPath()))
+        << text.toStdString();
+    EXPECT_TRUE(text.contains("    | Physical memory: ")) << text.toStdString();
 
     QProcess second;
     second.setProcessEnvironment(env_);
-    second.start(BRIX_EXECUTABLE, {"--headless"});
+    second.start(copy, {"--headless"});
     ASSERT_TRUE(second.waitForFinished(60000));
     EXPECT_EQ(second.exitCode(), 0);
     EXPECT_TRUE(log().contains("Another Instance of this app is already running"));
     EXPECT_EQ(first_.state(), QProcess::Running);
     EXPECT_EQ(test::readFile(lock).trimmed().toLongLong(), first_.processId());
-}
 
-// Without the watchdog beside it the station says so once and runs
-// unmonitored: a kill is final, SIGTERM still ends it normally.
-TEST_F(KeepAlive, MissingWatchdogLeavesTheStationUnmonitored) {
-    const QString copy = home_ + "/bin/BrixCanonCapture";
-    ASSERT_TRUE(QDir().mkpath(home_ + "/bin"));
-    ASSERT_TRUE(QFile::copy(BRIX_EXECUTABLE, copy));
-    first_.setProcessEnvironment(env_);
-    first_.setProcessChannelMode(QProcess::ForwardedChannels);
-    first_.start(copy, {"--headless"});
-    ASSERT_TRUE(waitForLog("missing watchdog! Unexpected termination will not be monitored."))
-        << log().toStdString();
-    ASSERT_TRUE(waitForLog("myappinfo = "));
-    EXPECT_TRUE(ours("watchdog").isEmpty());
     ::kill(pid_t(first_.processId()), SIGTERM);
     ASSERT_TRUE(finished(first_));
+    EXPECT_EQ(first_.exitStatus(), QProcess::NormalExit);
     EXPECT_EQ(first_.exitCode(), 0);
+    EXPECT_TRUE(first_.readAllStandardError().isEmpty());
     EXPECT_TRUE(log().contains("Caught Terminated ... terminating."));
+    EXPECT_TRUE(log().contains("ended with status 0")) << log().toStdString();
 }

@@ -1,4 +1,5 @@
 #include "CameraPanelModel.h"
+#include "LogCapture.h"
 #include "OKVA_CanonCamera.h"
 #include "Preferences.h"
 #include "TestSupport.h"
@@ -37,6 +38,12 @@ protected:
         test::drain(ViewController::metadataQueue());
         test::processEventsUntil([] { return false; }, std::chrono::milliseconds(50));
     }
+    // The save folder made, and the clock stopped at that moment.
+    void startAt(const QDateTime &now) {
+        vc.createSavePhotosFolder();
+        finish();
+        vc.setClock([now] { return now; });
+    }
     ViewController vc;
     QStringList saved;
 };
@@ -60,35 +67,25 @@ TEST_F(ViewControllerTest, TheSaveFolderIsCreatedUnderHomeOrWhereStoredAndStored
 }
 
 TEST_F(ViewControllerTest, ShotIsNamedByWeekYearTimestampWithLowerCaseExtension) {
-    vc.createSavePhotosFolder();
-    finish();
     // 31 December 2024 falls in week 1 of 2025.
-    vc.setClock([] { return QDateTime(QDate(2024, 12, 31), QTime(23, 59, 59, 123)); });
+    startAt(QDateTime(QDate(2024, 12, 31), QTime(23, 59, 59, 123)));
     vc.newPhoto(shot(jpegLike(), "IMG_0001.JPG"));
-    finish();
-    ASSERT_EQ(saved.size(), 1);
-    EXPECT_EQ(QFileInfo(saved[0]).fileName(), "20251231235959123.jpg");
-    EXPECT_EQ(test::readFile(saved[0]), jpegLike());
-    EXPECT_EQ(vc.fDownloadCount(), 1);
-    EXPECT_EQ(vc.fSavedCount(), 1);
-}
-
-TEST_F(ViewControllerTest, RawShotIsNotValidJpegButIsStillSavedAndAnnounced) {
-    vc.createSavePhotosFolder();
-    finish();
-    vc.setClock([] { return QDateTime(QDate(2025, 6, 1), QTime(10, 0, 0, 1)); });
+    // A raw shot is no valid JPEG, yet it is saved and announced all the same.
     vc.newPhoto(shot(QByteArray("RAW-ish bytes"), "IMG_0002.CR2"));
     finish();
-    ASSERT_EQ(saved.size(), 1);
-    EXPECT_TRUE(saved[0].endsWith(".cr2"));
-    EXPECT_FALSE(ViewController::isValidJPEGFile(saved[0]));
+    ASSERT_EQ(saved.size(), 2);
+    EXPECT_EQ(QFileInfo(saved[0]).fileName(), "20251231235959123.jpg");
+    EXPECT_EQ(test::readFile(saved[0]), jpegLike());
+    EXPECT_EQ(QFileInfo(saved[1]).fileName(), "20251231235959124.cr2");
+    EXPECT_TRUE(ViewController::isValidJPEGFile(saved[0]));
+    EXPECT_FALSE(ViewController::isValidJPEGFile(saved[1]));
     EXPECT_FALSE(ViewController::isValidJPEGFile(QString())); // a missing file is not valid
+    EXPECT_EQ(vc.fDownloadCount(), 2);
+    EXPECT_EQ(vc.fSavedCount(), 2);
 }
 
 TEST_F(ViewControllerTest, TwoShotsInOneMillisecondTakeTheNextFreeMillisecond) {
-    vc.createSavePhotosFolder();
-    finish();
-    vc.setClock([] { return QDateTime(QDate(2025, 6, 1), QTime(10, 0, 0, 5)); });
+    startAt(QDateTime(QDate(2025, 6, 1), QTime(10, 0, 0, 5)));
     // A file left from before takes the second shot's millisecond too.
     QFile(vc.getPathToSavePhotos() + "/20250601100000006.jpg").open(QIODevice::WriteOnly);
     vc.newPhoto(shot(QByteArray("first\xFF\xD9"), "IMG_0003.JPG"));
@@ -104,17 +101,18 @@ TEST_F(ViewControllerTest, TwoShotsInOneMillisecondTakeTheNextFreeMillisecond) {
 TEST_F(ViewControllerTest, FailedWriteAnnouncesNothingButBothCountersGrew) {
     Preferences::standard().setObject(test::testHome() + "/no/such/folder",
                                       ViewController::kPrefSaveFolderPath);
+    test::LogCapture log;
     vc.newPhoto(shot(jpegLike(), "IMG_0005.JPG"));
     finish();
+    EXPECT_EQ(log.matching("failed to save image to path " + test::testHome() + "/no/such/folder/").size(), 1)
+        << log.text().constData();
     EXPECT_TRUE(saved.isEmpty());
     EXPECT_EQ(vc.fDownloadCount(), 1);
     EXPECT_EQ(vc.fSavedCount(), 1);
 }
 
 TEST_F(ViewControllerTest, ANameTakenOnDiskIsSkippedAndNoTemporaryFileIsLeft) {
-    vc.createSavePhotosFolder();
-    finish();
-    vc.setClock([] { return QDateTime(QDate(2025, 6, 1), QTime(10, 0, 0, 7)); });
+    startAt(QDateTime(QDate(2025, 6, 1), QTime(10, 0, 0, 7)));
     const QString folder = vc.getPathToSavePhotos();
     ASSERT_TRUE(QDir().mkpath(folder + "/20250601100000007.jpg/taken")); // from before a restart
     vc.newPhoto(shot(jpegLike(), "IMG_0006.JPG"));

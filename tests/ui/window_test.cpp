@@ -137,7 +137,6 @@ TEST_F(WindowTest, PanelShowsTheBodyAndAChoiceReachesIt) {
     EXPECT_EQ(iso->count(), supported->size());
     EXPECT_EQ(iso->currentText(), "ISO 100");
     EXPECT_LT(iso->findText("ISO 125"), iso->findText("ISO 1000")); // in numerical order
-    EXPECT_EQ(iso->itemText(iso->count() - 1), "ISO 25600");
     for (QWidget *w : window->findChildren<QWidget *>()) {
         if (w->property("tag").isValid()) {
             EXPECT_FALSE(w->accessibleName().isEmpty()) << w->objectName().toStdString();
@@ -172,7 +171,7 @@ TEST_F(WindowTest, PanelShowsTheBodyAndAChoiceReachesIt) {
 
 TEST_F(WindowTest, ShotAppearsWithHistogramAndCountersAndLiveViewStepsAsideForIt) {
     startWithCamera();
-    live.start();
+    QTest::mouseClick(window->findChild<QPushButton *>("liveviewbutton"), Qt::LeftButton);
     ASSERT_TRUE(waitFor([&] { return live.framesShown() >= 3; }));
     EXPECT_GT(live.framesPerSecond(), 0.0);
     EXPECT_TRUE(window->findChild<QLabel *>("liveviewrate")->text().endsWith("fps"));
