@@ -101,7 +101,7 @@ public:
         : connection_(QDBusConnection::connectToBus(QDBusConnection::SessionBus,
                                                     QStringLiteral("sibling%1").arg(++counter_))),
           center_(connection_) {
-        for (const QString &n : names + QStringList{QStringLiteral("sibling.marker")})
+        for (const QString &n : names)
             center_.addObserver(n, [this](const Message &m) { received.push_back(m); });
     }
     ~Sibling() { QDBusConnection::disconnectFromBus(connection_.name()); }
@@ -142,18 +142,6 @@ public:
     bool waitForFiles(size_t count, std::chrono::milliseconds timeout = std::chrono::seconds(30)) {
         return processEventsUntil([&] { return files().size() >= count; }, timeout);
     }
-    // Sends a marker and waits for it: everything posted before it has arrived.
-    void sync() {
-        const size_t before = received.size();
-        post("sibling.marker", QString(), {});
-        processEventsUntil([&] {
-            for (size_t i = before; i < received.size(); ++i)
-                if (received[i].name == "sibling.marker")
-                    return true;
-            return false;
-        });
-    }
-
     std::vector<Message> received;
 
 private:

@@ -6,7 +6,6 @@
 #include <QDBusConnection>
 #include <QDBusInterface>
 #include <QDir>
-#include <QFile>
 #include <QFileInfo>
 #include <QProcess>
 #include <QRegularExpression>

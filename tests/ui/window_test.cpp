@@ -3,7 +3,6 @@
 // remembered camera settings without a camera.
 #include "AppDelegate.h"
 #include "CameraPanelModel.h"
-#include "CameraPanelView.h"
 #include "CameraSettings.h"
 #include "CameraSettingsFile.h"
 #include "HistogramController.h"
@@ -24,7 +23,6 @@
 #include <QDir>
 #include <QFile>
 #include <QLabel>
-#include <QLineEdit>
 #include <QMessageBox>
 #include <QPushButton>
 #include <QSignalSpy>
@@ -137,11 +135,10 @@ TEST_F(WindowTest, PanelShowsTheBodyAndAChoiceReachesIt) {
     EXPECT_EQ(iso->count(), supported->size());
     EXPECT_EQ(iso->currentText(), "ISO 100");
     EXPECT_LT(iso->findText("ISO 125"), iso->findText("ISO 1000")); // in numerical order
-    for (QWidget *w : window->findChildren<QWidget *>()) {
+    for (QWidget *w : window->findChildren<QWidget *>())
         if (w->property("tag").isValid()) {
             EXPECT_FALSE(w->accessibleName().isEmpty()) << w->objectName().toStdString();
         }
-    }
 
     // The body's dial turned to Av: aperture usable, shutter speed not.
     control->setProperty(eds::kEdsPropID_AEMode, 2);
