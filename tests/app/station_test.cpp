@@ -105,13 +105,12 @@ TEST(HotFolder, ScanTimerStartsThenSuspendsAndResumesInTurnOnTheCameraQueue) {
     };
 
     Preferences::standard().setFloat(0, key);
-    delegate.createScanTimer();
+    toggle();
     EXPECT_FALSE(delegate.fTimer) << "no timer without a positive interval";
 
     Preferences::standard().setFloat(2.0, key);
-    delegate.createScanTimer();
+    toggle();
     ASSERT_TRUE(delegate.fTimer);
-    test::drain(queue);
     advance(5); // ticks at 0, 2 and 4
     EXPECT_EQ(delegate.fTimer->ticks(), 3u);
 
@@ -210,11 +209,8 @@ protected:
             return false;
         return QFileInfo::exists(sibling_.files().back().userInfo.value("filePath").toString());
     }
-    void startFirst(const QStringList &extraEnv = {}) {
-        QProcessEnvironment env = env_;
-        for (const QString &kv : extraEnv)
-            env.insert(kv.section('=', 0, 0), kv.section('=', 1));
-        first_.setProcessEnvironment(env);
+    void startFirst() {
+        first_.setProcessEnvironment(env_);
         // The relaunched stations inherit these descriptors: they must outlive
         // the QProcess object.
         first_.setProcessChannelMode(QProcess::ForwardedChannels);
@@ -240,7 +236,9 @@ protected:
 
 TEST_F(KeepAlive, SecondCopyAndHangUpLeaveTheFirstAHungOneIsRelaunchedAndTerminateEndsIt) {
     const QString hang = home_ + "/hang";
-    startFirst({"BRIX_TEST_HANG_FILE=" + hang, "BRIX_WATCHDOG_HANG_SECONDS=5"});
+    env_.insert("BRIX_TEST_HANG_FILE", hang);
+    env_.insert("BRIX_WATCHDOG_HANG_SECONDS", "5");
+    startFirst();
     const pid_t first = waitForStation(0);
     ASSERT_EQ(first, pid_t(first_.processId()));
     const QList<pid_t> watchdog = ours("watchdog");

@@ -22,9 +22,7 @@ Notification shot(const QByteArray &bytes, const QString &cameraName) {
                         {}};
 }
 
-QByteArray jpegLike() {
-    return QByteArray("\xFF\xD8 pretend image \xFF\xD9", 19);
-}
+const QByteArray kJpegLike("\xFF\xD8 pretend image \xFF\xD9", 19);
 
 class ViewControllerTest : public ::testing::Test {
 protected:
@@ -63,13 +61,13 @@ TEST_F(ViewControllerTest, AStoredSaveFolderIsTrimmedExpandedCreatedAndStoredBac
 TEST_F(ViewControllerTest, ShotIsNamedByWeekYearTimestampWithLowerCaseExtension) {
     // 31 December 2024 falls in week 1 of 2025.
     startAt(QDateTime(QDate(2024, 12, 31), QTime(23, 59, 59, 123)));
-    vc.newPhoto(shot(jpegLike(), "IMG_0001.JPG"));
+    vc.newPhoto(shot(kJpegLike, "IMG_0001.JPG"));
     // A raw shot is no valid JPEG, yet it is saved and announced all the same.
     vc.newPhoto(shot(QByteArray("RAW-ish bytes"), "IMG_0002.CR2"));
     finish();
     ASSERT_EQ(saved.size(), 2);
     EXPECT_EQ(QFileInfo(saved[0]).fileName(), "20251231235959123.jpg");
-    EXPECT_EQ(test::readFile(saved[0]), jpegLike());
+    EXPECT_EQ(test::readFile(saved[0]), kJpegLike);
     EXPECT_EQ(QFileInfo(saved[1]).fileName(), "20251231235959124.cr2");
     EXPECT_TRUE(ViewController::isValidJPEGFile(saved[0]));
     EXPECT_FALSE(ViewController::isValidJPEGFile(saved[1]));
@@ -99,7 +97,7 @@ TEST_F(ViewControllerTest, FailedWriteAnnouncesNothingButBothCountersGrew) {
     Preferences::standard().setObject(test::testHome() + "/no/such/folder",
                                       ViewController::kPrefSaveFolderPath);
     test::LogCapture log;
-    vc.newPhoto(shot(jpegLike(), "IMG_0005.JPG"));
+    vc.newPhoto(shot(kJpegLike, "IMG_0005.JPG"));
     finish();
     EXPECT_EQ(log.matching("failed to save image to path " + test::testHome() + "/no/such/folder/").size(), 1)
         << log.text().constData();
