@@ -101,7 +101,7 @@ public:
         : connection_(QDBusConnection::connectToBus(QDBusConnection::SessionBus,
                                                     QStringLiteral("sibling%1").arg(++counter_))),
           center_(connection_) {
-        for (const QString &n : names + QStringList{QStringLiteral("sibling.marker")})
+        for (const QString &n : names)
             center_.addObserver(n, [this](const Message &m) { received.push_back(m); });
     }
     ~Sibling() { QDBusConnection::disconnectFromBus(connection_.name()); }
@@ -142,18 +142,6 @@ public:
     bool waitForFiles(size_t count, std::chrono::milliseconds timeout = std::chrono::seconds(30)) {
         return processEventsUntil([&] { return files().size() >= count; }, timeout);
     }
-    // Sends a marker and waits for it: everything posted before it has arrived.
-    void sync() {
-        const size_t before = received.size();
-        post("sibling.marker", QString(), {});
-        processEventsUntil([&] {
-            for (size_t i = before; i < received.size(); ++i)
-                if (received[i].name == "sibling.marker")
-                    return true;
-            return false;
-        });
-    }
-
     std::vector<Message> received;
 
 private:
@@ -165,29 +153,6 @@ private:
 // The files in the folder, by name.
 inline QStringList filesIn(const QString &folder) {
     return QDir(folder).entryList(QDir::Files, QDir::Name);
-}
-
-// Starts the station with its window on a 1280x800 virtual X screen, its test
-// probe on the bus, and `prefs` (the body of a property-list dictionary) as the
-// user's stored preferences.
-inline bool startWindowStation(QProcess &station, const QString &prefs) {
-    const QString config = qEnvironmentVariable("XDG_CONFIG_HOME") + "/Brix";
-    QDir().mkpath(config);
-    QFile file(config + "/com.lumetra.BrixCanonCapture.plist");
-    if (!file.open(QIODevice::WriteOnly))
-        return false;
-    file.write(QStringLiteral("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<plist version=\"1.0\"><dict>%1"
-                              "</dict></plist>\n")
-                   .arg(prefs)
-                   .toUtf8());
-    file.close();
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.insert("BRIX_WINDOW_PROBE", "1");
-    env.insert("QT_QPA_PLATFORM", "xcb");
-    station.setProcessEnvironment(env);
-    station.start("xvfb-run",
-                  {"-a", "-s", "-screen 0 1280x800x24", BRIX_EXECUTABLE, "--camera-backend=simulator"});
-    return station.waitForStarted(10000);
 }
 
 } // namespace brix::test

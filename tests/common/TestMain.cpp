@@ -13,7 +13,6 @@ using TestApplication = QApplication;
 using TestApplication = QCoreApplication;
 #endif
 #include <QDir>
-#include <QProcess>
 #include <QTemporaryDir>
 
 #include <cstdio>

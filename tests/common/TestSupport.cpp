@@ -82,16 +82,9 @@ bool PrivateBus::start() {
         ::_exit(127);
     }
     ::close(fds[1]);
-    QByteArray line;
-    char buf[256];
-    while (!line.contains('\n')) {
-        ssize_t n = ::read(fds[0], buf, sizeof buf);
-        if (n <= 0)
-            break;
-        line.append(buf, int(n));
-    }
-    ::close(fds[0]);
-    address_ = QString::fromUtf8(line.left(line.indexOf('\n'))).trimmed();
+    QFile out;
+    out.open(fds[0], QIODevice::ReadOnly, QFileDevice::AutoCloseHandle);
+    address_ = QString::fromUtf8(out.readLine()).trimmed();
     if (address_.isEmpty())
         return false;
     qputenv("DBUS_SESSION_BUS_ADDRESS", address_.toUtf8());

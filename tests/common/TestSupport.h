@@ -48,7 +48,6 @@ public:
     PrivateBus(const PrivateBus &) = delete;
     PrivateBus &operator=(const PrivateBus &) = delete;
     bool start();
-    QString address() const { return address_; }
 
 private:
     pid_t pid_ = -1;

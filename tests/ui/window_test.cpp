@@ -3,7 +3,6 @@
 // remembered camera settings without a camera.
 #include "AppDelegate.h"
 #include "CameraPanelModel.h"
-#include "CameraPanelView.h"
 #include "CameraSettings.h"
 #include "CameraSettingsFile.h"
 #include "HistogramController.h"
@@ -24,7 +23,6 @@
 #include <QDir>
 #include <QFile>
 #include <QLabel>
-#include <QLineEdit>
 #include <QMessageBox>
 #include <QPushButton>
 #include <QSignalSpy>
@@ -128,7 +126,6 @@ TEST_F(WindowTest, PanelShowsTheBodyAndAChoiceReachesIt) {
                          if (key == pref::kNameOfCameraFound)
                              statusLines << text("camerastatus");
                      });
-    EXPECT_FALSE(window->windowTitle().isEmpty());
     ASSERT_TRUE(waitFor([&] { return text("camerastatus") == "Canon EOS 5D Mark IV"; }));
     // Pop-ups hold exactly the body's supported values, with its value selected.
     QComboBox *iso = combo("ISOSpeed");
@@ -137,12 +134,10 @@ TEST_F(WindowTest, PanelShowsTheBodyAndAChoiceReachesIt) {
     EXPECT_EQ(iso->count(), supported->size());
     EXPECT_EQ(iso->currentText(), "ISO 100");
     EXPECT_LT(iso->findText("ISO 125"), iso->findText("ISO 1000")); // in numerical order
-    EXPECT_EQ(iso->itemText(iso->count() - 1), "ISO 25600");
-    for (QWidget *w : window->findChildren<QWidget *>()) {
+    for (QWidget *w : window->findChildren<QWidget *>())
         if (w->property("tag").isValid()) {
             EXPECT_FALSE(w->accessibleName().isEmpty()) << w->objectName().toStdString();
         }
-    }
 
     // The body's dial turned to Av: aperture usable, shutter speed not.
     control->setProperty(eds::kEdsPropID_AEMode, 2);
@@ -172,7 +167,7 @@ TEST_F(WindowTest, PanelShowsTheBodyAndAChoiceReachesIt) {
 
 TEST_F(WindowTest, ShotAppearsWithHistogramAndCountersAndLiveViewStepsAsideForIt) {
     startWithCamera();
-    live.start();
+    QTest::mouseClick(window->findChild<QPushButton *>("liveviewbutton"), Qt::LeftButton);
     ASSERT_TRUE(waitFor([&] { return live.framesShown() >= 3; }));
     EXPECT_GT(live.framesPerSecond(), 0.0);
     EXPECT_TRUE(window->findChild<QLabel *>("liveviewrate")->text().endsWith("fps"));
