@@ -15,6 +15,16 @@ bool appendString(DBusMessageIter *it, const QString &text) {
     return appendBasic(it, DBUS_TYPE_STRING, utf8.constData());
 }
 
+bool appendText(DBusMessageIter *it, const QVariant &value) {
+    return appendString(it, value.toString());
+}
+
+// A number as its D-Bus basic type; QVariant converts the few whose C++ type
+// differs from the stored one (bool, and 64 bits as long).
+template <typename Wire, int DBusType> bool appendNumber(DBusMessageIter *it, const QVariant &value) {
+    return appendBasic<Wire>(it, DBusType, value.value<Wire>());
+}
+
 bool appendVariant(DBusMessageIter *it, const QVariant &value);
 
 bool appendBytes(DBusMessageIter *it, const QVariant &value) {
@@ -72,44 +82,16 @@ struct WireType {
 };
 
 constexpr WireType kWireTypes[] = {
-    {QMetaType::QString, "s",
-     [](DBusMessageIter *it, const QVariant &v) { return appendString(it, v.toString()); }},
-    {QMetaType::Bool, "b",
-     [](DBusMessageIter *it, const QVariant &v) {
-         return appendBasic<dbus_bool_t>(it, DBUS_TYPE_BOOLEAN, v.toBool());
-     }},
-    {QMetaType::Int, "i",
-     [](DBusMessageIter *it, const QVariant &v) {
-         return appendBasic<dbus_int32_t>(it, DBUS_TYPE_INT32, v.toInt());
-     }},
-    {QMetaType::UInt, "u",
-     [](DBusMessageIter *it, const QVariant &v) {
-         return appendBasic<dbus_uint32_t>(it, DBUS_TYPE_UINT32, v.toUInt());
-     }},
-    {QMetaType::LongLong, "x",
-     [](DBusMessageIter *it, const QVariant &v) {
-         return appendBasic<dbus_int64_t>(it, DBUS_TYPE_INT64, v.toLongLong());
-     }},
-    {QMetaType::ULongLong, "t",
-     [](DBusMessageIter *it, const QVariant &v) {
-         return appendBasic<dbus_uint64_t>(it, DBUS_TYPE_UINT64, v.toULongLong());
-     }},
-    {QMetaType::UShort, "q",
-     [](DBusMessageIter *it, const QVariant &v) {
-         return appendBasic<dbus_uint16_t>(it, DBUS_TYPE_UINT16, dbus_uint16_t(v.toUInt()));
-     }},
-    {QMetaType::Short, "n",
-     [](DBusMessageIter *it, const QVariant &v) {
-         return appendBasic<dbus_int16_t>(it, DBUS_TYPE_INT16, dbus_int16_t(v.toInt()));
-     }},
-    {QMetaType::UChar, "y",
-     [](DBusMessageIter *it, const QVariant &v) {
-         return appendBasic<unsigned char>(it, DBUS_TYPE_BYTE, static_cast<unsigned char>(v.toUInt()));
-     }},
-    {QMetaType::Double, "d",
-     [](DBusMessageIter *it, const QVariant &v) {
-         return appendBasic<double>(it, DBUS_TYPE_DOUBLE, v.toDouble());
-     }},
+    {QMetaType::QString, "s", appendText},
+    {QMetaType::Bool, "b", appendNumber<dbus_bool_t, DBUS_TYPE_BOOLEAN>},
+    {QMetaType::Int, "i", appendNumber<dbus_int32_t, DBUS_TYPE_INT32>},
+    {QMetaType::UInt, "u", appendNumber<dbus_uint32_t, DBUS_TYPE_UINT32>},
+    {QMetaType::LongLong, "x", appendNumber<dbus_int64_t, DBUS_TYPE_INT64>},
+    {QMetaType::ULongLong, "t", appendNumber<dbus_uint64_t, DBUS_TYPE_UINT64>},
+    {QMetaType::UShort, "q", appendNumber<dbus_uint16_t, DBUS_TYPE_UINT16>},
+    {QMetaType::Short, "n", appendNumber<dbus_int16_t, DBUS_TYPE_INT16>},
+    {QMetaType::UChar, "y", appendNumber<unsigned char, DBUS_TYPE_BYTE>},
+    {QMetaType::Double, "d", appendNumber<double, DBUS_TYPE_DOUBLE>},
     {QMetaType::QByteArray, "ay", appendBytes},
     {QMetaType::QStringList, "av", appendList},
     {QMetaType::QVariantList, "av", appendList},
