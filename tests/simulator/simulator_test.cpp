@@ -57,13 +57,6 @@ protected:
         EXPECT_EQ(sdk_->EdsGetPropertyDesc(camera_.get(), id, &d), EDS_ERR_OK);
         return {d.propDesc, d.propDesc + d.numElements};
     }
-    // A download as the station makes it: the body lets the shot go once told.
-    QByteArray download(EdsBaseRef item, EdsDirectoryItemInfo *info) {
-        QByteArray bytes;
-        EXPECT_EQ(transfer(item, bytes, nullptr, 0, info), EDS_ERR_OK);
-        EXPECT_EQ(sdk_->EdsDownloadComplete(item), EDS_ERR_OK);
-        return bytes;
-    }
 
     SimulatorControl *control_ = nullptr;
 };
